@@ -1,0 +1,44 @@
+# Settings that every target shares, and the two functions that define a library and a test program.
+
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+# What leaves a module is said by export macros; everything else stays inside.
+set(CMAKE_CXX_VISIBILITY_PRESET hidden)
+set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+
+# Programs and modules of one build lie side by side, so that a program finds its modules there.
+set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
+set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
+set(CMAKE_ARCHIVE_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
+set(CMAKE_BUILD_RPATH_USE_ORIGIN ON)
+
+find_program(QOMA_CCACHE ccache)
+if(QOMA_CCACHE)
+  set(CMAKE_CXX_COMPILER_LAUNCHER ${QOMA_CCACHE})
+endif()
+
+add_library(qoma_options INTERFACE)
+target_include_directories(qoma_options INTERFACE ${CMAKE_SOURCE_DIR})
+target_compile_options(qoma_options INTERFACE
+  -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Woverloaded-virtual -Wcast-qual
+  $<$<BOOL:${QOMA_WARNINGS_AS_ERRORS}>:-Werror>)
+if(QOMA_SANITIZE)
+  target_compile_options(qoma_options INTERFACE
+    -fsanitize=${QOMA_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  target_link_options(qoma_options INTERFACE -fsanitize=${QOMA_SANITIZE})
+endif()
+
+# qoma_library(NAME [LIBS ...]): a static library of all sources in the calling folder.
+function(qoma_library name)
+  cmake_parse_arguments(arg "" "" "LIBS" ${ARGN})
+  file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*.cpp)
+  if(NOT sources)
+    file(WRITE ${CMAKE_CURRENT_BINARY_DIR}/empty.cpp "")
+    set(sources ${CMAKE_CURRENT_BINARY_DIR}/empty.cpp)
+  endif()
+  add_library(${name} STATIC ${sources})
+  target_link_libraries(${name} PUBLIC qoma_options ${arg_LIBS})
+endfunction()
