@@ -1,0 +1,99 @@
+#pragma once
+
+// Files: Win32's handles and the runtime's descriptors. Any thread may call anything here; a handle
+// that another thread closes in the middle of a call is kept until the call has ended.
+
+#include "platform/base.h"
+
+#ifdef _WIN32
+
+#include <fcntl.h>
+#include <io.h>
+#include <sys/stat.h>
+
+#else
+
+#include <cstdint>
+
+inline constexpr DWORD GENERIC_READ = 0x80000000u;
+inline constexpr DWORD GENERIC_WRITE = 0x40000000u;
+
+inline constexpr DWORD FILE_SHARE_READ = 1;
+inline constexpr DWORD FILE_SHARE_WRITE = 2;
+inline constexpr DWORD FILE_SHARE_DELETE = 4;
+
+inline constexpr DWORD CREATE_NEW = 1;
+inline constexpr DWORD CREATE_ALWAYS = 2;
+inline constexpr DWORD OPEN_EXISTING = 3;
+inline constexpr DWORD OPEN_ALWAYS = 4;
+inline constexpr DWORD TRUNCATE_EXISTING = 5;
+
+inline constexpr DWORD FILE_ATTRIBUTE_NORMAL = 0x80;
+
+inline constexpr DWORD FILE_BEGIN = 0;
+inline constexpr DWORD FILE_CURRENT = 1;
+inline constexpr DWORD FILE_END = 2;
+inline constexpr DWORD INVALID_SET_FILE_POINTER = 0xFFFFFFFFu;
+
+inline constexpr DWORD HANDLE_FLAG_INHERIT = 1;
+
+struct OVERLAPPED;
+
+// As Win32, INVALID_HANDLE_VALUE with the last error on failure, and on success the last error is
+// ERROR_ALREADY_EXISTS when CREATE_ALWAYS or OPEN_ALWAYS found the file, else 0. Except:
+// - The name goes to the system as it is: the separator is "/", a backslash is a letter like others.
+//   FIFOs and devices open too; a FIFO opened for writing blocks until a reader comes.
+// - Access is GENERIC_READ, GENERIC_WRITE or both; flags are 0 or FILE_ATTRIBUTE_NORMAL; there is no
+//   template file and no security descriptor. Anything else is ERROR_INVALID_PARAMETER.
+// - Share modes hold for regular files, between all handles and descriptors that this layer opened,
+//   in this process and in others, and end with the process that set them, however it ends. Programs
+//   that do not use this layer neither see nor heed them. FILE_SHARE_DELETE is accepted and means
+//   nothing: names can be removed and given to other files at any time.
+// - No handle reaches a child process by its number; see CreateProcessA.
+HANDLE CreateFileA(char const *pszName, DWORD dwAccess, DWORD dwShare,
+                   SECURITY_ATTRIBUTES *pSecurity, DWORD dwDisposition, DWORD dwFlags,
+                   HANDLE hTemplate);
+
+// As Win32: a success with 0 bytes is the end of a file; at the end of a pipe made by CreatePipe it is
+// a failure with ERROR_BROKEN_PIPE. Except: no overlapped operation (ERROR_INVALID_PARAMETER).
+BOOL ReadFile(HANDLE hFile, void *pBuffer, DWORD cb, DWORD *pcbRead, OVERLAPPED *pOverlapped);
+
+// As Win32, ERROR_DISK_FULL and ERROR_NO_DATA (a pipe that nobody reads any more) among the errors.
+// All bytes are written or the call fails; *pcbWritten then tells how many went out before. Except: no
+// overlapped operation (ERROR_INVALID_PARAMETER).
+BOOL WriteFile(HANDLE hFile, void const *pBuffer, DWORD cb, DWORD *pcbWritten,
+               OVERLAPPED *pOverlapped);
+
+// As Win32: the new position in bytes, with a null pnHigh at most 32 bits of it
+// (ERROR_INVALID_PARAMETER otherwise). A failure leaves the position alone: ERROR_NEGATIVE_SEEK in
+// front of the file, ERROR_INVALID_PARAMETER for an unknown method.
+DWORD SetFilePointer(HANDLE hFile, LONG nDistance, LONG *pnHigh, DWORD dwMethod);
+
+// As Win32, except: dwMask must be HANDLE_FLAG_INHERIT, and the handle one of a file or pipe.
+BOOL SetHandleInformation(HANDLE hObject, DWORD dwMask, DWORD dwFlags);
+
+inline constexpr int _O_RDONLY = 0;
+inline constexpr int _O_WRONLY = 1;
+inline constexpr int _O_RDWR = 2;
+inline constexpr int _O_APPEND = 0x8;
+inline constexpr int _O_NOINHERIT = 0x80;
+inline constexpr int _O_CREAT = 0x100;
+inline constexpr int _O_TRUNC = 0x200;
+inline constexpr int _O_EXCL = 0x400;
+inline constexpr int _O_BINARY = 0x8000;
+
+inline constexpr int _S_IWRITE = 0x80;
+inline constexpr int _S_IREAD = 0x100;
+
+// As Win32's runtime: the descriptor, or -1 with errno. Shares everything with other openers, and is
+// refused with EACCES while another one does not. Except: _O_BINARY must be set, since there is no
+// text mode (EINVAL, as for any flag that is not listed), and children never inherit the descriptor.
+int _open(char const *pszName, int nFlags, int nMode = 0);
+
+// As Win32's runtime: cb, or -1 with errno. All bytes are written or the call fails.
+int _write(int fd, void const *pBuffer, unsigned int cb);
+
+// As Win32's runtime: 0, or -1 with errno (EBADF).
+int _close(int fd);
+
+#endif
