@@ -1,0 +1,117 @@
+#!/usr/bin/env bash
+# Runs a program of a Windows build under Wine, in a prefix of that build's own. The build folder holds a
+# ready-made call of this script, "wine-run", that knows the first two arguments:
+#   wine-run PROGRAM [ARGUMENT...]   runs bin/PROGRAM of the build folder. The Windows process takes this script's
+#                                    place: its streams and its exit code (low 8 bits) are the caller's, SIGKILL and
+#                                    SIGTERM end it at once, SIGINT arrives as Ctrl-C.
+#   wine-run --folder                prints the program's current folder, which the caller can reach too: files
+#                                    exchanged with a Windows program go there, under relative names
+#   wine-run --fresh                 makes a fresh prefix, tests it, and keeps Wine's server up until --stop
+#   wine-run --stop                  ends all Windows processes of the prefix and the server
+#   wine-run --remove                as --stop, and removes the prefix
+# usage: scripts/wine-run.sh BUILD-FOLDER 32|64 (as above)
+set -euo pipefail
+
+fail() {
+    echo "wine-run: $1" >&2
+    exit 125
+}
+[[ $# -ge 3 ]] || fail "usage: wine-run.sh BUILD-FOLDER 32|64 PROGRAM [ARGUMENT...]"
+build=$1
+bits=$2
+shift 2
+
+# 64-bit Wine runs in this system. 32-bit Wine runs in its i386 root, which holds a folder for each build.
+if [[ $bits == 64 ]]; then
+    home=$build/wine
+    inside=$home
+    bin=$build/bin
+    enter=(env -C)
+    loader=/usr/lib/wine/wine64
+    server=/usr/lib/wine/wineserver64
+    [[ -x $loader ]] || fail "64-bit Wine is missing (package wine64)"
+else
+    [[ $(id -u) -eq 0 ]] || fail "needs root rights: 32-bit Wine runs in a chroot"
+    root=$("$(dirname "$0")/windows-root.sh" --path)
+    inside=/srv/$(cksum <<<"$build" | cut -d' ' -f1)
+    home=$root$inside
+    bin=$inside/bin
+    enter=(chroot "$root" env -C)
+    loader=/usr/lib/wine/wine
+    server=/usr/lib/wine/wineserver32
+    [[ -x $root$loader ]] || fail "32-bit Wine is missing (scripts/windows-root.sh makes its root)"
+    # Without /proc Wine cannot find its own libraries and loader.
+    export WINEDLLPATH=/usr/lib/i386-linux-gnu/wine
+    export PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root
+    unset TMPDIR
+fi
+folder=$home/folder
+prefix=$home/prefix
+ready=$prefix/.ready
+export WINEPREFIX=$inside/prefix WINELOADER=$loader WINESERVER=$server
+export WINEDEBUG=${WINEDEBUG:--all}
+# No installers of optional parts, no menu entries on the desktop of whoever runs this, no display.
+export WINEDLLOVERRIDES="mscoree,mshtml=;winemenubuilder.exe=d"
+unset DISPLAY WAYLAND_DISPLAY
+
+mkdir -p "$folder" || fail "cannot create $folder"
+
+stop() {
+    if [[ -d $prefix ]]; then timeout 60 "${enter[@]}" "$inside" "$server" -k || true; fi
+}
+
+remove() {
+    stop
+    rm -rf "$prefix"
+}
+
+# A prefix counts as made when Wine has carried an exit code through.
+make_prefix() {
+    local code=0
+    timeout 300 "${enter[@]}" "$inside" "$loader" wineboot --init </dev/null >"$home/log" 2>&1 || code=$?
+    if [[ $code -eq 0 ]]; then
+        timeout 60 "${enter[@]}" "$inside" "$loader" cmd /c exit 42 </dev/null >>"$home/log" 2>&1 || code=$?
+    fi
+    if [[ $code -ne 42 ]]; then
+        tail -n 5 "$home/log" >&2
+        fail "Wine does not work: no prefix could be made in $prefix"
+    fi
+    touch "$ready"
+}
+
+# Test programs start side by side; one of them makes what is missing, the others wait.
+exec {lock}>"$home/lock"
+flock -w 400 "$lock" || fail "another process has been holding $home for too long"
+
+case $1 in
+--folder) echo "$folder" && exit 0 ;;
+--stop) stop && exit 0 ;;
+--remove) remove && exit 0 ;;
+--fresh)
+    remove
+    make_prefix {lock}>&-
+    "${enter[@]}" "$inside" "$server" -p {lock}>&-
+    exit 0
+    ;;
+-*) fail "no such option: $1" ;;
+esac
+
+program=$(basename "$1")
+shift
+[[ -f $build/bin/$program ]] || fail "$build/bin/$program is missing"
+[[ -f $ready ]] || make_prefix {lock}>&-
+if [[ $bits == 32 ]]; then
+    mkdir -p "$home/bin"
+    # In place of the old file, not into it: that one may be running.
+    shopt -s nullglob
+    cp --update --preserve=timestamps --remove-destination "$build"/bin/*.{exe,dll} "$home/bin/"
+    cp /etc/hosts /etc/resolv.conf "$root/etc/" 2>/dev/null || true
+fi
+exec {lock}>&-
+
+# Names of test cases reach ctest without the carriage returns of Windows' text streams.
+if [[ " $* " == *" --gtest_list_tests "* ]]; then
+    "${enter[@]}" "$inside/folder" "$loader" "$bin/$program" "$@" | tr -d '\r'
+    exit
+fi
+exec "${enter[@]}" "$inside/folder" "$loader" "$bin/$program" "$@"
