@@ -1,0 +1,74 @@
+#pragma once
+
+#include "foundation/g_ref.h"
+#include "foundation/g_string.h"
+#include "platform/base.h"
+
+#include <cstdint>
+
+class CCategory;
+class CGEvtMgr;
+
+/// A base category bit that no site uses: the long name of its row is always on the line, as is that of
+/// an error (eEB_ERROR).
+inline constexpr std::uint64_t kBaseAlwaysNamed = 0x10;
+
+/// What all event handlers share: masks, level and state from the registry, the table of custom
+/// categories, the filter, and the format of a line. A concrete handler adds the name of its registry
+/// key, its own parameters, whether it can write at all, and the delivery of a finished line.
+///
+/// Lifetime: created by CGEvtMgr::AddEvtHandler, dies in the manager's destructor. It holds no
+/// reference on the manager, which outlives it.
+/// Threads: once constructed, everything here runs within a traversal of the manager, under its queue
+/// mutex, so that filter, line and delivery of one event see one set of parameters. No lock of its own.
+class CGBaseEvtHandler : public CGReference {
+public:
+    /// Makes the handler, switched off, with a custom table of defaults; the registry is first read by
+    /// LoadParams.
+    /// @param pEvtMgr the manager, not null. @param pszName object name, copied.
+    CGBaseEvtHandler(CGEvtMgr *pEvtMgr, char const *pszName);
+    /// Releases the custom table.
+    ~CGBaseEvtHandler() override;
+
+    /// The name of the handler's key under the manager's key; the text belongs to the handler.
+    virtual char const *GetModuleName() = 0;
+    /// Reads the handler's own parameters; runs after the common ones. The result is dropped.
+    virtual DWORD LoadModuleParams() = 0;
+    /// Not 0 when the handler can take events now.
+    virtual LONG IsOn() = 0;
+    /// Delivers one finished line.
+    /// @param pszText may be extended in place by a line end: a line of WriteEvent leaves 27 bytes and
+    /// more behind its terminator. Null is accepted and delivers nothing.
+    /// @return a foundation result code, dropped by all callers above WriteLine.
+    virtual DWORD WriteText(char *pszText) = 0;
+
+    /// Reads custom table, masks, level and state, then LoadModuleParams. What the registry does not
+    /// hold stays as it was. @return result of CCategory::Load, which is 0.
+    DWORD LoadParams();
+
+    /// The filter: allocates nothing, formats nothing. IsOn is asked once.
+    /// @return 1 when the handler takes such an event, else 0.
+    LONG IsEventOn(std::uint64_t base, std::uint64_t custom, LONG nLevel);
+    LONG IsEventOn(std::uint64_t base) { return IsEventOn(base, 0, 0); }
+
+    /// Builds the line of an event and hands it to WriteLine. It does not ask the filter.
+    /// @param pszText not null. @return the result of WriteLine; 0 when there is no memory for the line.
+    DWORD WriteEvent(char const *pszText, std::uint64_t base, std::uint64_t custom, LONG nLevel);
+    DWORD WriteEvent(char const *pszText, std::uint64_t base)
+    {
+        return WriteEvent(pszText, base, 0, 0);
+    }
+
+    /// Hands a text to WriteText in a copy of its own, whose room WriteText may use.
+    /// @param cb bytes of the copy, room for a line end included. A text that does not fit keeps its
+    /// first cb - 2 characters. @param pszText not null.
+    /// @return that of WriteText; eGE_OUT_OF_MEMORY when the copy cannot be had, or cb is below 1.
+    DWORD WriteLine(LONG cb, char const *pszText);
+
+    std::uint64_t m_BaseCategoryMask;   ///< base categories that the handler takes
+    std::uint64_t m_CustomCategoryMask; ///< custom categories that the handler takes
+    LONG m_Level;                       ///< the highest level that the handler takes
+    LONG m_State;                       ///< 1 is on, anything else off
+    CGEvtMgr *m_pEvtMgr;                ///< not referenced
+    CCategory *m_pCustomCategory;       ///< one reference; null when there was no memory for it
+};

@@ -1,0 +1,371 @@
+#include "evtmgr/g_evtmgr.h"
+
+#include "evtmgr/g_evttext.h"
+#include "evtmgr/g_filehandler.h"
+#include "evtmgr/g_tdhandler.h"
+#include "foundation/g_os.h"
+#include "foundation/g_text.h"
+
+#include <cstdio>
+#include <cstring>
+#include <new>
+
+std::atomic<LONG> g_cEvtMgrs{0};
+
+namespace {
+
+/// Bytes for the text of an event, its terminator included.
+constexpr DWORD kcbEventText = 1024;
+
+/// Bytes of a memory block that go on one line.
+constexpr DWORD kcbDumpLine = 16;
+
+/// Keeps the last error of the thread across a report: a site may stand between a system call and the
+/// question for its error.
+class CLastErrorKeeper {
+public:
+    CLastErrorKeeper() : m_dwError(GetLastError()) {}
+    ~CLastErrorKeeper()
+    {
+        if (GetLastError() != m_dwError)
+            SetLastError(m_dwError);
+    }
+    CLastErrorKeeper(CLastErrorKeeper const &) = delete;
+    CLastErrorKeeper &operator=(CLastErrorKeeper const &) = delete;
+
+private:
+    DWORD m_dwError;
+};
+
+/// The queue mutex for the length of a block.
+class CQueueLock {
+public:
+    explicit CQueueLock(CGQueue &queue) : m_queue(queue) { m_queue.Lock(); }
+    ~CQueueLock() { m_queue.Unlock(); }
+    CQueueLock(CQueueLock const &) = delete;
+    CQueueLock &operator=(CQueueLock const &) = delete;
+
+private:
+    CGQueue &m_queue;
+};
+
+/// The text of one event, formatted into tracked memory; null when there is none.
+class CEventText {
+public:
+    __attribute__((format(printf, 2, 0))) CEventText(char const *pszFmt, va_list args)
+        : m_pszText(static_cast<char *>(GMemAlloc(kcbEventText, __LINE__, __FILE__)))
+    {
+        if (m_pszText == nullptr)
+            return;
+        std::strcpy(m_pszText, g_aszText[eGT_EMPTY_DEFAULT]);
+        // What cannot be converted gives no text; what is too long is cut.
+        if (std::vsnprintf(m_pszText, kcbEventText, pszFmt, args) < 0)
+            *m_pszText = '\0';
+    }
+    ~CEventText() { GMemFree(&m_pszText, kcbEventText, __LINE__, __FILE__); }
+    CEventText(CEventText const &) = delete;
+    CEventText &operator=(CEventText const &) = delete;
+    char const *Get() const { return m_pszText; }
+
+private:
+    char *m_pszText;
+};
+
+/// Counts a heap object of this folder that was just made, or says that it could not be had. Neither is
+/// ever reported: the event manager does not speak of its own parts.
+template <class T>
+T *Counted(T *pObject, char const *pszWhat)
+{
+    if (pObject != nullptr)
+        INC_OBJECT_COUNTER(eEC_NONE, pszWhat);
+    else
+        NEW_OPERATOR(eEC_NONE, pszWhat);
+    return pObject;
+}
+
+CGBaseEvtHandler *NewHandler(CGEvtMgr *pEvtMgr, DWORD kind)
+{
+    switch (kind) {
+    case eHK_TRACE_VIEWER:
+        return Counted<CGBaseEvtHandler>(new (std::nothrow) CGTdEvtHandler(pEvtMgr), "CGTdEvtHandler");
+    case eHK_FILE:
+        return Counted<CGBaseEvtHandler>(new (std::nothrow) CGFileEvtHandler(pEvtMgr), "CGFileEvtHandler");
+    default:
+        return nullptr;
+    }
+}
+
+bool IsReady(CGEvtMgr const *pEvtMgr)
+{
+    return pEvtMgr != nullptr && GEvtMgrIsReady(pEvtMgr) != 0;
+}
+
+/// What the process holds, at one moment.
+struct Totals {
+    int m_cMemory = static_cast<int>(g_cMemory.load());
+    int m_cbMemory = static_cast<int>(g_cbMemory.load());
+    int m_cObjects = static_cast<int>(g_cObjects.load());
+
+    bool IsLeak() const { return m_cMemory != 0 || m_cbMemory != 0 || m_cObjects != 0; }
+};
+
+void ReportLeak(CGEvtMgr *pEvtMgr, Totals const &totals)
+{
+    if (totals.m_cMemory != 0 || totals.m_cbMemory != 0)
+        pEvtMgr->Report(eEB_ERROR, eEC_NONE, eEL_ERROR,
+                        "RemoveEvtMgr: MEMORY LEAK, g_cMemory g_cbMemory = %d %d", totals.m_cMemory,
+                        totals.m_cbMemory);
+    if (totals.m_cObjects != 0)
+        pEvtMgr->Report(eEB_ERROR, eEC_NONE, eEL_ERROR,
+                        "RemoveEvtMgr: OBJECT LEAK, g_cObjects = %d", totals.m_cObjects);
+}
+
+void ReportTotals(CGEvtMgr *pEvtMgr, Totals const &totals)
+{
+    pEvtMgr->Report(eEB_INFO, eEC_NONE, eEL_SUMMARY,
+                    "RemoveEvtMgr: g_cMemory g_cbMemory g_cObjects = %d %d %d", totals.m_cMemory,
+                    totals.m_cbMemory, totals.m_cObjects);
+}
+
+/// A byte in the text column. Only what would end the text or break the line is replaced.
+char DumpChar(unsigned char b)
+{
+    return b == 0 || (b >= 7 && b <= 13) ? ' ' : static_cast<char>(b);
+}
+
+/// One line of a memory block, up to kcbDumpLine bytes; a shorter one is padded to the same columns.
+void DumpLine(std::uint64_t base, std::uint64_t custom, LONG nLevel, unsigned char const *pData,
+              DWORD cbData)
+{
+    char szHex[3 * kcbDumpLine + 2] = "";
+    char szText[kcbDumpLine + 1] = "";
+    char *pszEnd = szHex;
+    for (DWORD n = 0; n < cbData; ++n) {
+        if (n == kcbDumpLine / 2)
+            *pszEnd++ = ' ';
+        pszEnd += std::snprintf(pszEnd, 4, "%2.2x ", static_cast<unsigned>(pData[n]));
+        szText[n] = DumpChar(pData[n]);
+    }
+    G_REPORT(base, custom, nLevel, ": DumpRawData: %-49.49s| %s", szHex, szText);
+}
+
+} // namespace
+
+CGEvtMgr::CGEvtMgr(char const *pszName, DWORD nMode)
+    : CGQueue("CGEvtMgr"), m_fReady(0), m_pBaseCategory(GNewCategory("CGEvtMgr")), m_nMode(nMode)
+{
+    m_fReport = 0;
+    m_strModuleName.Set(pszName);
+    m_strIdString.Set("[UNKWN]: ");
+    AddEvtHandler(eHK_TRACE_VIEWER);
+    AddEvtHandler(eHK_FILE);
+    ReloadParameters();
+    m_fReady.store(1, std::memory_order_release);
+}
+
+CGEvtMgr::~CGEvtMgr()
+{
+    ForEachNode(eEO_REMOVE, nullptr);
+    if (m_pBaseCategory != nullptr)
+        m_pBaseCategory->Release();
+    m_pBaseCategory = nullptr;
+}
+
+DWORD CGEvtMgr::AddEvtHandler(DWORD kind)
+{
+    CGBaseEvtHandler *pHandler = NewHandler(this, kind);
+    if (pHandler == nullptr)
+        return 0;
+    char const *pszNode = kind == eHK_FILE ? "CGFileEvtHandler" : "CGTdEvtHandler";
+    DWORD const dwResult = AddNode(pszNode, pHandler, /*cbData=*/0, /*nPriority=*/1);
+    if (dwResult == eGE_OK)
+        pHandler->AddRef();
+    else
+        pHandler->Release();
+    return dwResult;
+}
+
+DWORD CGEvtMgr::LoadBaseCategory()
+{
+    CQueueLock lock(*this);
+    return m_pBaseCategory != nullptr ? m_pBaseCategory->Load(kszBaseCategoryKey) : 0;
+}
+
+DWORD CGEvtMgr::LoadIdString()
+{
+    CQueueLock lock(*this);
+    CGString strKey;
+    CGString strValue;
+    strValue.Alloc(kcbRegText);
+    if (strValue.m_pszText == nullptr ||
+        !GTextJoin(strKey, {kszModulesKey, g_aszText[eGT_BACKSLASH], GTextOf(m_strModuleName.m_pszText)}))
+        return 0;
+    if (!GRegQueryText(strKey.m_pszText, "Id String", strValue.m_pszText))
+        return 1;
+    GTextJoin(m_strIdString, {strValue.m_pszText});
+    return 0;
+}
+
+DWORD CGEvtMgr::ReloadParameters()
+{
+    LoadBaseCategory();
+    DWORD const dwResult = LoadIdString();
+    ForEachNode(eEO_RELOAD, nullptr);
+    return dwResult;
+}
+
+int CGEvtMgr::VisitNode(CNode *pNode, DWORD op, void *pRec)
+{
+    if (op <= eEO_WRITE_FULL && pRec == nullptr)
+        return 0;
+    auto *pHandler = static_cast<CGBaseEvtHandler *>(pNode->m_pData);
+    if (pHandler == nullptr)
+        return 1;
+
+    int nResult = 1;
+    pHandler->AddRef();
+    switch (op) {
+    case eEO_QUERY_BASE: {
+        auto const *pQuery = static_cast<EvtQueryBaseType const *>(pRec);
+        *pQuery->m_pfOn = pHandler->IsEventOn(pQuery->m_BaseMask);
+        nResult = *pQuery->m_pfOn == 0;
+        break;
+    }
+    case eEO_QUERY_FULL: {
+        auto const *pQuery = static_cast<EvtQueryFullType const *>(pRec);
+        *pQuery->m_pfOn =
+            pHandler->IsEventOn(pQuery->m_BaseMask, pQuery->m_CustomMask, pQuery->m_nLevel);
+        nResult = *pQuery->m_pfOn == 0;
+        break;
+    }
+    case eEO_WRITE_BASE: {
+        auto const *pWrite = static_cast<EvtWriteBaseType const *>(pRec);
+        if (pHandler->IsEventOn(pWrite->m_BaseMask))
+            pHandler->WriteEvent(pWrite->m_pszText, pWrite->m_BaseMask);
+        break;
+    }
+    case eEO_WRITE_FULL: {
+        auto const *pWrite = static_cast<EvtWriteFullType const *>(pRec);
+        if (pHandler->IsEventOn(pWrite->m_BaseMask, pWrite->m_CustomMask, pWrite->m_nLevel))
+            pHandler->WriteEvent(pWrite->m_pszText, pWrite->m_BaseMask, pWrite->m_CustomMask,
+                                 pWrite->m_nLevel);
+        break;
+    }
+    case eEO_RELOAD:
+        pHandler->LoadParams();
+        break;
+    case eEO_REMOVE:
+        // Two references to give up, the list's and that of the creation; the visit's own is the last.
+        if (RemoveAndFreeNode(pNode) == eGE_OK)
+            pHandler->Release();
+        pHandler->Release();
+        break;
+    default:
+        break;
+    }
+    pHandler->Release();
+    return nResult;
+}
+
+DWORD CGEvtMgr::Report(std::uint64_t base, std::uint64_t custom, LONG nLevel, char const *pszFmt, ...)
+{
+    va_list args;
+    va_start(args, pszFmt);
+    ReportV(base, custom, nLevel, pszFmt, args);
+    va_end(args);
+    return 0;
+}
+
+DWORD CGEvtMgr::ReportV(std::uint64_t base, std::uint64_t custom, LONG nLevel, char const *pszFmt,
+                        va_list args)
+{
+    CLastErrorKeeper keeper;
+    LONG fOn = 0;
+    EvtQueryFullType query = {base, custom, nLevel, &fOn};
+    ForEachNode(eEO_QUERY_FULL, &query);
+    if (fOn == 0)
+        return 0;
+    CEventText const text(pszFmt, args);
+    if (text.Get() == nullptr)
+        return 0;
+    EvtWriteFullType write = {text.Get(), base, custom, nLevel};
+    ForEachNode(eEO_WRITE_FULL, &write);
+    return 0;
+}
+
+DWORD CGEvtMgr::ReportBase(std::uint64_t base, char const *pszFmt, ...)
+{
+    CLastErrorKeeper keeper;
+    LONG fOn = 0;
+    EvtQueryBaseType query = {base, &fOn};
+    ForEachNode(eEO_QUERY_BASE, &query);
+    if (fOn == 0)
+        return 0;
+    va_list args;
+    va_start(args, pszFmt);
+    CEventText const text(pszFmt, args);
+    va_end(args);
+    if (text.Get() == nullptr)
+        return 0;
+    EvtWriteBaseType write = {text.Get(), base};
+    ForEachNode(eEO_WRITE_BASE, &write);
+    return 0;
+}
+
+void CGEvtMgr::DumpRawData(std::uint64_t base, std::uint64_t custom, LONG nLevel, void const *pData,
+                           DWORD cbData)
+{
+    auto const *pBytes = static_cast<unsigned char const *>(pData);
+    DWORD cbLeft = pBytes != nullptr ? cbData : 0;
+    for (; cbLeft >= kcbDumpLine; cbLeft -= kcbDumpLine, pBytes += kcbDumpLine)
+        DumpLine(base, custom, nLevel, pBytes, kcbDumpLine);
+    DumpLine(base, custom, nLevel, pBytes, cbLeft);
+}
+
+DWORD CreateEvtMgr(std::atomic<CGEvtMgr *> *ppMgr, char const *pszName)
+{
+    NewEvtMgr(ppMgr, pszName, eEM_NORMAL);
+    ++g_cEvtMgrs;
+    return 0;
+}
+
+DWORD NewEvtMgr(std::atomic<CGEvtMgr *> *ppMgr, char const *pszName, DWORD nMode)
+{
+    ppMgr->store(Counted(new (std::nothrow) CGEvtMgr(pszName, nMode), "CGEvtMgr"));
+    return 0;
+}
+
+DWORD LoadParameters()
+{
+    CLastErrorKeeper keeper;
+    G_REPORT(eEB_INFO, eEC_NONE, eEL_SUMMARY, "LoadParameters: BEGIN Loading new parameters");
+    if (CGEvtMgr *pEvtMgr = g_pEvtMgr.load())
+        pEvtMgr->ReloadParameters();
+    G_REPORT(eEB_INFO, eEC_NONE, eEL_SUMMARY, "LoadParameters: END   Loading new parameters");
+    return 0;
+}
+
+DWORD RemoveEvtMgr(std::atomic<CGEvtMgr *> *ppMgr, char const *pszName)
+{
+    if (ppMgr == nullptr)
+        return eGE_NULL_ARGUMENT;
+    bool const fLast = --g_cEvtMgrs == 0;
+    if (CGEvtMgr *pEvtMgr = ppMgr->load()) {
+        pEvtMgr->Release();
+        ppMgr->store(nullptr);
+    }
+
+    Totals const totals; // taken before the temporary manager, which is not a leak
+    std::atomic<CGEvtMgr *> pTemporary{nullptr};
+    NewEvtMgr(&pTemporary, pszName, eEM_FINAL_REPORT);
+    CGEvtMgr *pFinal = pTemporary.load();
+    if (IsReady(pFinal)) {
+        if (fLast && totals.IsLeak())
+            ReportLeak(pFinal, totals);
+        else
+            ReportTotals(pFinal, totals);
+    }
+    if (pFinal != nullptr)
+        pFinal->Release();
+    return 0;
+}

@@ -1,0 +1,23 @@
+// The three symbols of a diagnostic site (foundation/g_site.h) and nothing else: a test program that
+// defines them itself then links without this object.
+
+#include "evtmgr/g_evtmgr.h"
+
+#include <cstdarg>
+
+std::atomic<CGEvtMgr *> g_pEvtMgr{nullptr};
+
+int GEvtMgrIsReady(CGEvtMgr const *pEvtMgr)
+{
+    return pEvtMgr->m_fReady.load(std::memory_order_acquire) != 0;
+}
+
+DWORD GEvtMgrReport(CGEvtMgr *pEvtMgr, std::uint64_t base, std::uint64_t custom, LONG nLevel,
+                    char const *pszFmt, ...)
+{
+    va_list args;
+    va_start(args, pszFmt);
+    DWORD const dwResult = pEvtMgr->ReportV(base, custom, nLevel, pszFmt, args);
+    va_end(args);
+    return dwResult;
+}
