@@ -19,7 +19,8 @@ public:
     // CreateFileA with these very arguments. eGE_OK; eGE_FILE_OPEN for a null name, which is tested
     // first, or when the system refuses; eGE_FILE_ALREADY_OPEN, and the open file is not touched.
     DWORD Open(char const *pszFileName, DWORD dwAccess, DWORD dwShareMode,
-               LPSECURITY_ATTRIBUTES pSecurity, DWORD dwDisposition, DWORD dwFlags, HANDLE hTemplate);
+               SECURITY_ATTRIBUTES *pSecurity, DWORD dwDisposition, DWORD dwFlags,
+               HANDLE hTemplate);
 
     // eGE_OK, eGE_FILE_NOT_OPEN.
     DWORD Close();

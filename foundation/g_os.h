@@ -22,7 +22,8 @@
 // A diagnostic of the process: the final report of the event manager compares them with 0 and names a
 // leak; nothing else decides on them. Atomic, since threads of all kinds move them and a lost step
 // would name a leak that is none.
-extern std::atomic<DWORD> g_cObjects; // live heap objects of the CGReference family, and CNode records
+extern std::atomic<DWORD>
+    g_cObjects; // live heap objects of the CGReference family, and CNode records
 extern std::atomic<DWORD> g_cMemory;  // live tracked blocks
 extern std::atomic<DWORD> g_cbMemory; // bytes in live tracked blocks
 
@@ -116,7 +117,7 @@ void GMemFree(T **ppBlock, DWORD cbSize, int nLine, char const *pszFile)
 // CreateMutexA into *phMutex. eGE_OK, also when a mutex of this name existed and was opened;
 // eGE_MUTEX_EXISTS when there is no handle because the name exists; eGE_MUTEX_CREATE otherwise.
 // pszName may be null.
-DWORD GMutexCreate(HANDLE *phMutex, LPSECURITY_ATTRIBUTES pSecurity, BOOL fInitialOwner,
+DWORD GMutexCreate(HANDLE *phMutex, SECURITY_ATTRIBUTES *pSecurity, BOOL fInitialOwner,
                    char const *pszName);
 
 // A mutex named after a file, the same for every spelling of the path that differs only in case or in
@@ -135,7 +136,7 @@ DWORD GMutexClose(HANDLE *phMutex);
 
 // CreateEventA into *phEvent. eGE_OK, also when an event of this name existed; else eGE_EVENT_CREATE.
 // pszName may be null.
-DWORD GEventCreate(HANDLE *phEvent, LPSECURITY_ATTRIBUTES pSecurity, BOOL fManualReset,
+DWORD GEventCreate(HANDLE *phEvent, SECURITY_ATTRIBUTES *pSecurity, BOOL fManualReset,
                    BOOL fInitialState, char const *pszName);
 
 // As GMutexClose, with eGE_EVENT_CLOSE.
@@ -160,7 +161,8 @@ char *GStrLower(char *pszText);
 // Reads one value below HKEY_LOCAL_MACHINE into pbBuffer. *pcbSize is the room in bytes on the way in
 // and the value's size on the way out. The type of the value is neither asked for nor checked. On any
 // failure the buffer holds what it held, which is how the callers' defaults survive a missing value.
-LONG GRegQueryValue(char const *pszSubKey, char const *pszValueName, BYTE *pbBuffer, DWORD *pcbSize);
+LONG GRegQueryValue(char const *pszSubKey, char const *pszValueName, BYTE *pbBuffer,
+                    DWORD *pcbSize);
 
 // Opens the subkey number dwIndex of hKey with all access. Its name is put into pszName, a buffer of
 // *pcchName characters; *pcchName becomes its length. The caller closes *phSubKey with RegCloseKey.

@@ -82,13 +82,13 @@ protected:
     LONG m_nPriority;
     LONG m_eKind;
     CGString m_strThreadName;
-    std::atomic<DWORD> m_fIdled{0};          // 1 once the worker has found nothing to do; never cleared
-    std::atomic<LONG> m_eRun{eRS_STOPPING};  // written under m_hThreadMutex only
+    std::atomic<DWORD> m_fIdled{0}; // 1 once the worker has found nothing to do; never cleared
+    std::atomic<LONG> m_eRun{eRS_STOPPING}; // written under m_hThreadMutex only
     DWORD m_dwParam;
     HANDLE m_hThreadMutex = nullptr; // guards the run state and the moves of m_hWake
     HANDLE m_hDone = nullptr;        // manual reset: the worker touches the object no more
     HANDLE m_hWake = nullptr;        // manual reset, created signalled: look again
-    HANDLE m_hStarted = nullptr;     // manual reset, created signalled: the priority has been applied
+    HANDLE m_hStarted = nullptr; // manual reset, created signalled: the priority has been applied
 
 private:
     enum EState : LONG { eWS_START, eWS_NEXT, eWS_WAIT, eWS_WORK, eWS_FLUSH, eWS_EXIT };

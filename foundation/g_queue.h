@@ -50,13 +50,20 @@ public:
     DWORD DestroyNode(CNode **ppNode);
 
     CNode *GetHead() const { return m_pHead; }
-    static CNode *GetNext(CNode const *pNode) { return pNode != nullptr ? pNode->m_pNext : nullptr; }
-    static CNode *GetPrev(CNode const *pNode) { return pNode != nullptr ? pNode->m_pPrev : nullptr; }
+    static CNode *GetNext(CNode const *pNode)
+    {
+        return pNode != nullptr ? pNode->m_pNext : nullptr;
+    }
+    static CNode *GetPrev(CNode const *pNode)
+    {
+        return pNode != nullptr ? pNode->m_pPrev : nullptr;
+    }
     DWORD GetCount() const { return m_cLinked; }
 
 protected:
-    DWORD m_cLinked = 0;             // nodes in the list
-    std::atomic<DWORD> m_cLive{0};   // nodes made and not yet freed; atomic, since FreeNode has no lock
+    DWORD m_cLinked = 0; // nodes in the list
+    std::atomic<DWORD> m_cLive{
+        0}; // nodes made and not yet freed; atomic, since FreeNode has no lock
     CNode *m_pHead = nullptr;
     CGString m_strQueueName;
     char const *m_pszQueueName = nullptr; // text of m_strQueueName when the constructor ended

@@ -13,10 +13,10 @@
 
 class CGReference {
 public:
-    CGReference();                                      // reports, no name given
-    explicit CGReference(char const *pszName);          // reports
-    explicit CGReference(DWORD fReport);                // no name given
-    CGReference(DWORD fReport, char const *pszName);    // the text is copied
+    CGReference();                                   // reports, no name given
+    explicit CGReference(char const *pszName);       // reports
+    explicit CGReference(DWORD fReport);             // no name given
+    CGReference(DWORD fReport, char const *pszName); // the text is copied
     virtual ~CGReference();
     CGReference(CGReference const &) = delete;
     CGReference &operator=(CGReference const &) = delete;

@@ -6,18 +6,19 @@
 
 #include "platform/services.h"
 
-HRESULT RetryCoCreateInstance(REFCLSID rclsid, LPUNKNOWN pOuter, DWORD dwClsContext, REFIID riid,
-                              LPVOID *ppv); // repeats on every result but 0
+// Repeats on every result but 0, so also on a success code other than S_OK.
+HRESULT RetryCoCreateInstance(REFCLSID rclsid, IUnknown *pOuter, DWORD dwContext, REFIID riid,
+                              void **ppObject);
 
-BOOL RetryEnumJobs(HANDLE hPrinter, DWORD nFirstJob, DWORD cJobs, DWORD nLevel, LPBYTE pbJobs,
-                   DWORD cbBuffer, LPDWORD pcbNeeded,
-                   LPDWORD pcReturned); // repeats on ERROR_INVALID_PARAMETER
+// Repeats on ERROR_INVALID_PARAMETER.
+BOOL RetryEnumJobs(HANDLE hPrinter, DWORD dwFirst, DWORD cJobs, DWORD dwLevel, BYTE *pJobs,
+                   DWORD cbJobs, DWORD *pcbNeeded, DWORD *pcReturned);
 
-BOOL RetryOpenPrinter(LPSTR pszPrinter, LPHANDLE phPrinter,
-                      LPPRINTER_DEFAULTSA pDefaults); // repeats on ERROR_INVALID_PARAMETER
+// Repeats on ERROR_INVALID_PARAMETER.
+BOOL RetryOpenPrinter(char *pszPrinter, HANDLE *phPrinter, PRINTER_DEFAULTSA *pDefaults);
 
-BOOL RetryPostThreadMessage(DWORD idThread, UINT nMessage, WPARAM wParam,
-                            LPARAM lParam); // repeats on every failure
+// Repeats on every failure.
+BOOL RetryPostThreadMessage(DWORD dwThread, UINT nMessage, WPARAM wParam, LPARAM lParam);
 
 // The services as the wrappers call them. A test puts its own in their place.
 struct CGRetryServices {

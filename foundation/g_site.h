@@ -28,7 +28,8 @@ DWORD GEvtMgrReport(CGEvtMgr *pEvtMgr, std::uint64_t fBase, std::uint64_t fCusto
                     char const *pszFormat, ...) __attribute__((format(printf, 5, 6)));
 
 // Base category masks.
-inline constexpr std::uint64_t eEB_ENTRY = 0x01; // entry of a function; creation, removal of an object
+inline constexpr std::uint64_t eEB_ENTRY =
+    0x01; // entry of a function; creation, removal of an object
 inline constexpr std::uint64_t eEB_EXIT = 0x02;  // exit of a function
 inline constexpr std::uint64_t eEB_INFO = 0x08;  // counters, parameters, totals
 inline constexpr std::uint64_t eEB_ERROR = 0x20; // failures
@@ -41,9 +42,9 @@ inline constexpr LONG eEL_COUNTER = 2; // movements of the counters
 
 // Custom category masks. 0 in a counter macro (g_os.h) silences its report.
 inline constexpr std::uint64_t eEC_NONE = 0;
-inline constexpr std::uint64_t eEC_CREATE = 0x1000000000000000;       // a queue thread or a node came
+inline constexpr std::uint64_t eEC_CREATE = 0x1000000000000000; // a queue thread or a node came
 inline constexpr std::uint64_t eEC_DESTROY_NODE = 0x2000000000000000; // a node went
-inline constexpr std::uint64_t eEC_OBJECT = 0x8000000000000000;       // life of a CGReference object
+inline constexpr std::uint64_t eEC_OBJECT = 0x8000000000000000; // life of a CGReference object
 
 // Reports an event if there is a manager and it is ready; only then are the format's arguments evaluated.
 #define G_REPORT(fBase, fCustom, nLevel, ...)                                                      \
