@@ -1,0 +1,265 @@
+/*
+ * notifymon: a client of the notification agent. Prints one line per notification.
+ *
+ * stdout carries notifications alone, so that a script can read them; everything else is on stderr.
+ */
+#include "platform/console.h"
+#include "platform/process.h"
+#include "tools/notifymon_client.h"
+
+#include <algorithm>
+#include <atomic>
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <map>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+/* How long a command of --exec can keep the next notification waiting, in milliseconds. */
+constexpr DWORD kCommandLimit = 10000;
+
+enum ExitCode { eXC_DONE = 0, eXC_FAILED = 1, eXC_USAGE = 2 };
+
+struct Options {
+    MonitorOptions monitor;
+    std::vector<std::string> rgstrOn;
+    bool bJson = false;
+    std::string strCommand;
+    std::string strDiscover;
+    unsigned nCount = 0; /* 0: no limit */
+    double rTimeout = 0; /* seconds; 0: no limit */
+};
+
+std::map<std::string, DWORD> const kFlags{
+    {"select", eNF_SELECT},
+    {"adf", eNF_ADF},
+    {"button", eNF_SCANNER_BUTTON},
+    {"fax", eNF_FAX_UPLOAD},
+};
+
+/* For the console's handler, which gets no argument; set while main is in Run. */
+std::atomic<CMonitorClient *> g_pStoppable{nullptr};
+
+BOOL WINAPI OnConsoleEvent(DWORD)
+{
+    if (CMonitorClient *pClient = g_pStoppable.load()) {
+        pClient->Stop();
+    }
+    return TRUE;
+}
+
+void DescribeOptions(CLI::App &app, Options &options)
+{
+    app.add_option("--address", options.monitor.strAddress,
+                   "The device's address or host name (default: this machine)");
+    app.add_option("--port", options.monitor.dwPort,
+                   "The device's TCP port (default: the device link's own)")
+        ->check(CLI::Range(1, 65535));
+    app.add_flag("--local", options.monitor.bLocal, "A device at this machine, over a local link");
+    app.add_option("--option", options.monitor.rgstrOption,
+                   "The text of a panel entry; may be given several times (default: \"notifymon\")")
+        ->allow_extra_args(false)
+        ->check(
+            [](std::string const &strText) { return strText.empty() ? "the text is empty" : ""; });
+    app.add_option(
+           "--on", options.rgstrOn,
+           "What to subscribe to, of select,adf,button,fax (default: all that the link has; "
+           "over a network select,fax)")
+        ->delimiter(',')
+        ->allow_extra_args(false)
+        ->check(CLI::IsMember({"select", "adf", "button", "fax"}));
+    app.add_flag("--json", options.bJson, "One JSON object per notification");
+    app.add_option(
+        "--exec", options.strCommand,
+        "A shell command to run for each notification, one after the other, each waited for "
+        "10 seconds at most; it finds the fields in its environment: NOTIFY_KIND, NOTIFY_CODE, "
+        "NOTIFY_NVALUE, "
+        "NOTIFY_DWVALUE, NOTIFY_OPTION, NOTIFY_SENDER_ADDRESS, NOTIFY_SENDER_NAME");
+    app.add_option("--discover", options.strDiscover,
+                   "Write a discovery job to this file, pipe or device, which must exist");
+    app.add_option("--count", options.nCount, "End after so many notifications")
+        ->check(CLI::Range(1, 1000000000));
+    app.add_option("--timeout", options.rTimeout,
+                   "End after so many seconds; with --count that is a failure")
+        ->check(CLI::Range(0.001, 1e9));
+    app.footer(
+        "Prints one line per notification on stdout and everything else on stderr. Ends on "
+        "Ctrl-C.\n"
+        "Exit code: 0 done, 1 a result code other than 0 or --count not reached in time, 2 bad "
+        "usage.");
+}
+
+/* Fills in what depends on other options. */
+void Complete(Options &options)
+{
+    DWORD dwFlags = 0;
+    for (auto const &strOn : options.rgstrOn) {
+        dwFlags |= kFlags.at(strOn);
+    }
+    if (dwFlags == 0) {
+        dwFlags = eNF_SELECT | eNF_FAX_UPLOAD;
+        if (options.monitor.bLocal) {
+            dwFlags |= eNF_ADF | eNF_SCANNER_BUTTON;
+        }
+    }
+    options.monitor.dwFlags = dwFlags;
+    if (options.monitor.rgstrOption.empty()) {
+        options.monitor.rgstrOption.emplace_back("notifymon");
+    }
+    if (options.monitor.strAddress.empty() && !options.monitor.bLocal) {
+        options.monitor.strAddress = "127.0.0.1";
+    }
+}
+
+/* CLI11's own words, on one line. */
+int RefuseUsage(CLI::ParseError const &error)
+{
+    std::string strReason = error.what();
+    std::replace(strReason.begin(), strReason.end(), '\n', ' ');
+    std::fprintf(stderr, "notifymon: %s (try --help)\n", strReason.c_str());
+    return eXC_USAGE;
+}
+
+void Tell(std::string const &strText)
+{
+    std::fprintf(stderr, "notifymon: %s\n", strText.c_str());
+}
+
+class CMonitor {
+public:
+    explicit CMonitor(Options options) : m_options(std::move(options)), m_client(m_options.monitor)
+    {
+        g_pStoppable = &m_client;
+    }
+    ~CMonitor() { g_pStoppable = nullptr; }
+
+    int Run()
+    {
+        m_tpEnd = m_options.rTimeout > 0
+                      ? Clock::now() + std::chrono::duration_cast<Clock::duration>(
+                                           std::chrono::duration<double>(m_options.rTimeout))
+                      : Clock::time_point::max();
+        if (!Begin()) {
+            return eXC_FAILED;
+        }
+        bool const bDone = Watch();
+        m_client.Unsubscribe();
+        m_client.Disconnect();
+        return bDone ? eXC_DONE : eXC_FAILED;
+    }
+
+private:
+    bool Begin()
+    {
+        if (DWORD const dwResult = m_client.Connect(); dwResult != 0) {
+            Tell("cannot connect: " + ResultText(dwResult));
+            return false;
+        }
+        if (m_client.Subscribe() != 0) {
+            return false;
+        }
+        Tell("ready");
+        return m_options.strDiscover.empty() || Discover();
+    }
+
+    bool Discover()
+    {
+        DWORD dwSequence = 0;
+        DWORD const dwResult = m_client.Discover(m_options.strDiscover, &dwSequence);
+        if (dwResult != 0) {
+            Tell("cannot discover through " + m_options.strDiscover + ": " + ResultText(dwResult));
+            return false;
+        }
+        Tell("discovery job number " + std::to_string(dwSequence) + " written to " +
+             m_options.strDiscover);
+        return true;
+    }
+
+    /* False when --count was not reached in time. */
+    bool Watch()
+    {
+        for (unsigned nSeen = 0; m_options.nCount == 0 || nSeen < m_options.nCount; ++nSeen) {
+            auto const notification = m_client.Next(m_tpEnd);
+            if (!notification) {
+                return HasEndedWell(nSeen);
+            }
+            if (!Show(*notification)) {
+                return false;
+            }
+            if (notification->eType == eCT_LINK_RECOVERED) {
+                // A failure has been told; if the link broke again, the next recovery tries again.
+                (void)m_client.Subscribe();
+                Tell("subscribed again");
+            }
+        }
+        return true;
+    }
+
+    bool HasEndedWell(unsigned nSeen)
+    {
+        if (m_client.IsStopped() || m_options.nCount == 0) {
+            return true;
+        }
+        Tell("timed out with " + std::to_string(nSeen) + " of " + std::to_string(m_options.nCount) +
+             " notifications");
+        return false;
+    }
+
+    /* False when nobody takes our output any more. */
+    bool Show(Notification const &notification)
+    {
+        auto const strLine = m_options.bJson ? JsonLine(notification) : TextLine(notification);
+        if (std::puts(strLine.c_str()) == EOF || std::fflush(stdout) == EOF) {
+            Tell("cannot write to the standard output");
+            return false;
+        }
+        if (!m_options.strCommand.empty()) {
+            RunCommand(notification);
+        }
+        return true;
+    }
+
+    void RunCommand(Notification const &notification)
+    {
+        auto const fields = EnvironmentOf(notification);
+        std::vector<PlatEnvType> variables;
+        for (auto const &[strName, strValue] : fields) {
+            variables.push_back({strName.c_str(), strValue.c_str()});
+        }
+        DWORD dwExitCode = 0;
+        if (!PlatRunCommand(m_options.strCommand.c_str(), variables.data(), variables.size(),
+                            kCommandLimit, &dwExitCode)) {
+            Tell("cannot run the command: error " + std::to_string(GetLastError()));
+        } else if (dwExitCode == STILL_ACTIVE) {
+            Tell("the command has not ended yet; going on without it");
+        } else if (dwExitCode != 0) {
+            Tell("the command ended with exit code " + std::to_string(dwExitCode));
+        }
+    }
+
+    Options const m_options;
+    CMonitorClient m_client;
+    Clock::time_point m_tpEnd;
+};
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    CLI::App app("A client of the notification agent: prints what happens at a device.",
+                 "notifymon");
+    Options options;
+    DescribeOptions(app, options);
+    try {
+        app.parse(argc, argv);
+        Complete(options);
+    } catch (CLI::Success const &success) {
+        return app.exit(success); // --help
+    } catch (CLI::ParseError const &error) {
+        return RefuseUsage(error);
+    }
+    SetConsoleCtrlHandler(OnConsoleEvent, TRUE);
+    return CMonitor(std::move(options)).Run();
+}
