@@ -1,0 +1,65 @@
+#!/usr/bin/env bash
+# Installs what is missing, builds for 32-bit and 64-bit Windows, and runs all tests of both under Wine, each in a
+# fresh prefix of its own. usage: scripts/test-windows.sh [windows-i686|windows-x64] [CTEST-ARGUMENT...]
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+presets=(windows-i686 windows-x64)
+if [[ $# -gt 0 && $1 != -* ]]; then
+    case $1 in
+    windows-i686 | windows-x64) presets=("$1") ;;
+    *)
+        echo "test-windows: no such preset: $1 (windows-i686 or windows-x64)" >&2
+        exit 2
+        ;;
+    esac
+    shift
+fi
+if [[ $(id -u) -ne 0 && " ${presets[*]} " == *" windows-i686 "* ]]; then
+    echo "test-windows: needs root rights: 32-bit Wine runs in a chroot" >&2
+    exit 1
+fi
+
+# Only the compilers with threads, not the whole of mingw-w64.
+scripts/setup.sh googletest g++-mingw-w64-i686-posix g++-mingw-w64-x86-64-posix wine wine64 debootstrap
+
+stop_wine() {
+    local preset
+    for preset in "${presets[@]}"; do
+        if [[ -x build/$preset/wine-run ]]; then "build/$preset/wine-run" --remove 2>/dev/null || true; fi
+    done
+}
+trap stop_wine EXIT
+
+# A root in which Wine has stopped working is made anew, once.
+start_wine() {
+    local run=build/$1/wine-run
+    if [[ $1 == windows-i686 ]]; then
+        scripts/windows-root.sh >/dev/null || return 1
+        "$run" --fresh && return 0
+        scripts/windows-root.sh --remake >/dev/null || return 1
+    fi
+    "$run" --fresh
+}
+
+summary=()
+failed=0
+test_preset() {
+    local preset=$1 began=$SECONDS log=build/$1/tests.log
+    shift
+    scripts/build.sh "$preset" || return 1
+    start_wine "$preset" || return 1
+    local code=0
+    ctest --preset "$preset" -j "$(nproc)" "$@" 2>&1 | tee "$log" || code=$?
+    summary+=("$preset: $(grep -E '^[0-9]+% tests passed' "$log" || echo "no tests ran"), $(grep -c 'Skipped  ' "$log" || true) skipped, $((SECONDS - began)) s")
+    return "$code"
+}
+
+for preset in "${presets[@]}"; do
+    if ! test_preset "$preset" "$@"; then
+        summary+=("$preset: FAILED")
+        failed=1
+    fi
+done
+printf 'test-windows: %s\n' "${summary[@]}"
+exit $failed

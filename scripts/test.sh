@@ -1,0 +1,15 @@
+#!/usr/bin/env bash
+# Installs what is missing, builds, and runs all tests. usage: scripts/test.sh [PRESET] [CTEST-ARGUMENT...]
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+preset=default
+if [[ $# -gt 0 && $1 != -* ]]; then
+    preset=$1
+    shift
+fi
+packages=()
+[[ $preset == clang ]] && packages=(clang)
+scripts/setup.sh "${packages[@]}"
+scripts/build.sh "$preset"
+exec ctest --preset "$preset" -j "$(nproc)" "$@"
