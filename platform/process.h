@@ -3,6 +3,7 @@
 // Processes: starting, waiting for and ending them, pipes to them, and what a process knows of itself.
 
 #include "platform/base.h"
+#include "platform/thread.h" // STILL_ACTIVE
 
 #include <cstddef>
 
@@ -38,7 +39,6 @@ struct PROCESS_INFORMATION {
 
 inline constexpr DWORD STARTF_USESTDHANDLES = 0x100;
 inline constexpr DWORD CREATE_NEW_PROCESS_GROUP = 0x200;
-inline constexpr DWORD STILL_ACTIVE = 259;
 
 inline constexpr DWORD STD_INPUT_HANDLE = static_cast<DWORD>(-10);
 inline constexpr DWORD STD_OUTPUT_HANDLE = static_cast<DWORD>(-11);
