@@ -55,24 +55,25 @@ constexpr DWORD kDolRtlDefaultPort = 19290;
 /* Results of the operations. The numbers are the system's for errors of the same meaning. */
 enum DolRtlResult : DWORD {
     eDR_OK = 0,
-    eDR_NO_MORE_TRAPS = 2,        /* ReadTrap only: nothing waits */
-    eDR_REFUSED = 5,              /* the device does not allow this for this object */
-    eDR_NO_MEMORY = 8,            /* also: the object could not start its thread or socket */
-    eDR_BAD_ANSWER = 13,          /* the device's answer makes no sense */
-    eDR_DEVICE_FAILED = 31,       /* the device tried and failed */
-    eDR_INVALID_ARGUMENT = 87,    /* a null or empty argument, or a value longer than 32 KiB */
-    eDR_TIMEOUT = 121,            /* no answer in time; the device may still carry the request out */
-    eDR_BUSY = 170,               /* SCAN_TOKEN: another host holds it, or has had this press */
-    eDR_NO_SUCH_OBJECT = 1168,    /* unknown object, panel entry, or registration */
-    eDR_BAD_ADDRESS = 1214,       /* empty over a network, not resolvable, or a port above 65535 */
-    eDR_CONNECT_REFUSED = 1225,   /* nothing listens there */
-    eDR_NOT_STARTED = 1229,       /* Init has not been called */
-    eDR_UNREACHABLE = 1231,       /* no way to the device */
-    eDR_LINK_LOST = 1236,         /* the connection broke, or never came about */
-    eDR_ALREADY_STARTED = 1242,   /* Init has been called before */
-    eDR_VERSION_MISMATCH = 1306,  /* the device speaks another version of the protocol */
-    eDR_WRONG_TYPE = 1629,        /* data type or length do not fit the object */
-    eDR_DEVICE_FULL = 1816,       /* the panel takes no more entries */
+    eDR_NO_MORE_TRAPS = 2,       /* ReadTrap only: nothing waits */
+    eDR_REFUSED = 5,             /* the device does not allow this for this object */
+    eDR_NO_MEMORY = 8,           /* also: the object could not start its thread or socket */
+    eDR_BAD_ANSWER = 13,         /* the device's answer makes no sense */
+    eDR_WRONG_LENGTH = 24,       /* the value's length does not fit the object */
+    eDR_DEVICE_FAILED = 31,      /* the device tried and failed */
+    eDR_INVALID_ARGUMENT = 87,   /* a null or empty argument, or a value longer than 32 KiB */
+    eDR_TIMEOUT = 121,           /* no answer in time; the device may still carry the request out */
+    eDR_BUSY = 170,              /* SCAN_TOKEN: another host holds it, or has had this press */
+    eDR_NO_SUCH_OBJECT = 1168,   /* unknown object, panel entry, or registration */
+    eDR_BAD_ADDRESS = 1214,      /* empty over a network, not resolvable, or a port above 65535 */
+    eDR_CONNECT_REFUSED = 1225,  /* nothing listens there */
+    eDR_NOT_STARTED = 1229,      /* Init has not been called */
+    eDR_UNREACHABLE = 1231,      /* no way to the device */
+    eDR_LINK_LOST = 1236,        /* the connection broke, or never came about */
+    eDR_ALREADY_STARTED = 1242,  /* Init has been called before */
+    eDR_VERSION_MISMATCH = 1306, /* the device speaks another version of the protocol */
+    eDR_WRONG_TYPE = 1629,       /* the data type does not fit the object */
+    eDR_DEVICE_FULL = 1816,      /* the panel takes no more entries */
 };
 
 /*
@@ -148,8 +149,8 @@ public:
      * out-values untouched, also after the link was lost. 1024 traps wait at most; after that the
      * oldest gives way. Several threads may drain at once, each trap goes to one of them.
      */
-    DWORD ReadTrap(unsigned char *pBuffer, DWORD cbBuffer, DWORD *pcbOut,
-                   unsigned char *pDataType, unsigned short *pwTrapId);
+    DWORD ReadTrap(unsigned char *pBuffer, DWORD cbBuffer, DWORD *pcbOut, unsigned char *pDataType,
+                   unsigned short *pwTrapId);
 
     /*
      * Over a network the text that Init was given; over a local link the text that the device knows

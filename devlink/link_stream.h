@@ -1,0 +1,97 @@
+#pragma once
+/*
+ * A TCP connection that carries frames, with a deadline on everything.
+ *
+ * One thread may receive while another sends; two senders at once would mix their bytes and have to
+ * be kept apart by the owner. Close may be called by any thread at any time and wakes both.
+ */
+#include "devlink/link_frame.h"
+#include "platform/socket.h"
+
+#include <atomic>
+#include <chrono>
+#include <string>
+
+using LinkClock = std::chrono::steady_clock;
+using LinkTime = LinkClock::time_point;
+
+// Whole milliseconds until then, rounded up, 0 when it has passed.
+DWORD MillisecondsUntil(LinkTime then);
+
+// An IPv4 address and port, both in host order.
+struct LinkAddress {
+    DWORD dwHost = 0;
+    WORD wPort = 0;
+    bool operator==(LinkAddress const &) const = default;
+    bool operator<(LinkAddress const &other) const;
+};
+
+// Four decimal numbers from 0 to 255 with dots, nothing else ("010" and "1.2.3" are refused).
+bool ParseDottedAddress(std::string const &str, DWORD *pdwHost);
+// "a.b.c.d:port", port 1 to 65535, to a single host: not 0.x, not multicast, not broadcast.
+bool ParseHostAndPort(std::string const &str, LinkAddress *pAddress);
+std::string FormatAddress(LinkAddress const &address); // "a.b.c.d:port"
+
+sockaddr_in ToSockAddr(LinkAddress const &address);
+LinkAddress FromSockAddr(sockaddr_in const &address);
+
+// Holds a start of the socket library.
+class CSocketLibrary {
+public:
+    CSocketLibrary();
+    ~CSocketLibrary();
+    CSocketLibrary(CSocketLibrary const &) = delete;
+    CSocketLibrary &operator=(CSocketLibrary const &) = delete;
+
+private:
+    bool m_fStarted;
+};
+
+// Owns a socket; closed once, whoever comes first.
+class CLinkSocket {
+public:
+    explicit CLinkSocket(SOCKET s = INVALID_SOCKET) : m_s(s) {}
+    ~CLinkSocket() { Close(); }
+    CLinkSocket(CLinkSocket const &) = delete;
+    CLinkSocket &operator=(CLinkSocket const &) = delete;
+
+    SOCKET Get() const { return m_s.load(); }
+    bool IsOpen() const { return Get() != INVALID_SOCKET; }
+    void Set(SOCKET s); // closes what it held
+    void Close() { Set(INVALID_SOCKET); }
+
+private:
+    std::atomic<SOCKET> m_s;
+};
+
+enum LinkReceive {
+    eRX_FRAME,
+    eRX_TIMEOUT,
+    eRX_CLOSED,  // by the peer, by Close, or by an error
+    eRX_GARBAGE, // the peer does not speak this protocol
+};
+
+class CLinkStream {
+public:
+    explicit CLinkStream(SOCKET s = INVALID_SOCKET);
+
+    // Connects. 0, or the socket library's error (WSAETIMEDOUT when the time was up).
+    int Connect(LinkAddress const &address, LinkTime deadline);
+
+    // Sends the frame whole. False when it could not be sent by then or the connection broke; part of
+    // it may be under way, so the stream is of no further use and has been closed.
+    bool Send(LinkBytes const &frame, LinkTime deadline);
+
+    LinkReceive Receive(LinkFrame *pFrame, LinkTime deadline);
+
+    // For good: a Connect that comes later, or is under way, fails.
+    void Close();
+    LinkAddress Peer() const; // zeroes when not connected
+
+private:
+    bool SendPiece(BYTE const *p, size_t cb, LinkTime deadline, size_t *pcbSent);
+
+    std::atomic<bool> m_fClosed{false};
+    CLinkSocket m_socket;
+    CLinkDecoder m_decoder; // the receiving thread's
+};
