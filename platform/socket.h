@@ -9,6 +9,7 @@
 // call on it.
 
 #include "platform/base.h"
+#include "platform/sync.h" // INFINITE
 
 #ifdef _WIN32
 
