@@ -70,8 +70,8 @@ private:
 } // namespace
 
 CGBaseEvtHandler::CGBaseEvtHandler(CGEvtMgr *pEvtMgr, char const *pszName)
-    : CGReference(0, pszName), m_BaseCategoryMask(0), m_CustomCategoryMask(0), m_Level(0), m_State(0),
-      m_pEvtMgr(nullptr), m_pCustomCategory(nullptr)
+    : CGReference(0, pszName), m_BaseCategoryMask(0), m_CustomCategoryMask(0), m_Level(0),
+      m_State(0), m_pEvtMgr(nullptr), m_pCustomCategory(nullptr)
 {
     m_pCustomCategory = GNewCategory(pszName);
     m_pEvtMgr = pEvtMgr;

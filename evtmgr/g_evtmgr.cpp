@@ -87,12 +87,40 @@ CGBaseEvtHandler *NewHandler(CGEvtMgr *pEvtMgr, DWORD kind)
 {
     switch (kind) {
     case eHK_TRACE_VIEWER:
-        return Counted<CGBaseEvtHandler>(new (std::nothrow) CGTdEvtHandler(pEvtMgr), "CGTdEvtHandler");
+        return Counted<CGBaseEvtHandler>(new (std::nothrow) CGTdEvtHandler(pEvtMgr),
+                                         "CGTdEvtHandler");
     case eHK_FILE:
-        return Counted<CGBaseEvtHandler>(new (std::nothrow) CGFileEvtHandler(pEvtMgr), "CGFileEvtHandler");
+        return Counted<CGBaseEvtHandler>(new (std::nothrow) CGFileEvtHandler(pEvtMgr),
+                                         "CGFileEvtHandler");
     default:
         return nullptr;
     }
+}
+
+/// The visits of a query: 0 ends it at the first handler that takes the event.
+int Query(CGBaseEvtHandler *pHandler, EvtQueryBaseType const &query)
+{
+    *query.m_pfOn = pHandler->IsEventOn(query.m_BaseMask);
+    return *query.m_pfOn == 0;
+}
+
+int Query(CGBaseEvtHandler *pHandler, EvtQueryFullType const &query)
+{
+    *query.m_pfOn = pHandler->IsEventOn(query.m_BaseMask, query.m_CustomMask, query.m_nLevel);
+    return *query.m_pfOn == 0;
+}
+
+/// The visits of a write: each handler tests the event again, for a reload may have come in between.
+void Write(CGBaseEvtHandler *pHandler, EvtWriteBaseType const &write)
+{
+    if (pHandler->IsEventOn(write.m_BaseMask))
+        pHandler->WriteEvent(write.m_pszText, write.m_BaseMask);
+}
+
+void Write(CGBaseEvtHandler *pHandler, EvtWriteFullType const &write)
+{
+    if (pHandler->IsEventOn(write.m_BaseMask, write.m_CustomMask, write.m_nLevel))
+        pHandler->WriteEvent(write.m_pszText, write.m_BaseMask, write.m_CustomMask, write.m_nLevel);
 }
 
 bool IsReady(CGEvtMgr const *pEvtMgr)
@@ -198,7 +226,8 @@ DWORD CGEvtMgr::LoadIdString()
     CGString strValue;
     strValue.Alloc(kcbRegText);
     if (strValue.m_pszText == nullptr ||
-        !GTextJoin(strKey, {kszModulesKey, g_aszText[eGT_BACKSLASH], GTextOf(m_strModuleName.m_pszText)}))
+        !GTextJoin(strKey,
+                   {kszModulesKey, g_aszText[eGT_BACKSLASH], GTextOf(m_strModuleName.m_pszText)}))
         return 0;
     if (!GRegQueryText(strKey.m_pszText, "Id String", strValue.m_pszText))
         return 1;
@@ -225,32 +254,18 @@ int CGEvtMgr::VisitNode(CNode *pNode, DWORD op, void *pRec)
     int nResult = 1;
     pHandler->AddRef();
     switch (op) {
-    case eEO_QUERY_BASE: {
-        auto const *pQuery = static_cast<EvtQueryBaseType const *>(pRec);
-        *pQuery->m_pfOn = pHandler->IsEventOn(pQuery->m_BaseMask);
-        nResult = *pQuery->m_pfOn == 0;
+    case eEO_QUERY_BASE:
+        nResult = Query(pHandler, *static_cast<EvtQueryBaseType const *>(pRec));
         break;
-    }
-    case eEO_QUERY_FULL: {
-        auto const *pQuery = static_cast<EvtQueryFullType const *>(pRec);
-        *pQuery->m_pfOn =
-            pHandler->IsEventOn(pQuery->m_BaseMask, pQuery->m_CustomMask, pQuery->m_nLevel);
-        nResult = *pQuery->m_pfOn == 0;
+    case eEO_QUERY_FULL:
+        nResult = Query(pHandler, *static_cast<EvtQueryFullType const *>(pRec));
         break;
-    }
-    case eEO_WRITE_BASE: {
-        auto const *pWrite = static_cast<EvtWriteBaseType const *>(pRec);
-        if (pHandler->IsEventOn(pWrite->m_BaseMask))
-            pHandler->WriteEvent(pWrite->m_pszText, pWrite->m_BaseMask);
+    case eEO_WRITE_BASE:
+        Write(pHandler, *static_cast<EvtWriteBaseType const *>(pRec));
         break;
-    }
-    case eEO_WRITE_FULL: {
-        auto const *pWrite = static_cast<EvtWriteFullType const *>(pRec);
-        if (pHandler->IsEventOn(pWrite->m_BaseMask, pWrite->m_CustomMask, pWrite->m_nLevel))
-            pHandler->WriteEvent(pWrite->m_pszText, pWrite->m_BaseMask, pWrite->m_CustomMask,
-                                 pWrite->m_nLevel);
+    case eEO_WRITE_FULL:
+        Write(pHandler, *static_cast<EvtWriteFullType const *>(pRec));
         break;
-    }
     case eEO_RELOAD:
         pHandler->LoadParams();
         break;
@@ -267,7 +282,8 @@ int CGEvtMgr::VisitNode(CNode *pNode, DWORD op, void *pRec)
     return nResult;
 }
 
-DWORD CGEvtMgr::Report(std::uint64_t base, std::uint64_t custom, LONG nLevel, char const *pszFmt, ...)
+DWORD CGEvtMgr::Report(std::uint64_t base, std::uint64_t custom, LONG nLevel, char const *pszFmt,
+                       ...)
 {
     va_list args;
     va_start(args, pszFmt);

@@ -111,7 +111,8 @@ public:
     DWORD ReportV(std::uint64_t base, std::uint64_t custom, LONG nLevel, char const *pszFmt,
                   va_list args) __attribute__((format(printf, 5, 0)));
     /// The same with a base mask alone: custom mask 0 and level 0.
-    DWORD ReportBase(std::uint64_t base, char const *pszFmt, ...) __attribute__((format(printf, 3, 4)));
+    DWORD ReportBase(std::uint64_t base, char const *pszFmt, ...)
+        __attribute__((format(printf, 3, 4)));
 
     /// Reports a memory block in lines of 16 bytes, hexadecimal and as text; a last line with the rest
     /// always comes, blank when nothing is left. It goes through g_pEvtMgr, not through this object.
@@ -119,11 +120,11 @@ public:
     void DumpRawData(std::uint64_t base, std::uint64_t custom, LONG nLevel, void const *pData,
                      DWORD cbData);
 
-    std::atomic<LONG> m_fReady;  ///< 0 until the constructor has finished, then 1; nothing clears it
-    CGString m_strModuleName;    ///< the key below Modules; constant after construction
-    CGString m_strIdString;      ///< head of every line; under the queue mutex
-    CCategory *m_pBaseCategory;  ///< one reference; null without memory; under the queue mutex
-    DWORD m_nMode;               ///< eEM_...; constant after construction
+    std::atomic<LONG> m_fReady; ///< 0 until the constructor has finished, then 1; nothing clears it
+    CGString m_strModuleName;   ///< the key below Modules; constant after construction
+    CGString m_strIdString;     ///< head of every line; under the queue mutex
+    CCategory *m_pBaseCategory; ///< one reference; null without memory; under the queue mutex
+    DWORD m_nMode;              ///< eEM_...; constant after construction
 };
 
 /// CreateEvtMgr calls not yet matched by RemoveEvtMgr; 0 at load. CreateEvtMgr and RemoveEvtMgr must not
