@@ -84,7 +84,10 @@ void CGQThread::StartThread()
     }
     m_hThread = reinterpret_cast<HANDLE>(hThread);
     m_idThread = idThread;
-    ResumeThread(m_hThread);
+    if (ResumeThread(m_hThread) == static_cast<DWORD>(-1)) {
+        CloseHandle(m_hThread);
+        m_hThread = INVALID_HANDLE_VALUE; // it will never run, so nobody may wait for its end
+    }
 }
 
 void CGQThread::StartAfxThread()
@@ -101,7 +104,10 @@ void CGQThread::StartAfxThread()
     }
     m_hThread = pThread->m_hThread;
     m_idThread = pThread->m_nThreadID;
-    pThread->ResumeThread();
+    if (pThread->ResumeThread() == static_cast<DWORD>(-1)) {
+        delete pThread;
+        m_hThread = INVALID_HANDLE_VALUE;
+    }
 }
 
 void CGQThread::LockThread()

@@ -1,0 +1,1 @@
+#include "tests/support/site_recorder.inc"

@@ -1,0 +1,71 @@
+// Small guards that several test programs share.
+
+#pragma once
+
+#include "foundation/g_os.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <filesystem>
+#include <random>
+#include <string>
+#include <thread>
+
+// At the end of its block the three counters must be back at what they were at its start.
+class CCountersGuard {
+public:
+    CCountersGuard() = default;
+    ~CCountersGuard()
+    {
+        EXPECT_EQ(g_cObjects, m_cObjects);
+        EXPECT_EQ(g_cMemory, m_cMemory);
+        EXPECT_EQ(g_cbMemory, m_cbMemory);
+    }
+    CCountersGuard(CCountersGuard const &) = delete;
+    CCountersGuard &operator=(CCountersGuard const &) = delete;
+
+    DWORD const m_cObjects = g_cObjects;
+    DWORD const m_cMemory = g_cMemory;
+    DWORD const m_cbMemory = g_cbMemory;
+};
+
+// Waits until fnDone() is true and returns whether it became so. The limit is for a broken build, not
+// for a slow machine.
+template <class Condition>
+bool WaitFor(Condition fnDone, std::chrono::seconds limit = std::chrono::seconds(30))
+{
+    auto const deadline = std::chrono::steady_clock::now() + limit;
+    while (!fnDone()) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
+// A folder of the test's own, gone with all that is in it at the end of the block.
+class CTempDir {
+public:
+    CTempDir()
+    {
+        std::random_device random;
+        do {
+            m_path = std::filesystem::temp_directory_path() / ("qoma-" + std::to_string(random()));
+        } while (!std::filesystem::create_directory(m_path));
+    }
+    ~CTempDir()
+    {
+        std::error_code error;
+        std::filesystem::remove_all(m_path, error);
+        EXPECT_FALSE(error) << m_path << ": " << error.message();
+    }
+    CTempDir(CTempDir const &) = delete;
+    CTempDir &operator=(CTempDir const &) = delete;
+
+    std::string File(char const *pszName) const { return (m_path / pszName).string(); }
+
+private:
+    std::filesystem::path m_path;
+};
