@@ -1,0 +1,106 @@
+"""The programs as processes: starting them, giving them commands, waiting for what they print.
+
+QOMA_MFPSIM and QOMA_NOTIFYMON hold the command lines that start them, which may begin with a wrapper.
+"""
+import json
+import os
+import re
+import shlex
+import signal
+import subprocess
+import threading
+
+# Generous: a busy machine, a sanitizer or Wine must not fail a test.
+LIMIT = float(os.environ.get("QOMA_E2E_LIMIT", "30"))
+
+
+class Program:
+    """A running program. Lines of both its streams are kept in the order of their arrival."""
+
+    def __init__(self, variable, *arguments):
+        command = shlex.split(os.environ[variable]) + [str(a) for a in arguments]
+        self.name = variable.removeprefix("QOMA_").lower()
+        self.process = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                                        stderr=subprocess.PIPE, text=True, errors="replace")
+        self.changed = threading.Condition()
+        self.lines = {"out": [], "err": []}
+        self.taken = {"out": 0, "err": 0}
+        self.readers = [threading.Thread(target=self._read, args=(name, stream))
+                        for name, stream in (("out", self.process.stdout), ("err", self.process.stderr))]
+        for reader in self.readers:
+            reader.start()
+
+    def _read(self, name, stream):
+        for line in stream:
+            with self.changed:
+                self.lines[name].append(line.rstrip("\r\n"))
+                self.changed.notify_all()
+
+    def expect(self, pattern, stream="out", limit=None):
+        """The match of the next line that holds the pattern; lines before it are passed over."""
+        def find():
+            for index in range(self.taken[stream], len(self.lines[stream])):
+                match = re.search(pattern, self.lines[stream][index])
+                if match:
+                    self.taken[stream] = index + 1
+                    return match
+            return None
+        with self.changed:
+            match = self.changed.wait_for(find, limit or LIMIT)
+        if not match:
+            raise AssertionError(f"{self.name} did not print {pattern!r} on {stream}; it printed\n"
+                                 + "\n".join(self.lines["out"] + self.lines["err"]))
+        return match
+
+    def tell(self, line):
+        self.process.stdin.write(line + "\n")
+        self.process.stdin.flush()
+
+    def wait(self):
+        """The exit code, once the program has ended by itself."""
+        try:
+            code = self.process.wait(LIMIT)
+        except subprocess.TimeoutExpired:
+            raise AssertionError(f"{self.name} does not end; it printed\n"
+                                 + "\n".join(self.lines["out"] + self.lines["err"])) from None
+        for reader in self.readers:
+            reader.join(LIMIT)
+        return code
+
+    def interrupt(self):
+        """Ctrl-C, and the exit code."""
+        self.process.send_signal(signal.SIGINT)
+        return self.wait()
+
+    def kill(self):
+        if self.process.poll() is None:
+            self.process.kill()
+        self.wait()
+        for stream in (self.process.stdin, self.process.stdout, self.process.stderr):
+            stream.close()
+
+
+class Device(Program):
+    def __init__(self, *arguments, port=0):
+        super().__init__("QOMA_MFPSIM", "--port", port, *arguments)
+        self.port = int(self.expect(r"listening on [^ ]*:(\d+)").group(1))
+
+
+class Client(Program):
+    """notifymon with --json, subscribed."""
+
+    def __init__(self, device, *arguments, ready=True):
+        super().__init__("QOMA_NOTIFYMON", "--json", "--port", device.port, *arguments)
+        if ready:
+            self.expect("ready$", "err")
+
+    def next(self, kind=None):
+        """The next notification; with a kind, it has to be of that kind."""
+        notification = json.loads(self.expect("^{.*}$").group(0))
+        if kind and notification["kind"] != kind:
+            raise AssertionError(f"{kind} expected, {notification} arrived")
+        return notification
+
+    def all(self):
+        """All notifications so far."""
+        return [json.loads(line) for line in self.lines["out"] if line.startswith("{")]

@@ -1,0 +1,207 @@
+"""The whole road with the real programs: from the device's panel to a line on the client's screen."""
+import os
+import pathlib
+import re
+import socket
+import subprocess
+import tempfile
+import unittest
+
+from programs import LIMIT, Client, Device, Program
+
+
+class RoadTest(unittest.TestCase):
+    def start(self, make, *arguments, **options):
+        program = make(*arguments, **options)
+        self.addCleanup(program.kill)
+        return program
+
+    def device(self, *arguments, **options):
+        return self.start(Device, *arguments, **options)
+
+    def client(self, device, *arguments, **options):
+        return self.start(Client, device, *arguments, **options)
+
+
+class NetworkTest(RoadTest):
+    def test_pick_fax_and_recovery(self):
+        device = self.device()
+        client = self.client(device, "--option", "Paper Archive")
+        device.tell("pick 1")
+        pick = client.next()
+        self.assertRegex(pick.pop("option"),
+                         r"^Paper Archive;NETADDR=[\d.]+:\d+;SWINST=\d+;KICKSEQ=1;$")
+        self.assertRegex(pick.pop("senderAddress"), r"^\d+\.\d+\.\d+\.\d+$")
+        self.assertIsInstance(pick.pop("senderName"), str)
+        self.assertEqual({"kind": "eCT_SELECT_NOTIFY", "notifyCode": 7, "nValue": 0, "dwValue": 0}, pick)
+        device.tell("fax")
+        self.assertEqual({"kind": "eCT_FAX_UPLOAD_NOTIFY", "notifyCode": 0, "nValue": 0, "dwValue": 0,
+                          "option": "", "senderAddress": "", "senderName": ""}, client.next())
+        device.tell("cut 200")
+        client.next("eCT_LINK_RECOVERED")
+        client.expect("subscribed again", "err")
+        device.tell("pick 1")
+        self.assertIn("KICKSEQ=2;", client.next("eCT_SELECT_NOTIFY")["option"])
+        self.assertEqual(0, client.interrupt())
+        self.assertEqual(4, len(client.all()))
+
+    def test_a_device_that_was_killed_and_comes_back(self):
+        device = self.device()
+        client = self.client(device)
+        device.kill()
+        device = self.device(port=device.port)
+        client.next("eCT_LINK_RECOVERED")
+        client.expect("subscribed again", "err")
+        device.tell("pick 1")
+        client.next("eCT_SELECT_NOTIFY")
+
+    def test_each_pick_arrives_once_over_a_bad_network(self):
+        device = self.device()
+        client = self.client(device, "--on", "select")
+        for count, (trouble, lost) in enumerate((("drop 2", 0), ("repeat 3", 0)), 1):
+            device.tell(trouble)
+            for _ in range(5):
+                device.tell("pick 1")
+                client.next("eCT_SELECT_NOTIFY")
+            self.assertEqual(5 * count - lost, len(client.all()))
+        sequence = [int(re.search(r"KICKSEQ=(\d+);", n["option"]).group(1)) for n in client.all()]
+        self.assertEqual(sorted(set(sequence)), sequence)
+
+    def test_reordered_datagrams_are_never_heard_backwards(self):
+        device = self.device()
+        client = self.client(device, "--on", "select")
+        device.tell("reorder 6")
+        for _ in range(6):
+            device.tell("pick 1")
+        device.tell("fax")  # nothing of it: not subscribed
+        device.tell("reorder 0")
+        device.tell("pick 1")
+        client.expect("KICKSEQ=7;")
+        sequence = [int(re.search(r"KICKSEQ=(\d+);", n["option"]).group(1)) for n in client.all()]
+        self.assertEqual(sorted(set(sequence)), sequence)
+
+    def test_hostile_datagrams_do_not_disturb_the_next_pick(self):
+        device = self.device()
+        client = self.client(device, "--on", "select")
+        device.tell("pick 1")
+        option = client.next()["option"]
+        address, port = re.search(r"NETADDR=([\d.]+):(\d+);", option).groups()
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sender:
+            sender.settimeout(LIMIT)
+            for data in (b"\x00" * 20, b"KICKSEQ=", b"KICKSEQ=99999999999999999999", b"\xff" * 349,
+                         b"\x1b]0;title\x07;KICKSEQ=1;"):
+                sender.sendto(data, (address, int(port)))
+                self.assertEqual(data, sender.recv(65536), "the echo comes first, and for all")
+        device.tell("pick 1")
+        self.assertIn("KICKSEQ=2;", client.expect(".*KICKSEQ=2;.*").group(0))
+
+
+class LocalTest(RoadTest):
+    def test_all_notifications_and_recovery(self):
+        device = self.device()
+        client = self.client(device, "--local", "--option", "One", "--option", "Two")
+        device.tell("pick 2")
+        pick = client.next("eCT_SELECT_NOTIFY")
+        self.assertRegex(pick["option"], r"^Two;NETADDR=[^;:]+;SWINST=\d+;$")
+        self.assertEqual(("", ""), (pick["senderAddress"], pick["senderName"]))
+        for command, kind, code, value, word in (("adf on", "eCT_ADF_NOTIFY", 8, 1, 0),
+                                                 ("adf off", "eCT_ADF_NOTIFY", 8, 0, 0),
+                                                 ("button", "eCT_SCANNER_BUTTON_NOTIFY", 16, 0, 2),
+                                                 ("fax", "eCT_FAX_UPLOAD_NOTIFY", 0, 0, 0)):
+            device.tell(command)
+            heard = client.next(kind)
+            self.assertEqual((code, value, word), (heard["notifyCode"], heard["nValue"], heard["dwValue"]))
+        device.tell("cut 200")
+        client.next("eCT_LINK_RECOVERED")
+        client.expect("subscribed again", "err")
+        device.tell("pick 1")
+        self.assertTrue(client.next("eCT_SELECT_NOTIFY")["option"].startswith("One;"))
+        self.assertEqual(0, client.interrupt())
+
+    def test_clients_hear_their_own_picks_and_one_has_the_button(self):
+        device = self.device()
+        clients = [self.client(device, "--local", "--option", name) for name in ("A", "B", "C")]
+        for number, client in enumerate(clients, 1):
+            device.tell(f"pick {number}")
+            self.assertTrue(client.next()["option"].startswith("ABC"[number - 1] + ";"))
+        for _ in range(5):
+            device.tell("button")
+        device.tell("fax")
+        for client in clients:
+            client.expect("eCT_FAX_UPLOAD_NOTIFY")
+        presses = sum(n["kind"] == "eCT_SCANNER_BUTTON_NOTIFY" for c in clients for n in c.all())
+        self.assertLessEqual(presses, 5)
+        self.assertGreaterEqual(presses, 1)
+        self.assertEqual(3, sum(n["kind"] == "eCT_SELECT_NOTIFY" for c in clients for n in c.all()))
+
+    def test_entries_go_with_their_client(self):
+        device = self.device()
+        for end in (Client.interrupt, Client.kill):
+            client = self.client(device, "--local", "--option", "Here")
+            device.expect("Here;")
+            end(client)
+            device.tell("panel")
+            device.expect("(?i)no entries|empty")
+
+
+class ProgramTest(RoadTest):
+    def run_to_end(self, variable, *arguments):
+        program = self.start(Program, variable, *arguments)
+        return program.wait(), program.lines
+
+    def test_bad_usage_is_one_line_and_code_2(self):
+        for variable, arguments in (
+                ("QOMA_NOTIFYMON", ["--port", "0"]), ("QOMA_NOTIFYMON", ["--port", "many"]),
+                ("QOMA_NOTIFYMON", ["--on", "sun"]), ("QOMA_NOTIFYMON", ["--option", ""]),
+                ("QOMA_NOTIFYMON", ["--nonsense"]), ("QOMA_NOTIFYMON", ["stray"]),
+                ("QOMA_MFPSIM", ["--port", "65536"]), ("QOMA_MFPSIM", ["--listen", "not an address"]),
+                ("QOMA_MFPSIM", ["--script", "/does/not/exist"]), ("QOMA_MFPSIM", ["--nonsense"])):
+            with self.subTest(variable=variable, arguments=arguments):
+                code, lines = self.run_to_end(variable, *arguments)
+                self.assertEqual((2, 1, 0), (code, len(lines["err"]), len(lines["out"])), lines)
+
+    def test_help_is_not_an_error(self):
+        for variable in ("QOMA_NOTIFYMON", "QOMA_MFPSIM"):
+            code, lines = self.run_to_end(variable, "--help")
+            self.assertEqual(0, code)
+            self.assertIn("--port", "\n".join(lines["out"]))
+
+    def test_failures_are_named(self):
+        with socket.socket() as closed:
+            closed.bind(("127.0.0.1", 0))
+            free = closed.getsockname()[1]
+        stranger = self.device("--model", "SOMETHING ELSE")
+        feeder = self.device()
+        for arguments, words in ((["--port", free], "listens"), (["--port", stranger.port], "1307"),
+                                 (["--port", feeder.port, "--on", "adf"], "not supported"),
+                                 (["--port", feeder.port, "--count", "1", "--timeout", "0.2"], "timed out")):
+            with self.subTest(words=words):
+                code, lines = self.run_to_end("QOMA_NOTIFYMON", *arguments)
+                self.assertEqual(1, code)
+                self.assertIn(words, "\n".join(lines["err"]))
+
+    def test_a_command_gets_the_fields_and_no_shell_sees_them(self):
+        device = self.device()
+        with tempfile.TemporaryDirectory() as folder:
+            out = pathlib.Path(folder, "out")
+            trap = pathlib.Path(folder, "trap")
+            client = self.client(device, "--local", "--on", "select", "--option", f"$(touch {trap})`touch {trap}`",
+                                 "--exec", f'echo "$NOTIFY_KIND $NOTIFY_CODE $NOTIFY_OPTION" > {out}',
+                                 "--count", "1")
+            device.tell("pick 1")
+            self.assertEqual(0, client.wait())
+            self.assertRegex(out.read_text(), rf"^eCT_SELECT_NOTIFY 7 \$\(touch {re.escape(str(trap))}\)")
+            self.assertFalse(trap.exists())
+
+    def test_a_script_drives_the_device(self):
+        with tempfile.NamedTemporaryFile("w", suffix=".txt") as script:
+            script.write("wait-entry Here\npick 1\nwait 500\nquit\n")
+            script.flush()
+            device = self.device("--script", script.name)
+            client = self.client(device, "--option", "Here", "--on", "select", "--count", "1")
+            client.next("eCT_SELECT_NOTIFY")
+            self.assertEqual((0, 0), (client.wait(), device.wait()))
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=2)
