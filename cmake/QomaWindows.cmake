@@ -13,6 +13,8 @@ file(CHMOD ${CMAKE_BINARY_DIR}/wine-run PERMISSIONS
   OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
 set(CMAKE_CROSSCOMPILING_EMULATOR ${CMAKE_BINARY_DIR}/wine-run)
 
+set(QOMA_NATIVE_BIN "" CACHE PATH "Where the native programs lie that end-to-end tests run the Windows ones against")
+
 # CLI11 is headers only, but /usr/include must not come into sight of this compiler.
 file(MAKE_DIRECTORY ${CMAKE_BINARY_DIR}/include)
 file(CREATE_LINK /usr/include/CLI ${CMAKE_BINARY_DIR}/include/CLI SYMBOLIC)
