@@ -44,7 +44,7 @@ constexpr std::uint64_t kUses = kOpen - 1;
 
 struct CSocket {
     std::atomic<std::uint64_t> qwState{0};
-    int fd = -1;   // constant while the slot is open
+    int fd = 0;    // constant while the slot is open, without meaning otherwise
     int nType = 0; // likewise: SOCK_STREAM or SOCK_DGRAM
     std::atomic<bool> bBound{false};
     std::atomic<eLink> eState{eLink::eNEVER};
@@ -60,9 +60,8 @@ constinit std::atomic<DWORD> g_cLive{0};
 constinit std::atomic<int> g_cStarts{0};
 
 // The free slots. A slot that was closed waits behind others, so that a stale SOCKET is told from a new
-// one for as long as possible.
-constinit std::mutex
-    g_freeMutex; // guards the four below; last in order, nothing is called under it
+// one for as long as possible. The mutex guards the four below it; nothing is called under it.
+constinit std::mutex g_freeMutex;
 constinit std::array<std::uint16_t, kMaxSockets> g_free{};
 constinit unsigned g_nFirstFree = 0;
 constinit unsigned g_cFree = 0;
@@ -238,7 +237,6 @@ void GiveUse(CSocket &socket)
         return;
     }
     ::close(socket.fd); // on Linux the number is free whatever it returns, EINTR included
-    socket.fd = -1;
     socket.qwState.store(qwBefore & ~(kOpen | kClosing | kUses));
     g_cLive.fetch_sub(1);
     GiveFreeIndex(static_cast<unsigned>(&socket - g_sockets.data()));
