@@ -33,17 +33,20 @@ using ::inet_ntoa;
 using ::listen;
 using ::ntohl;
 using ::ntohs;
-using ::recv;
-using ::recvfrom;
 using ::send;
 using ::sendto;
 using ::setsockopt;
 using ::shutdown;
-using ::socket;
 using ::WSACleanup;
 using ::WSAGetLastError;
 using ::WSASetLastError;
 using ::WSAStartup;
+
+// As Win32, except: what a stranger sends to a datagram socket is never an error. A datagram longer than
+// the buffer is cut to it, and one of our own that found no receiver is not reported to `recvfrom`.
+SOCKET socket(int nFamily, int nType, int nProtocol);
+int recv(SOCKET s, char *pBuffer, int cbBuffer, int nFlags);
+int recvfrom(SOCKET s, char *pBuffer, int cbBuffer, int nFlags, sockaddr *pFrom, int *pcbFrom);
 } // namespace ws
 
 #else
