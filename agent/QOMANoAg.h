@@ -21,10 +21,10 @@
  * Modify and InitiateSrvQDiscovery run one at a time, under a recursive mutex of the agent.
  *
  * The callback runs on a thread of the agent's own, one call at a time, in the order of the events,
- * with no lock of the agent held. It may call Add, Delete, Modify and InitiateSrvQDiscovery, but
- * only while no Shutdown (or restart of the link) can be under way on another thread: that one
- * holds the mutex and waits for the callback to return. It must never call Shutdown, RestartDolRtl
- * or the destructor, which would wait for their own thread. It must not let an exception out.
+ * with no lock of the agent held. It may call Add, Delete, Modify and InitiateSrvQDiscovery. (Shutdown,
+ * which also the library can bring about when it asks for a restart of the link, holds the mutex while
+ * it waits for the callback; an operation that the callback calls meanwhile returns 2250 at once.) The
+ * callback must not let an exception out, and must not destroy the agent.
  *
  * Results. Every operation returns 0, a system error number out of the list below, or a code of the
  * access library's (see QOMADolC.h), passed on unchanged. No operation throws, except that
@@ -34,7 +34,8 @@
  *     8     ERROR_NOT_ENOUGH_MEMORY     an allocation failed
  *     29    ERROR_WRITE_FAULT           the discovery job could not be written whole
  *     50    ERROR_NOT_SUPPORTED         there is no such notification over a network; ReadTraps: a
- *                                       trap of an unknown number was read
+ *                                       trap of an unknown number was read; Shutdown, RestartDolRtl:
+ *                                       called by the callback, which they would have to wait for
  *     51    ERROR_REM_NOT_LIST          Delete of what is not subscribed
  *     87    ERROR_INVALID_PARAMETER     a null or empty argument, or no known flag
  *     110   ERROR_OPEN_FAILED           the target of the discovery job could not be opened
@@ -114,13 +115,13 @@ typedef DWORD (*NotifyCallbackFn)(CallbackType eType, CallbackDataType *pData);
  * socket and the mutex. The destructor does not disconnect: Shutdown comes first.
  *
  * Copies. Nothing needs one, and a copy is no second link: it takes over every field, and with them
- * borrows its source's link, threads, socket and mutex. The source stays the owner; what the
- * library reports goes to the source's callback. While the source is connected, the copy can Add,
- * Delete and Modify, with subscription counts of its own. The copy's Shutdown only lets go of the
- * link, and the source's Shutdown disconnects the copy with it. The mutex is closed by the last one
- * that has it. A connected agent that is assigned to is shut down first. When there is no memory to
- * make note of a copy, it comes out unconnected, with a mutex of its own. Copying waits for the
- * source's mutex, so it is subject to the callback's limit above.
+ * borrows its source's link, threads, socket and mutex. The source stays the owner; what the library
+ * reports goes to the source's callback. While the source is connected, the copy can Add, Delete and
+ * Modify, with subscription counts of its own. The copy's Shutdown only lets go of the link, and the
+ * source's Shutdown disconnects its copies with it. The mutex is closed by the last one that has it. A
+ * connected agent that is assigned to is shut down first. Where there is no memory to make note of a
+ * copy, it comes out unconnected, with a mutex of its own; texts that could not be copied are empty.
+ * No other thread may be inside an operation of either agent meanwhile.
  */
 class QOMANOAG_API CNotifyAgent {
 public:
@@ -252,24 +253,25 @@ private:
      * over m_strNetAddr or those of a queue thread, which are leaves for the agent: nothing of the
      * agent's is taken under one of them.
      */
-    int m_bWinSockStarted; /* this agent holds a start of the socket library */
-    std::atomic<NotifyCallbackFn> m_pfnCallback;        /* callback thread; null: nobody to tell */
-    std::atomic<CDatagramQThread *> m_pDatagramQThread; /* null unless connected to a network */
-    std::atomic<CCallbackQThread *> m_pCallbackQThread; /* posters: trap reader, datagram thread */
-    std::atomic<SOCKET> m_socket;       /* datagram thread; one exchange wins its close */
-    std::atomic<WORD> m_wPort;          /* m_socket's UDP port, host order; datagram thread */
-    std::atomic<int> m_bStopDatagrams;  /* the datagram thread is to leave its loop */
-    std::atomic<int> m_bDeviceLineOk;   /* 0: the last device was refused; trap reader */
-    std::atomic<DWORD> m_dwLastKickSeq; /* highest number delivered; datagram thread */
-    std::atomic<CDolRtl *> m_pDolRtl;   /* non-null: connected; trap reader, restart */
-    std::atomic<DWORD> m_dwClientData;  /* callback thread */
-    std::atomic<int> m_bNetwork;        /* the link goes over a network */
-    DWORD m_cSelectTraps;               /* subscriptions to the panel selection */
-    DWORD m_cAdfTraps;                  /* to the feeder */
-    DWORD m_cScannerButtonTraps;        /* to the scanner button */
-    DWORD m_cFaxUploadTraps;            /* to fax upload */
-    CString m_strHostName;              /* this host's name */
-    CString m_strHostAddress;           /* this host's first dotted IPv4 address */
-    CString m_strNetAddr; /* the last NETADDR= clause; under its own lock alone (option strings) */
-    HANDLE m_hMutex;      /* constant after construction, but for an assignment */
+    int m_bWinSockStarted = 0; /* this agent holds a start of the socket library */
+    std::atomic<NotifyCallbackFn> m_pfnCallback; /* callback thread; null: nobody to tell */
+    std::atomic<CDatagramQThread *> m_pDatagramQThread{nullptr}; /* null unless on a network */
+    std::atomic<CCallbackQThread *> m_pCallbackQThread{nullptr}; /* trap reader, datagram thread */
+    std::atomic<SOCKET> m_socket{INVALID_SOCKET}; /* datagram thread; an exchange wins its close */
+    std::atomic<WORD> m_wPort{0};          /* m_socket's UDP port, host order; datagram thread */
+    std::atomic<int> m_bStopDatagrams{0};  /* the datagram thread is to leave its loop */
+    std::atomic<int> m_bDeviceLineOk{1};   /* 0: the last device was refused; IsDeviceInitialized */
+    std::atomic<DWORD> m_dwLastKickSeq{0}; /* highest number delivered; datagram thread */
+    std::atomic<CDolRtl *> m_pDolRtl{nullptr}; /* non-null: connected; trap reader, restart */
+    std::atomic<DWORD> m_dwClientData;         /* callback thread */
+    std::atomic<int> m_bNetwork{0};  /* the link goes over a network; SupportedOverNetwork */
+    DWORD m_cSelectTraps = 0;        /* subscriptions to the panel selection */
+    DWORD m_cAdfTraps = 0;           /* to the feeder */
+    DWORD m_cScannerButtonTraps = 0; /* to the scanner button */
+    DWORD m_cFaxUploadTraps = 0;     /* to fax upload */
+    CString m_strHostName;           /* this host's name */
+    CString m_strHostAddress;        /* this host's first dotted IPv4 address */
+    CString
+        m_strNetAddr; /* the last NETADDR= clause; under its own lock alone (panel_options.cpp) */
+    HANDLE m_hMutex;  /* constant after construction, but for an assignment */
 };

@@ -1,0 +1,76 @@
+#pragma once
+/*
+ * The thread that calls the client.
+ *
+ * Whoever learns of an event, on whatever thread, posts a message that holds all of it and goes on; the
+ * worker takes the messages one after the other and calls the client with each. The agent makes one
+ * with each Init and gives up its only reference in Shutdown: the call in progress is finished, what is
+ * still queued is freed without reaching the client.
+ */
+#include "agent/QOMANoAg.h"
+#include "foundation/g_qthread.h"
+
+/*
+ * A message: one tracked block, whose pointers refer to its own text areas, so it is never moved or
+ * copied. The areas have the sizes of the posters' buffers.
+ */
+#if UINTPTR_MAX == 0xFFFFFFFFu
+#pragma pack(push, 2) /* 32-bit layout: no field moves, but the block ends with its last byte */
+#endif
+struct CallbackMsgType {
+    CallbackType eType;
+    CNotifyAgent *pAgent;
+    int nValue;
+    DWORD dwValue;
+    char *pszOption;        /* szOption */
+    char *pszSenderAddress; /* szSenderAddress */
+    char *pszSenderName;    /* szSenderName */
+    char szOption[350];
+    char szSenderAddress[16];
+    char szSenderName[260];
+};
+#if UINTPTR_MAX == 0xFFFFFFFFu
+#pragma pack(pop)
+#endif
+static_assert(sizeof(void *) != 4 || sizeof(CallbackMsgType) == 654,
+              "the block that is counted has 654 bytes on the 32-bit layout");
+
+class CCallbackQThread final : public CGQThread {
+public:
+    /* Arguments but the first are CGQThread's; dwParam is not passed on, the worker always gets 0. */
+    CCallbackQThread(CNotifyAgent *pAgent, char const *pszName, LONG eKind, LONG nPriorityClass,
+                     LONG nPriority, DWORD dwParam);
+    ~CCallbackQThread() override;
+
+    /*
+     * Queues one notification; does not wait for the client. Any thread, with no lock of the agent.
+     * Texts may be null, which reads as empty, and are copied; one that is longer than its area is cut.
+     * A message that cannot be had, or that the queue does not take, is dropped. Always 0.
+     */
+    DWORD PostCallback(DWORD dwKind, CNotifyAgent *pAgent, int nValue, DWORD dwValue,
+                       char const *pszOption, char const *pszSenderAddress,
+                       char const *pszSenderName);
+
+    /* PostCallback on pThread; a null pThread, which could not be made, drops the notification. */
+    static void PostTo(CCallbackQThread *pThread, DWORD dwKind, CNotifyAgent *pAgent, int nValue,
+                       DWORD dwValue, char const *pszOption, char const *pszSenderAddress,
+                       char const *pszSenderName);
+
+    /* Calls the client with the node's message, on the worker. Always 0. */
+    DWORD ProcessEntry(CNode *pNode, CGQThread *pSelf, DWORD dwParam) override;
+
+    /* Whether this thread is inside a call of pAgent's client. */
+    static bool IsCalling(CNotifyAgent const *pAgent);
+
+    /* What a CAgentLock of an operation of pAgent has to watch: pLink inside the callback, else null. */
+    static std::atomic<CDolRtl *> const *LinkToWatch(CNotifyAgent const *pAgent,
+                                                     std::atomic<CDolRtl *> const &pLink)
+    {
+        return IsCalling(pAgent) ? &pLink : nullptr;
+    }
+
+private:
+    bool Queue(CallbackMsgType *pMsg);
+
+    [[maybe_unused]] CNotifyAgent *const m_pAgent; /* each message names its agent itself */
+};
