@@ -27,8 +27,8 @@ int SelectOnce(SOCKET s, bool bWrite, DWORD dwMilliseconds)
     FD_ZERO(&failed);
     ready.fd_count = failed.fd_count = 1;
     ready.fd_array[0] = failed.fd_array[0] = s;
-    timeval const limit = {static_cast<long>(dwMilliseconds / 1000),
-                           static_cast<long>(dwMilliseconds % 1000 * 1000)};
+    timeval limit = {static_cast<long>(dwMilliseconds / 1000),
+                     static_cast<long>(dwMilliseconds % 1000 * 1000)};
     int const n = select(0, bWrite ? nullptr : &ready, bWrite ? &ready : nullptr,
                          bWrite ? &failed : nullptr, &limit);
     return n > 0 ? 1 : n;
