@@ -22,7 +22,6 @@
 
 using OLECHAR = wchar_t;
 using CLIPFORMAT = WORD;
-using ULONG = DWORD;
 
 union LARGE_INTEGER {
     std::int64_t QuadPart;
