@@ -1,6 +1,7 @@
 #include "platform/runtime.h"
 
-#include "platform/posix/utf8.h"
+#include "platform/common/utf8.h"
+#include "platform/posix/textcase.h"
 
 #include <algorithm>
 #include <atomic>

@@ -1,10 +1,9 @@
 #pragma once
 
-// UTF-8 and the case of its characters, for the text calls and the registry.
+// UTF-8, for the text calls and the registry.
 
 #include <cstddef>
 #include <cstdint>
-#include <string>
 #include <string_view>
 
 // One character of a text. Bytes that form no character count as characters of one byte each, with
@@ -20,11 +19,3 @@ CUtf8Char Utf8Decode(std::string_view text);
 
 // Writes ch, a valid character, to pb (4 bytes) and returns the number of bytes.
 unsigned Utf8Encode(char32_t ch, char *pb);
-
-// Case of one character, by Unicode's simple mapping, independent of the process's locale. Where the
-// system has no Unicode locale only ASCII has case.
-char32_t Utf8ToLower(char32_t ch);
-char32_t Utf8ToUpper(char32_t ch);
-
-// The text with all characters in upper case, for comparing without case.
-std::string Utf8Fold(std::string_view text);

@@ -1,7 +1,4 @@
-#include "platform/posix/utf8.h"
-
-#include <locale.h>
-#include <wctype.h>
+#include "platform/common/utf8.h"
 
 namespace {
 
@@ -25,12 +22,6 @@ bool IsProper(char32_t ch, unsigned cb)
 {
     constexpr char32_t kLeast[] = {0, 0, 0x80, 0x800, 0x10000};
     return ch >= kLeast[cb] && ch <= 0x10FFFF && (ch < 0xD800 || ch > 0xDFFF);
-}
-
-locale_t UnicodeLocale()
-{
-    static locale_t const s_locale = newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
-    return s_locale;
 }
 
 } // namespace
@@ -66,39 +57,4 @@ unsigned Utf8Encode(char32_t ch, char *pb)
     }
     pb[0] = static_cast<char>((0xF00u >> cb & 0xFF) | ch);
     return cb;
-}
-
-char32_t Utf8ToLower(char32_t ch)
-{
-    if (ch < 0x80) {
-        return ch >= 'A' && ch <= 'Z' ? ch + ('a' - 'A') : ch;
-    }
-    locale_t const locale = UnicodeLocale();
-    return locale != nullptr ? towlower_l(static_cast<wint_t>(ch), locale) : ch;
-}
-
-char32_t Utf8ToUpper(char32_t ch)
-{
-    if (ch < 0x80) {
-        return ch >= 'a' && ch <= 'z' ? ch - ('a' - 'A') : ch;
-    }
-    locale_t const locale = UnicodeLocale();
-    return locale != nullptr ? towupper_l(static_cast<wint_t>(ch), locale) : ch;
-}
-
-std::string Utf8Fold(std::string_view text)
-{
-    std::string strFolded;
-    strFolded.reserve(text.size());
-    while (!text.empty()) {
-        CUtf8Char const c = Utf8Decode(text);
-        char ab[4];
-        if (c.bValid) {
-            strFolded.append(ab, Utf8Encode(Utf8ToUpper(c.ch), ab));
-        } else {
-            strFolded += text[0];
-        }
-        text.remove_prefix(c.cb);
-    }
-    return strFolded;
 }
