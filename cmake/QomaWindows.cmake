@@ -15,9 +15,11 @@ set(CMAKE_CROSSCOMPILING_EMULATOR ${CMAKE_BINARY_DIR}/wine-run)
 
 set(QOMA_NATIVE_BIN "" CACHE PATH "Where the native programs lie that end-to-end tests run the Windows ones against")
 
-# CLI11 is headers only, but /usr/include must not come into sight of this compiler.
+# These are headers only, but /usr/include must not come into sight of this compiler.
 file(MAKE_DIRECTORY ${CMAKE_BINARY_DIR}/include)
-file(CREATE_LINK /usr/include/CLI ${CMAKE_BINARY_DIR}/include/CLI SYMBOLIC)
+foreach(library CLI nlohmann)
+  file(CREATE_LINK /usr/include/${library} ${CMAKE_BINARY_DIR}/include/${library} SYMBOLIC)
+endforeach()
 set(CLI11_INCLUDE_DIR ${CMAKE_BINARY_DIR}/include)
 
 # dist/ is what a Windows machine gets: the programs and modules, stripped, with the modules' import libraries.
