@@ -37,7 +37,8 @@ inline constexpr int IDOK = 1;
 // As Win32, the case of ASCII letters in the title not counting. A window that was found before and
 // lives gives the same handle. Except: the class must be null and the title not
 // (ERROR_INVALID_PARAMETER); a title that no window has gives null with ERROR_FILE_NOT_FOUND. Only
-// windows of PlatCreateViewerWindow exist. Does not block.
+// windows of PlatCreateViewerWindow exist. One with a long queue of others at its door is given half a
+// second, and then counts as missing (ERROR_BUSY).
 HWND FindWindowA(char const *pszClass, char const *pszTitle);
 
 // As Win32: returns the window's answer when the window has handled the message, however long that
@@ -71,7 +72,7 @@ using PlatCopyDataFn = LRESULT (*)(void *pContext, COPYDATASTRUCT const *pData);
 HWND PlatCreateViewerWindow(char const *pszTitle, PlatCopyDataFn pfnCopyData, void *pContext);
 
 // Handles messages until PlatCloseViewerWindow, which may have come before. TRUE for such an orderly
-// end, FALSE with the last error if the window broke. Call on the creating thread.
+// end, FALSE with the last error otherwise (ERROR_INVALID_THREAD_ID: not the creating thread).
 BOOL PlatRunViewerWindow(HWND hWnd);
 
 // Lets PlatRunViewerWindow return, soon. Any thread, as long as the window is not destroyed.

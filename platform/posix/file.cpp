@@ -149,26 +149,16 @@ int OpenByDisposition(char const *pszName, DWORD dwDisposition, int fwFlags, uns
     }
 }
 
-DWORD OpenError(char const *pszName, DWORD dwDisposition, int nErrno)
+DWORD OpenError(char const *pszName, int nErrno)
 {
     switch (nErrno) {
     case ENOENT:
         return PlatNotFoundError(pszName);
-    case ENOTDIR:
-        return ERROR_PATH_NOT_FOUND;
-    case EISDIR:
-        return ERROR_ACCESS_DENIED;
-    case ETXTBSY:
+    case ETXTBSY: // a program that runs is open, and not for writers
         return ERROR_SHARING_VIOLATION;
-    case EEXIST:
-        if (dwDisposition == CREATE_NEW) {
-            return ERROR_FILE_EXISTS;
-        }
-        break;
     default:
-        break;
+        return PlatErrorFromErrno(nErrno);
     }
-    return PlatErrorFromErrno(nErrno);
 }
 
 int AccessFlags(DWORD dwAccess, DWORD dwDisposition)
@@ -373,7 +363,7 @@ DWORD PlatOpenFile(char const *pszName, DWORD dwAccess, DWORD dwShare, DWORD dwD
     COpenedFile opened;
     opened.m_fd = OpenByDisposition(pszName, dwDisposition, fwFlags, nMode, &opened.m_fExisted);
     if (opened.m_fd < 0) {
-        return OpenError(pszName, dwDisposition, errno);
+        return OpenError(pszName, errno);
     }
     bool const fWritable = (fwFlags & O_ACCMODE) != O_RDONLY;
     DWORD const dwError = FinishOpen(dwAccess, dwShare, dwDisposition, fWritable, opened);

@@ -308,22 +308,6 @@ public:
     posix_spawnattr_t m_attributes;
 };
 
-DWORD SpawnError(CStartRecord const &start, int nErrno)
-{
-    switch (nErrno) {
-    case ENOENT:
-        return PlatNotFoundError(start.m_strProgram.c_str());
-    case ENOTDIR:
-        return ERROR_PATH_NOT_FOUND;
-    case EACCES:
-        return ERROR_ACCESS_DENIED;
-    case ENOEXEC:
-        return ERROR_BAD_EXE_FORMAT;
-    default:
-        return PlatErrorFromErrno(nErrno);
-    }
-}
-
 DWORD Spawn(CStartRecord &start, std::shared_ptr<CChild> &pChild, pid_t *ppid)
 {
     Orphans().Sweep();
@@ -338,7 +322,8 @@ DWORD Spawn(CStartRecord &start, std::shared_ptr<CChild> &pChild, pid_t *ppid)
             apszArguments.data(), apszEnvironment.data());
     }
     if (nError != 0) {
-        return SpawnError(start, nError);
+        return nError == ENOENT ? PlatNotFoundError(start.m_strProgram.c_str())
+                                : PlatErrorFromErrno(nError);
     }
     pChild = std::make_shared<CChild>(*ppid);
     return ERROR_SUCCESS;
