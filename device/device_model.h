@@ -1,0 +1,80 @@
+#pragma once
+/*
+ * What the software device is, without its connections: the values of its objects, the entries on
+ * its panel, and who has the scan token. Every change that registered clients have to hear of is
+ * handed out as an ObjectChange. No lock, no thread: CSoftDevice calls it under its own.
+ */
+#include "device/device_objects.h"
+
+#include <array>
+#include <string>
+#include <vector>
+
+// A client is known by the number of its link, which never comes again; 0 is none.
+using ClientId = DWORD;
+
+struct PanelEntry {
+    std::string strText;
+    ClientId owner = 0;
+    bool fNetwork = false; // its owner's link is one over a network
+};
+
+struct ObjectChange {
+    int nRow = 0;
+    LinkBytes value;
+};
+using ObjectChanges = std::vector<ObjectChange>;
+
+/*
+ * The scanner button's press and the token that goes with it.
+ *
+ * Every client that watches the button hears of a press, and all of them try to claim it. A press can
+ * be claimed once: the claim uses it up, so that a client which comes after the winner has freed the
+ * token is refused as well. A new press replaces one that nobody has claimed. There is no claim
+ * without a press.
+ */
+class CScanToken {
+public:
+    void Press() { m_fPressWaits = true; }
+    bool Claim(ClientId client);
+    bool Free(ClientId client); // false if it holds nothing
+    ClientId Holder() const { return m_holder; }
+
+private:
+    bool m_fPressWaits = false;
+    ClientId m_holder = 0;
+};
+
+class CDeviceModel {
+public:
+    CDeviceModel();
+
+    DWORD Get(int nRow, BYTE dataType, LinkBytes *pValue) const;
+    // A client writes. eLR_OK, or why not; then nothing has changed.
+    DWORD Set(ClientId client, bool fNetwork, int nRow, BYTE dataType, LinkBytes const &value,
+              ObjectChanges *pChanges);
+    // A link has ended: its entries leave the panel and its token is free.
+    std::vector<PanelEntry> ClientGone(ClientId client, ObjectChanges *pChanges);
+
+    std::vector<PanelEntry> const &Panel() const { return m_panel; }
+    ClientId TokenHolder() const { return m_token.Holder(); }
+
+    // The front panel. Each of these is a change, also when the value stays what it was.
+    ObjectChange PressButton();
+    ObjectChange SetFeeder(bool fOn);
+    ObjectChange AnnounceFax();
+    ObjectChange Select(std::string const &strText);
+
+    void RefuseClaims(unsigned c) { m_cRefuseClaims = c; }
+
+private:
+    DWORD AddEntry(ClientId client, bool fNetwork, std::string const &strText);
+    DWORD DeleteEntry(ClientId client, std::string const &strText);
+    DWORD SetToken(ClientId client, LinkBytes const &value);
+    ObjectChange Store(int nRow, LinkBytes value);
+
+    std::array<LinkBytes, eDO_COUNT> m_values; // as they go over the wire
+    std::vector<PanelEntry> m_panel;           // in the order of their coming
+    CScanToken m_token;
+    unsigned m_cRefuseClaims = 0;
+};

@@ -1,0 +1,156 @@
+#include "device/kick_sender.h"
+
+#include <algorithm>
+
+namespace {
+
+constexpr size_t kMaxWaiting = 4096;
+// How long one that is to be overtaken waits for another one to come.
+constexpr std::chrono::milliseconds kHoldTime{1000};
+
+} // namespace
+
+void CKickSender::SetPace(std::chrono::milliseconds interval, unsigned cTries)
+{
+    m_interval = interval;
+    m_cMaxTries = cTries;
+}
+
+void CKickSender::SetOdds(double dDrop, double dRepeat, double dReorder, unsigned nSeed)
+{
+    m_dDrop = dDrop;
+    m_dRepeat = dRepeat;
+    m_dReorder = dReorder;
+    m_random.seed(nSeed);
+}
+
+std::optional<DWORD> CKickSender::Add(LinkAddress const &to, std::string const &strText)
+{
+    if (strText.size() > kMaxText || m_cWaiting == kMaxWaiting)
+        return std::nullopt;
+    Kick kick;
+    kick.dwSequence = ++m_dwLastSequence;
+    kick.strDatagram = strText;
+    if (!strText.empty() && strText.back() != ';')
+        kick.strDatagram += ';';
+    kick.strDatagram += "KICKSEQ=" + std::to_string(kick.dwSequence) + ";";
+    m_waiting[to].push_back(std::move(kick));
+    ++m_cWaiting;
+    return m_dwLastSequence;
+}
+
+bool CKickSender::Echo(WORD wFromPort, std::string const &strBytes)
+{
+    for (auto it = m_waiting.begin(); it != m_waiting.end(); ++it) {
+        Kicks &kicks = it->second;
+        auto const itKick = std::find_if(kicks.begin(), kicks.end(), [&](Kick const &kick) {
+            return kick.cTries > 0 && kick.strDatagram == strBytes;
+        });
+        if (it->first.wPort != wFromPort || itKick == kicks.end())
+            continue;
+        Log(*itKick, "echoed");
+        kicks.erase(itKick);
+        --m_cWaiting;
+        if (kicks.empty())
+            m_waiting.erase(it);
+        return true;
+    }
+    return false;
+}
+
+LinkTime CKickSender::Run(LinkTime now)
+{
+    LinkTime next = LinkTime::max();
+    for (auto it = m_waiting.begin(); it != m_waiting.end();) {
+        next = std::min(next, RunOne(it->first, it->second, now));
+        it = it->second.empty() ? m_waiting.erase(it) : std::next(it);
+    }
+    return next;
+}
+
+// The first of the list is the one under way. One that is held back shares its turn with the next.
+LinkTime CKickSender::RunOne(LinkAddress const &to, Kicks &kicks, LinkTime now)
+{
+    while (!kicks.empty()) {
+        HoldBack(kicks.front(), now);
+        ReleaseIfOvertaken(kicks, now);
+        auto it = kicks.begin();
+        if (it->fHeld && std::next(it) != kicks.end())
+            ++it;
+        if (it->fHeld)
+            return it->due;
+        if (Serve(to, *it, now)) {
+            if (!kicks.front().fHeld)
+                return it->due;
+            continue; // it has overtaken the first, whose turn this is
+        }
+        kicks.erase(it);
+        --m_cWaiting;
+    }
+    return LinkTime::max();
+}
+
+void CKickSender::HoldBack(Kick &kick, LinkTime now)
+{
+    if (!kick.fMayBeHeld)
+        return;
+    kick.fMayBeHeld = false;
+    if (!Misbehaves(&m_cReorder, m_dReorder))
+        return;
+    kick.fHeld = true;
+    kick.due = now + kHoldTime;
+    Log(kick, "held back");
+}
+
+void CKickSender::ReleaseIfOvertaken(Kicks &kicks, LinkTime now)
+{
+    Kick &first = kicks.front();
+    bool const fOvertaken = kicks.size() > 1 && std::next(kicks.begin())->cTries > 0;
+    if (first.fHeld && (fOvertaken || now >= first.due)) {
+        first.fHeld = false;
+        first.due = now;
+    }
+}
+
+bool CKickSender::Serve(LinkAddress const &to, Kick &kick, LinkTime now)
+{
+    if (now < kick.due)
+        return true;
+    if (kick.cTries >= m_cMaxTries) {
+        Log(kick, "given up, " + FormatAddress(to) + " does not answer");
+        return false;
+    }
+    kick.fMayBeHeld = false; // it has its turn, or has taken another's
+    ++kick.cTries;
+    kick.due = now + m_interval;
+    Log(kick, "sent to " + FormatAddress(to) + " (try " + std::to_string(kick.cTries) + ")");
+    Transmit(to, kick);
+    return true;
+}
+
+void CKickSender::Transmit(LinkAddress const &to, Kick const &kick)
+{
+    if (Misbehaves(&m_cDrop, m_dDrop)) {
+        Log(kick, "dropped");
+        return;
+    }
+    m_send(to, kick.strDatagram);
+    if (Misbehaves(&m_cRepeat, m_dRepeat)) {
+        Log(kick, "repeated");
+        m_send(to, kick.strDatagram);
+    }
+}
+
+bool CKickSender::Misbehaves(unsigned *pcNext, double dOdds)
+{
+    if (*pcNext > 0) {
+        --*pcNext;
+        return true;
+    }
+    return dOdds > 0 && std::uniform_real_distribution<>(0, 1)(m_random) < dOdds;
+}
+
+void CKickSender::Log(Kick const &kick, std::string const &strWhat)
+{
+    m_log("kick " + std::to_string(kick.dwSequence) + " " + strWhat);
+}

@@ -1,0 +1,87 @@
+#pragma once
+/*
+ * Sends notifications as datagrams and sends them again until their echo comes.
+ *
+ * Each gets the clause KICKSEQ=<n>; at its end, n rising by one over the whole device, from 1. A
+ * receiver passes over every number that is not above the last one it took, so that towards one
+ * address a datagram waits until the one before it was echoed or given up.
+ *
+ * It can be told to misbehave. Drop, Repeat and Reorder count transmissions, first ones and repeated
+ * ones alike: the next n are not sent, are sent twice, or are overtaken by the datagram that follows.
+ *
+ * No lock, no thread, no socket: the owner calls it under its lock and gives it a function that sends.
+ */
+#include "devlink/link_stream.h"
+
+#include <functional>
+#include <list>
+#include <map>
+#include <optional>
+#include <random>
+#include <string>
+
+class CKickSender {
+public:
+    static constexpr size_t kMaxDatagram = 349; // bytes; the receiver takes no more
+    // Of a text, so that a separator and a clause with the longest number still fit.
+    static constexpr size_t kMaxText = kMaxDatagram - sizeof(";KICKSEQ=4294967295;") + 1;
+
+    using SendFn = std::function<void(LinkAddress const &, std::string const &)>;
+    using LogFn = std::function<void(std::string const &)>;
+
+    CKickSender(SendFn send, LogFn log) : m_send(std::move(send)), m_log(std::move(log)) {}
+
+    // From the next transmission on. cTries counts the first one too.
+    void SetPace(std::chrono::milliseconds interval, unsigned cTries);
+
+    // Takes a text to send. Its number, or nothing when it is too long or too many wait.
+    std::optional<DWORD> Add(LinkAddress const &to, std::string const &strText);
+
+    // Bytes have come from that port. True if they are the echo of one that waits for it. The
+    // address is not compared: a host with several may answer from another one.
+    bool Echo(WORD wFromPort, std::string const &strBytes);
+
+    // Sends what is due. When to call again; LinkTime::max() when nothing waits.
+    LinkTime Run(LinkTime now);
+
+    void Drop(unsigned c) { m_cDrop = c; }
+    void Repeat(unsigned c) { m_cRepeat = c; }
+    void Reorder(unsigned c) { m_cReorder = c; }
+    // Misbehaves by chance as well, each from 0 to 1.
+    void SetOdds(double dDrop, double dRepeat, double dReorder, unsigned nSeed);
+
+private:
+    struct Kick {
+        DWORD dwSequence = 0;
+        std::string strDatagram;
+        unsigned cTries = 0;
+        bool fMayBeHeld = true;
+        bool fHeld = false; // lets the one behind it go first
+        LinkTime due = LinkTime::min();
+    };
+    using Kicks = std::list<Kick>;
+
+    LinkTime RunOne(LinkAddress const &to, Kicks &kicks, LinkTime now);
+    void HoldBack(Kick &kick, LinkTime now);
+    void ReleaseIfOvertaken(Kicks &kicks, LinkTime now);
+    bool Serve(LinkAddress const &to, Kick &kick, LinkTime now); // false: given up
+    void Transmit(LinkAddress const &to, Kick const &kick);
+    bool Misbehaves(unsigned *pcNext, double dOdds);
+    void Log(Kick const &kick, std::string const &strWhat);
+
+    SendFn m_send;
+    LogFn m_log;
+    std::chrono::milliseconds m_interval{500};
+    unsigned m_cMaxTries = 10;
+    DWORD m_dwLastSequence = 0;
+    std::map<LinkAddress, Kicks> m_waiting; // no empty lists
+    size_t m_cWaiting = 0;
+
+    unsigned m_cDrop = 0;
+    unsigned m_cRepeat = 0;
+    unsigned m_cReorder = 0;
+    double m_dDrop = 0;
+    double m_dRepeat = 0;
+    double m_dReorder = 0;
+    std::minstd_rand m_random;
+};
