@@ -10,6 +10,13 @@
 
 #include <winreg.h>
 
+// What our own reading of HKEY_LOCAL_MACHINE begins from: the system's, or a private key with the contents
+// of the file that PlatSetRegistryFile has chosen, as it is now. Other code of the process goes on reading
+// the system's. Not to be closed.
+HKEY PlatLocalMachine();
+#undef HKEY_LOCAL_MACHINE
+#define HKEY_LOCAL_MACHINE (PlatLocalMachine())
+
 #else
 
 using HKEY = struct HKEY__ *;
@@ -68,7 +75,8 @@ LONG RegCloseKey(HKEY hKey);
 // Chooses the file that HKEY_LOCAL_MACHINE is read from, from now on; null chooses the default
 // again:
 // `$XDG_CONFIG_HOME/qoma/registry.reg`, else `~/.config/qoma/registry.reg`; on Windows the default
-// is the system's registry itself, and a chosen file covers it for this process only. A file that
+// is the system's registry itself, and a chosen file covers it for
+// the callers of this header only. A file that
 // does not exist is an empty registry, and may appear later. 0; ERROR_INVALID_PARAMETER for an
 // empty path; ERROR_INVALID_DATA or the reason of the system when the file cannot be read:
 // PlatRegistryProblem then tells why, and the registry is empty until the file is right. Any
