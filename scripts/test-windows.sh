@@ -51,7 +51,7 @@ test_preset() {
     start_wine "$preset" || return 1
     local code=0
     ctest --preset "$preset" -j "$(nproc)" "$@" 2>&1 | tee "$log" || code=$?
-    summary+=("$preset: $(grep -E '^[0-9]+% tests passed' "$log" || echo "no tests ran"), $(grep -c 'Skipped  ' "$log" || true) skipped, $((SECONDS - began)) s")
+    summary+=("$preset: $(grep -E '^[0-9]+% tests passed' "$log" || echo "no tests ran"), $(grep -c '(Skipped)$' "$log" || true) skipped, $((SECONDS - began)) s")
     return "$code"
 }
 

@@ -1,0 +1,110 @@
+// The modules as a client has them that loads what it needs and lets go of it again.
+
+#include "device/soft_device.h"
+#include "platform/module.h"
+#include "platform/probe.h"
+#include "platform/sync.h"
+#include "tests/support/guards.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <filesystem>
+#include <thread>
+
+namespace {
+
+constexpr char const *kModules[] = {"module_client", "QOMANoAg", "QOMADolC"};
+
+// Everything that can happen at a device, again and again, while the object lives.
+class CBusyHand {
+public:
+    explicit CBusyHand(CSoftDevice &device) : m_device(device), m_thread([this] { Run(); }) {}
+    ~CBusyHand()
+    {
+        m_fStop = true;
+        m_thread.join();
+    }
+
+private:
+    void Run()
+    {
+        for (bool fPaper = false; !m_fStop; fPaper = !fPaper) {
+            m_device.SetFeeder(fPaper);
+            m_device.AnnounceFax();
+            m_device.Pick(1); // false while nobody has an entry
+            Sleep(1);
+        }
+    }
+
+    CSoftDevice &m_device;
+    std::atomic<bool> m_fStop{false};
+    std::thread m_thread;
+};
+
+// What the process holds of the system. A module's own copy of the platform layer counts its handles by
+// itself, so on POSIX the descriptors behind them are what can be seen from here.
+std::size_t HeldHandles()
+{
+    if (!kIsPosix) {
+        return PlatHandleCount();
+    }
+    std::filesystem::directory_iterator const folder("/proc/self/fd");
+    return static_cast<std::size_t>(std::distance(begin(folder), end(folder)));
+}
+
+void UseAndUnload(WORD wPort)
+{
+    HMODULE const hClient = LoadLibraryA(kModules[0]);
+    ASSERT_NE(hClient, nullptr) << GetLastError();
+    auto const pfnConnect = PlatProcAddress<DWORD(DWORD)>(hClient, "ClientConnect");
+    auto const pfnHeard = PlatProcAddress<DWORD()>(hClient, "ClientHeard");
+    auto const pfnDisconnect = PlatProcAddress<DWORD()>(hClient, "ClientDisconnect");
+    ASSERT_TRUE(pfnConnect != nullptr && pfnHeard != nullptr && pfnDisconnect != nullptr);
+
+    EXPECT_EQ(pfnConnect(wPort), 0u);
+    EXPECT_TRUE(WaitFor([&] { return pfnHeard() >= 4; }));
+    EXPECT_EQ(pfnDisconnect(), 0u);
+    EXPECT_TRUE(FreeLibrary(hClient));
+    for (char const *pszModule : kModules) {
+        EXPECT_EQ(GetModuleHandleA(pszModule), nullptr) << pszModule << " stays loaded";
+    }
+}
+
+} // namespace
+
+TEST(Modules, LoadedAndUnloadedAHundredTimesUnderEventsLeaveNothing)
+{
+    CSoftDevice device;
+    std::string strError;
+    ASSERT_TRUE(device.Start(&strError)) << strError;
+    CBusyHand const hand(device);
+
+    // The system makes some threads and handles once, for the first who asks.
+    UseAndUnload(device.Port());
+    ASSERT_TRUE(WaitFor([&] { return device.Panel().empty(); }));
+    DWORD const cThreads = PlatThreadCount();
+    std::size_t const cHandles = HeldHandles();
+    for (int i = 0; i < 100 && !HasFailure(); ++i) {
+        UseAndUnload(device.Port());
+    }
+    EXPECT_TRUE(WaitFor([&] { return PlatThreadCount() <= cThreads; }))
+        << PlatThreadCount() << " threads, before " << cThreads;
+    EXPECT_TRUE(WaitFor([&] { return HeldHandles() <= cHandles; }))
+        << HeldHandles() << " handles, before " << cHandles;
+}
+
+TEST(Modules, WhatCannotBeLoadedIsNamed)
+{
+    SetLastError(0xdeadbeef);
+    EXPECT_EQ(LoadLibraryA("no_such_module"), nullptr);
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_MOD_NOT_FOUND));
+
+    HMODULE const hModule = LoadLibraryA("QOMADolC");
+    ASSERT_NE(hModule, nullptr);
+    EXPECT_EQ(GetModuleHandleA("QOMADolC"), hModule);
+    SetLastError(0xdeadbeef);
+    EXPECT_EQ(GetProcAddress(hModule, "NoSuchFunction"), nullptr);
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_PROC_NOT_FOUND));
+    EXPECT_TRUE(FreeLibrary(hModule));
+}
