@@ -1,0 +1,55 @@
+#include "platform/posix/owned.h"
+
+#include <cxxabi.h>
+
+extern "C" void *__dso_handle __attribute__((visibility("hidden")));
+
+constinit thread_local CThreadState t_plThread{};
+
+void PlatAbandonOwned()
+{
+    while (COwnedLock *pLock = t_plThread.m_pFirstOwned) {
+        pLock->m_cRecursion = 1;
+        pLock->Leave();
+        pLock->m_pfnAbandon(*pLock);
+    }
+}
+
+void PlatHookThreadExit()
+{
+    if (t_plThread.m_fExitHooked)
+        return;
+    t_plThread.m_fExitHooked = true;
+    // Not a thread_local object with a destructor: that runs once, and another such destructor that
+    // takes a mutex after it would go unseen. This way the hook can be set again.
+    abi::__cxa_thread_atexit(
+        [](void *) {
+            t_plThread.m_fExitHooked = false;
+            PlatAbandonOwned();
+        },
+        nullptr, &__dso_handle);
+}
+
+void COwnedLock::Own(void (*pfnAbandon)(COwnedLock &))
+{
+    PlatHookThreadExit();
+    m_pOwner.store(&t_plThread, std::memory_order_relaxed);
+    m_cRecursion = 1;
+    m_pfnAbandon = pfnAbandon;
+    m_pPrevOwned = nullptr;
+    m_pNextOwned = t_plThread.m_pFirstOwned;
+    if (m_pNextOwned)
+        m_pNextOwned->m_pPrevOwned = this;
+    t_plThread.m_pFirstOwned = this;
+}
+
+bool COwnedLock::Leave()
+{
+    if (--m_cRecursion > 0)
+        return false;
+    (m_pPrevOwned ? m_pPrevOwned->m_pNextOwned : t_plThread.m_pFirstOwned) = m_pNextOwned;
+    if (m_pNextOwned)
+        m_pNextOwned->m_pPrevOwned = m_pPrevOwned;
+    m_pOwner.store(nullptr, std::memory_order_relaxed);
+    return true;
+}
