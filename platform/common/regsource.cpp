@@ -10,6 +10,7 @@ void CRegSource::SetPath(std::string strPath)
     m_strProblem.clear();
     m_dwError = 0;
     m_bKnown = false;
+    m_fresh.reset();
     Clear();
 }
 
@@ -21,7 +22,15 @@ DWORD CRegSource::Refresh()
     m_bKnown = false;
     std::string strBytes;
     CRegFileLook const look = LookAtRegFile(m_strPath, &strBytes);
-    m_dwError = TakeOver(look, strBytes);
+    bool const bHasBytes = look.stamp.bExists && look.strReason.empty();
+    if (!bHasBytes || m_fresh != strBytes) {
+        m_fresh.reset(); // also when TakeOver throws
+        m_dwError = TakeOver(look, strBytes);
+    }
+    m_fresh.reset();
+    if (bHasBytes && !look.bSettled) {
+        m_fresh = std::move(strBytes);
+    }
     m_stamp = look.stamp;
     m_bKnown = look.bSettled;
     return m_dwError;

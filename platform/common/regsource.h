@@ -64,6 +64,9 @@ private:
     DWORD m_dwError = 0;   // the number that belongs to m_strProblem
     bool m_bKnown = false; // m_stamp is of the state that was last read
     CRegFileStamp m_stamp;
+    // The bytes that were last read, while the file is so young that its stamp cannot be relied on: it is
+    // then read each time, but taken over only when it differs.
+    std::optional<std::string> m_fresh;
 };
 
 // Copies a text for a caller: cut to cb bytes, terminated unless cb is 0. Returns the whole length.

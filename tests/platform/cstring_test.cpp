@@ -1,0 +1,98 @@
+#include "platform/cstring.h"
+#include "tests/support/alloc_fault.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <type_traits>
+
+namespace {
+
+static_assert(sizeof(CString) == sizeof(void *));
+static_assert(std::is_nothrow_move_constructible_v<CString>);
+
+// What the two forms of a change leave: the text, and a memory exception or not.
+template <class Change>
+bool RaisesMemory(Change change)
+{
+    CAllocFault const fault(1);
+    try {
+        change();
+    } catch (CMemoryException const &) {
+        return true;
+    }
+    return false;
+}
+
+} // namespace
+
+TEST(CStringTest, EveryWayToTheEmptyTextReadsEmptyAndNeedsNoMemory)
+{
+    CString const strNull(static_cast<char const *>(nullptr));
+    CString strEmptied("text");
+    strEmptied.Empty();
+    CString strAssigned("text");
+    EXPECT_FALSE(RaisesMemory([&] { strAssigned = ""; }));
+    CString strNulled("text");
+    strNulled = static_cast<char const *>(nullptr);
+    CString strMoved("text");
+    CString const strTaker(std::move(strMoved));
+
+    for (CString const &str :
+         {CString(), CString(""), strNull, strEmptied, strAssigned, strNulled}) {
+        EXPECT_TRUE(str.IsEmpty());
+        EXPECT_STREQ(str, "");
+        EXPECT_EQ(str.GetLength(), 0);
+        EXPECT_EQ(str, CString());
+    }
+    EXPECT_STREQ(strTaker, "text");
+    EXPECT_STREQ(static_cast<char const *>(strMoved), ""); // a moved-from text stays usable
+}
+
+TEST(CStringTest, CopiesAreIndependentOfTheirSource)
+{
+    char sz[] = "one";
+    CString strA(sz);
+    CString strB(strA);
+    CString strC;
+    strC = strA;
+    sz[0] = 'X';
+    strA += "!";
+    EXPECT_STREQ(strA, "one!");
+    EXPECT_STREQ(strB, "one");
+    EXPECT_STREQ(strC, "one");
+    EXPECT_FALSE(strA == strB);
+    EXPECT_TRUE(strB == "one");
+}
+
+TEST(CStringTest, ATextMayBeAssignedAndAppendedToItself)
+{
+    CString str("abc");
+    CString const &same = str;
+    str = same;
+    EXPECT_STREQ(str, "abc");
+    str = static_cast<char const *>(same) + 1;
+    EXPECT_STREQ(str, "bc");
+    str += same;
+    EXPECT_STREQ(str, "bcbc");
+    str += static_cast<char const *>(same) + 3;
+    str += 'd';
+    str += '\0';
+    EXPECT_STREQ(str, "bcbccd");
+    EXPECT_EQ(str.GetLength(), 6);
+    CString &moved = str;
+    str = std::move(moved);
+    EXPECT_STREQ(str, "bcbccd");
+}
+
+TEST(CStringTest, NoMemoryRaisesAndLeavesTheTarget)
+{
+    CString const other("other");
+    CString str("kept");
+    EXPECT_TRUE(RaisesMemory([&] { str = "new"; }));
+    EXPECT_TRUE(RaisesMemory([&] { str = other; }));
+    EXPECT_TRUE(RaisesMemory([&] { str += "more"; }));
+    EXPECT_TRUE(RaisesMemory([&] { str += other; }));
+    EXPECT_TRUE(RaisesMemory([&] { CString const copy(other); }));
+    EXPECT_STREQ(str, "kept");
+}

@@ -1,0 +1,182 @@
+#include "platform/runtime.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <climits>
+#include <cstdlib>
+#include <ctime>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+unsigned char const *Bytes(char const *psz)
+{
+    return reinterpret_cast<unsigned char const *>(psz);
+}
+
+// Offset of the match, -1 for none.
+long Find(char const *pszText, char const *pszSought)
+{
+    unsigned char const *const p = _mbsstr(Bytes(pszText), Bytes(pszSought));
+    return p != nullptr ? static_cast<long>(p - Bytes(pszText)) : -1;
+}
+
+std::string Lower(std::string str)
+{
+    auto *const psz = reinterpret_cast<unsigned char *>(str.data());
+    EXPECT_EQ(_mbslwr(psz), psz);
+    return str;
+}
+
+std::vector<int> Sequence(unsigned seed)
+{
+    crt::srand(seed);
+    std::vector<int> numbers(2000);
+    std::ranges::generate(numbers, crt::rand);
+    return numbers;
+}
+
+} // namespace
+
+TEST(Runtime, RandRepeatsForASeedAndFillsItsRange)
+{
+    std::vector<int> const first = Sequence(12345);
+    EXPECT_EQ(Sequence(12345), first);
+    EXPECT_NE(Sequence(12346), first);
+    EXPECT_GE(*std::ranges::min_element(first), 0);
+    EXPECT_LE(*std::ranges::max_element(first), 32767);
+    EXPECT_GT(*std::ranges::max_element(first), 30000);
+    EXPECT_GT(std::set<int>(first.begin(), first.end()).size(), 1800u);
+}
+
+TEST(Runtime, RandSeededOnOneThreadServesAnother)
+{
+    if (!kIsPosix) {
+        GTEST_SKIP() << "the runtime of Windows keeps a sequence for each thread";
+    }
+    std::vector<int> const expected = Sequence(99);
+    crt::srand(99);
+    int nOther = -1;
+    std::thread([&] { nOther = crt::rand(); }).join();
+    EXPECT_EQ(nOther, expected[0]);
+}
+
+TEST(Runtime, MbsstrFindsText)
+{
+    EXPECT_EQ(Find("NETADDR=1;NETADDR=2;", "NETADDR=2"), 10);
+    EXPECT_EQ(Find("aaab", "ab"), 2);
+    EXPECT_EQ(Find("abc", ""), 0);
+    EXPECT_EQ(Find("", ""), 0);
+    EXPECT_EQ(Find("", "a"), -1);
+    EXPECT_EQ(Find("abc", "abcd"), -1);
+    EXPECT_EQ(Find("abc", "C"), -1);
+    unsigned char szChange[] = "a\\b";
+    unsigned char *const p = _mbsstr(szChange, Bytes("\\"));
+    ASSERT_NE(p, nullptr);
+    *p = '/';
+    EXPECT_STREQ(reinterpret_cast<char *>(szChange), "a/b");
+}
+
+TEST(Runtime, MbsstrMatchesAtCharacterBoundariesOnly)
+{
+    if (!kIsPosix) {
+        GTEST_SKIP() << "the encoding is the code page there";
+    }
+    EXPECT_EQ(Find("\xC3\xA4;", ";"), 2);
+    EXPECT_EQ(Find("\xC3\xA4", "\xA4"), -1);        // the second byte of a character
+    EXPECT_EQ(Find("\xE2\x82\xAC\xA4", "\xA4"), 3); // a byte of its own
+    EXPECT_EQ(Find("\xC3", "\xC3"), 0);             // a character that is cut off
+    EXPECT_EQ(Find("\xE2\x82", "\x82"), 1);         // likewise: two single bytes
+}
+
+TEST(Runtime, CaseOfCharacters)
+{
+    EXPECT_EQ(Lower("C:\\Temp/LOG-1.TXT@[`{"), "c:\\temp/log-1.txt@[`{");
+    for (unsigned ch = 0; ch < 0x80; ++ch) {
+        EXPECT_EQ(_mbctoupper(ch), ch >= 'a' && ch <= 'z' ? ch - 32 : ch) << ch;
+    }
+    if (!kIsPosix) {
+        GTEST_SKIP() << "the encoding is the code page there";
+    }
+    EXPECT_EQ(Lower("\xC3\x84\xD0\x96\xEF\xBC\xA1"), "\xC3\xA4\xD0\xB6\xEF\xBD\x81");
+    EXPECT_EQ(Lower("\xC3\x84\xC3"), "\xC3\xA4\xC3"); // the cut-off character keeps its byte
+    EXPECT_EQ(Lower("\xC8\xBA"), "\xC8\xBA");         // its lower case takes three bytes
+    EXPECT_EQ(_mbctoupper(0xC3A4), 0xC384u);
+    for (unsigned ch = 0x80; ch < 0x100; ++ch) {
+        EXPECT_EQ(_mbctoupper(ch), ch) << ch; // byte by byte a text in UTF-8 stays whole
+    }
+}
+
+TEST(Runtime, ItoaWritesNumbers)
+{
+    struct {
+        int nValue, nRadix;
+        char const *pszText;
+    } const table[] = {
+        {0, 10, "0"},         {64, 10, "64"}, {-1, 10, "-1"}, {INT_MIN, 10, "-2147483648"},
+        {-1, 16, "ffffffff"}, {35, 36, "z"},  {5, 2, "101"}};
+    for (auto const &row : table) {
+        char sz[40];
+        EXPECT_EQ(_itoa(row.nValue, sz, row.nRadix), sz);
+        EXPECT_STREQ(sz, row.pszText);
+    }
+}
+
+TEST(Runtime, SplitpathTakesAPathApart)
+{
+    struct {
+        char const *pszPath, *pszDrive, *pszDir, *pszName, *pszExt;
+    } const table[] = {
+        {"C:\\dir\\sub\\tool.exe", "C:", "\\dir\\sub\\", "tool", ".exe"},
+        {"/usr/bin/tool", "", "/usr/bin/", "tool", ""},
+        {"tool.tar.gz", "", "", "tool.tar", ".gz"},
+        {"/a.b/c", "", "/a.b/", "c", ""},
+        {"dir/", "", "dir/", "", ""},
+        {"", "", "", "", ""},
+    };
+    for (auto const &row : table) {
+        char szDrive[_MAX_DRIVE], szDir[_MAX_DIR], szName[_MAX_FNAME], szExt[_MAX_EXT];
+        _splitpath(row.pszPath, szDrive, szDir, szName, szExt);
+        EXPECT_STREQ(szDrive, row.pszDrive) << row.pszPath;
+        EXPECT_STREQ(szDir, row.pszDir) << row.pszPath;
+        EXPECT_STREQ(szName, row.pszName) << row.pszPath;
+        EXPECT_STREQ(szExt, row.pszExt) << row.pszPath;
+    }
+    char szName[_MAX_FNAME];
+    _splitpath((std::string(1000, 'n') + ".x").c_str(), nullptr, nullptr, szName, nullptr);
+    EXPECT_EQ(std::string(szName).find_first_not_of('n'), std::string::npos);
+    EXPECT_LT(std::string(szName).size(), 256u);
+}
+
+TEST(Runtime, CopiesAreCutAndTerminated)
+{
+    char sz[8] = "#######";
+    EXPECT_EQ(lstrcpynA(sz, "abcdef", 4), sz);
+    EXPECT_STREQ(sz, "abc");
+    EXPECT_EQ(sz[4], '#');
+    EXPECT_EQ(lstrcpynA(sz, "xy", 8), sz);
+    EXPECT_STREQ(sz, "xy");
+    EXPECT_EQ(lstrcpynA(sz, "z", 1), sz);
+    EXPECT_STREQ(sz, "");
+    EXPECT_EQ(lstrcpyA(sz, "whole"), sz);
+    EXPECT_STREQ(sz, "whole");
+    char *const psz = _strdup(sz);
+    ASSERT_NE(psz, nullptr);
+    psz[0] = 'W';
+    EXPECT_STREQ(sz, "whole");
+    std::free(psz);
+}
+
+TEST(Runtime, FtimeIsTheTimeOfDay)
+{
+    std::time_t const before = std::time(nullptr);
+    struct _timeb now;
+    _ftime(&now);
+    EXPECT_GE(now.time, before - 1); // the coarse clock of `time` may lag behind
+    EXPECT_LE(now.time, std::time(nullptr) + 1);
+    EXPECT_LT(now.millitm, 1000);
+}
