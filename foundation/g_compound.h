@@ -58,4 +58,8 @@ protected:
     IStorage *m_pStorage;
     IStream *m_pStream;
     CLIPFORMAT m_cfFormat;
+
+private:
+    // What an open with this name gives before it has touched anything; eGE_OK to go on.
+    DWORD CheckOpen(char const *pszFileName) const;
 };
