@@ -7,6 +7,9 @@
 
 #include "foundation/g_site.h"
 
+#include <gtest/gtest.h>
+
+#include <algorithm>
 #include <atomic>
 #include <mutex>
 #include <string>
@@ -18,8 +21,6 @@ struct CSiteReport {
     std::uint64_t fCustom;
     LONG nLevel;
     std::string strText; // formatted
-
-    bool operator==(CSiteReport const &) const = default;
 };
 
 class CGEvtMgr {
@@ -36,6 +37,21 @@ public:
     ~CSiteRecorder() { g_pEvtMgr = nullptr; }
 
     void SetReady(bool fReady) { m_mgr.m_fReady = fReady; }
+
+    // What has been reported since the last call must be these, each with at least the beginning of its
+    // text: what follows may be a line and a file.
+    void ExpectOnly(std::vector<CSiteReport> const &expected)
+    {
+        auto const reports = Take();
+        EXPECT_EQ(reports.size(), expected.size());
+        for (std::size_t n = 0; n < std::min(reports.size(), expected.size()); ++n) {
+            EXPECT_EQ(reports[n].fBase, expected[n].fBase) << reports[n].strText;
+            EXPECT_EQ(reports[n].fCustom, expected[n].fCustom) << reports[n].strText;
+            EXPECT_EQ(reports[n].nLevel, expected[n].nLevel) << reports[n].strText;
+            auto const &strStart = expected[n].strText;
+            EXPECT_EQ(reports[n].strText.substr(0, strStart.size()), strStart);
+        }
+    }
 
     // What has been reported since the last call.
     std::vector<CSiteReport> Take()

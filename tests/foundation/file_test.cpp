@@ -1,0 +1,115 @@
+#include "foundation/g_file.h"
+#include "tests/support/guards.h"
+
+#include <cstring>
+#include <fstream>
+
+namespace {
+
+class CFileTest : public testing::Test {
+protected:
+    ~CFileTest() override { m_file.Close(); }
+
+    DWORD Open(char const *pszName, DWORD dwAccess = 0xC0000000)
+    {
+        return m_file.Open(m_dir.File(pszName).c_str(), dwAccess, 3, nullptr, 4, 0x80, nullptr);
+    }
+
+    void OpenWith(std::string const &strBytes, DWORD dwAccess = 0xC0000000)
+    {
+        std::ofstream(m_dir.File("f"), std::ios::binary) << strBytes;
+        ASSERT_EQ(Open("f", dwAccess), eGE_OK);
+    }
+
+    CTempDir m_dir;
+    CGFile m_file{"file"};
+};
+
+} // namespace
+
+TEST_F(CFileTest, OpenAndClose_GuardTheOneHandle)
+{
+    EXPECT_EQ(Open("no/such/folder"), eGE_FILE_OPEN);
+    EXPECT_EQ(m_file.Close(), eGE_FILE_NOT_OPEN);
+    EXPECT_EQ(Open("f"), eGE_OK);
+    EXPECT_EQ(Open("other"), eGE_FILE_ALREADY_OPEN);
+    EXPECT_FALSE(std::filesystem::exists(m_dir.File("other")));
+    EXPECT_EQ(m_file.Open(nullptr, 0, 0, nullptr, 0, 0, nullptr), eGE_FILE_OPEN); // the name first
+    EXPECT_EQ(m_file.Close(), eGE_OK);
+    EXPECT_EQ(Open("f"), eGE_OK);
+}
+
+TEST_F(CFileTest, OnAClosedFileOrWithNulls_TransfersAreRefused)
+{
+    char ch = 'x';
+    DWORD dw = 9;
+    EXPECT_EQ(m_file.Read(&ch, 1, &dw), eGE_FILE_NOT_OPEN);
+    EXPECT_EQ(dw, 0u);
+    EXPECT_EQ(m_file.WriteString("x"), eGE_FILE_NOT_OPEN);
+    EXPECT_EQ(m_file.Seek(0, 0), eGE_OK);
+    EXPECT_EQ(m_file.ReadDword(&dw), eGE_FILE_READ);
+    EXPECT_EQ(m_file.ReadString(&ch, 1), eGE_FILE_READ);
+    EXPECT_EQ(m_file.Read(nullptr, 1, &dw), eGE_NULL_ARGUMENT);
+    EXPECT_EQ(m_file.Write(&ch, 1, nullptr), eGE_NULL_ARGUMENT);
+    EXPECT_EQ(m_file.ReadDword(nullptr), eGE_NULL_ARGUMENT);
+    EXPECT_EQ(m_file.ReadString(nullptr, 1), eGE_NULL_ARGUMENT);
+}
+
+TEST_F(CFileTest, WordsAndTexts_ArePlainBytesAndShortTransfersFailWhole)
+{
+    OpenWith("");
+    EXPECT_EQ(m_file.WriteDword(0x44434241), eGE_OK);
+    EXPECT_EQ(m_file.WriteString("t"), eGE_OK);
+    EXPECT_EQ(m_file.WriteString(nullptr), eGE_OK);
+    m_file.Close();
+    ASSERT_EQ(Open("f", 0x80000000), eGE_OK);
+    char abAll[8];
+    DWORD cbDone = 9;
+    EXPECT_EQ(m_file.Read(abAll, 8, &cbDone), eGE_FILE_READ); // one byte too many
+    EXPECT_EQ(cbDone, 0u);
+    EXPECT_EQ(m_file.Seek(0, 0), eGE_OK);
+    EXPECT_EQ(m_file.Read(abAll, 7, &cbDone), eGE_OK);
+    EXPECT_EQ(cbDone, 7u);
+    EXPECT_EQ(std::memcmp(abAll, "ABCDt\0\0", 7), 0);
+    EXPECT_EQ(m_file.Read(abAll, 0, &cbDone), eGE_OK);
+    EXPECT_EQ(m_file.Seek(0, 2), eGE_OK);
+    DWORD dwValue = 0xFFFFFFFF;
+    EXPECT_EQ(m_file.ReadDword(&dwValue), eGE_OK);
+    EXPECT_EQ(dwValue, 0x00744443u);
+    EXPECT_EQ(m_file.Seek(0, 3), eGE_OK);
+    EXPECT_EQ(m_file.Seek(1, 2), eGE_OK);
+    EXPECT_EQ(m_file.ReadDword(&(dwValue = 0x11111111)), eGE_FILE_READ);
+    EXPECT_EQ(dwValue, 0u);                          // the two bytes that arrived
+    EXPECT_EQ(m_file.WriteDword(1), eGE_FILE_WRITE); // opened for reading only
+}
+
+TEST_F(CFileTest, Seek_TakesTheDistanceFromThePlaceOfItsMode)
+{
+    OpenWith("0123456789");
+    struct {
+        LONG nMode, nDistance;
+        DWORD dwResult;
+        char chNext;
+    } const aSteps[] = {{0, 3, eGE_OK, '3'}, {1, 2, eGE_OK, '6'},  {2, -1, eGE_OK, '9'},
+                        {7, 4, eGE_OK, '4'}, {-1, 1, eGE_OK, '1'}, {0, -1, eGE_FILE_SEEK, '2'}};
+    for (auto const &step : aSteps) {
+        char ch = 0;
+        DWORD cbDone = 0;
+        EXPECT_EQ(m_file.Seek(step.nMode, step.nDistance), step.dwResult);
+        EXPECT_EQ(m_file.Read(&ch, 1, &cbDone), eGE_OK);
+        EXPECT_EQ(ch, step.chNext);
+    }
+}
+
+TEST_F(CFileTest, ReadString_StopsAtTheZeroOrAtTheLimit)
+{
+    OpenWith(std::string("abcdeab\0xy", 10));
+    char abBuffer[5] = {'#', '#', '#', '#', '#'};
+    EXPECT_EQ(m_file.ReadString(abBuffer, 0), eGE_NULL_ARGUMENT); // takes no byte
+    EXPECT_EQ(m_file.ReadString(abBuffer, 4), eGE_OK);
+    EXPECT_EQ(std::string(abBuffer, 5), "abcd#");
+    EXPECT_EQ(m_file.ReadString(abBuffer, 5), eGE_OK); // goes on in the middle of the text
+    EXPECT_EQ(std::string(abBuffer, 5), std::string("eab\0\0", 5));
+    EXPECT_EQ(m_file.ReadString(abBuffer, 5), eGE_FILE_READ); // ends before a zero
+    EXPECT_STREQ(abBuffer, "xy");
+}

@@ -1,0 +1,189 @@
+#include "foundation/g_queue.h"
+#include "tests/support/alloc_fault.h"
+#include "tests/support/guards.h"
+#include "tests/support/site_recorder.h"
+
+#include <algorithm>
+#include <functional>
+#include <iostream>
+
+namespace {
+
+using Words = std::vector<DWORD_PTR>;
+
+class CTestQueue : public CGQueue {
+public:
+    CTestQueue() : CGQueue("q") {}
+    ~CTestQueue() override { Flush(); }
+    int VisitNode(CNode *pNode, DWORD dwArg, void *) override { return m_fnVisit(pNode, dwArg); }
+    bool IsDrained() const { return WaitForSingleObject(m_hDrained, 0) == WAIT_OBJECT_0; }
+    DWORD Add(DWORD_PTR nWord, DWORD nPriority)
+    {
+        return AddNode("n", reinterpret_cast<void *>(nWord), 0, nPriority);
+    }
+
+    // The payload words from head to tail; the links back are checked on the way.
+    Words GetWords() const
+    {
+        Words words;
+        CNode *pBefore = nullptr;
+        for (CNode *pNode = GetHead(); pNode != nullptr; pNode = GetNext(pNode)) {
+            EXPECT_EQ(GetPrev(pNode), pBefore);
+            words.push_back(reinterpret_cast<DWORD_PTR>(pNode->m_pData));
+            pBefore = pNode;
+        }
+        EXPECT_EQ(words.size(), GetCount());
+        return words;
+    }
+
+    using CGQueue::m_cLive;
+    using CGQueue::m_hDrained;
+    using CGQueue::m_hMutex;
+    std::function<int(CNode *, DWORD)> m_fnVisit;
+};
+
+} // namespace
+
+TEST(GQueue, RandomUse_AgreesWithASortedVector)
+{
+    CCountersGuard guard;
+    CTestQueue queue;
+    unsigned const nSeed = std::random_device{}();
+    std::cout << "seed " << nSeed << '\n';
+    std::mt19937 random(nSeed);
+    Words model; // of words that hold the priority above and the step below
+    auto const fnPriority = [](DWORD_PTR nWord) { return DWORD(nWord >> 16); };
+    for (DWORD_PTR nStep = 0; nStep < 3000; ++nStep) {
+        auto const nWhat = random() % 10;
+        auto const itAny = model.begin() + (model.empty() ? 0 : random() % model.size());
+        CNode *pNode = nullptr;
+        if (nWhat < 6) {
+            DWORD const nPriority = random() % 5;
+            // 4 is told to the queue as the highest of all: priorities compare unsigned.
+            ASSERT_EQ(queue.Add(nPriority << 16 | nStep, nPriority == 4 ? 0xFFFFFFFF : nPriority),
+                      0u);
+            auto const fnLower = [&](DWORD_PTR nWord) { return fnPriority(nWord) < nPriority; };
+            model.insert(std::find_if(model.begin(), model.end(), fnLower),
+                         nPriority << 16 | nStep);
+        } else if (nWhat < 8) {
+            ASSERT_EQ(queue.GetFirstNode(&pNode), eGE_OK);
+            ASSERT_EQ(queue.FreeNode(&pNode), model.empty() ? eGE_NULL_ARGUMENT : eGE_OK);
+            model.erase(model.begin(), model.begin() + !model.empty());
+        } else if (!model.empty()) {
+            for (pNode = queue.GetHead(); pNode->m_pData != reinterpret_cast<void *>(*itAny);) {
+                pNode = CGBaseQueue::GetNext(pNode);
+            }
+            ASSERT_EQ(queue.RemoveAndFreeNode(pNode), eGE_OK);
+            model.erase(itAny);
+        }
+        ASSERT_EQ(queue.m_cLive, model.size());
+        ASSERT_EQ(queue.GetWords(), model) << "step " << nStep;
+    }
+}
+
+TEST(GQueue, Payload_IsOwnedOnlyWithASizeAndOnlyAfterSuccess)
+{
+    CCountersGuard guard;
+    CTestQueue queue;
+    int nForeign = 7;
+    EXPECT_EQ(queue.AddNode("owned", GMemAlloc(30, 0, ""), 30, 1), eGE_OK);
+    EXPECT_EQ(queue.AddNode(nullptr, &nForeign, 0, 0), eGE_OK);
+    EXPECT_STREQ(CGBaseQueue::GetNext(queue.GetHead())->m_strName.m_pszText, "");
+    EXPECT_EQ(g_cObjects, guard.m_cObjects + 2);
+    EXPECT_EQ(queue.Flush(), eGE_OK);
+
+    void *pData = GMemAlloc(5, 0, "");
+    for (DWORD nFail : {1, 2}) { // the node, its name
+        CAllocFault fault(nFail);
+        EXPECT_EQ(queue.AddNode("n", pData, 5, 1), nFail == 1 ? eGE_OUT_OF_MEMORY : eGE_OK);
+    }
+    EXPECT_EQ(queue.GetHead()->m_strName.m_pszText, nullptr);
+    queue.Close();
+    EXPECT_EQ(queue.AddNode("late", &nForeign, 4, 1), eGE_QUEUE_CLOSED);
+    EXPECT_EQ(queue.GetCount(), 1u);
+}
+
+TEST(GQueue, NullOrForeignNodes_AreRefused)
+{
+    CTestQueue queue;
+    CTestQueue other;
+    CNode *pNull = nullptr;
+    other.Add(1, 1);
+    EXPECT_EQ(queue.RemoveAndFreeNode(other.GetHead()), eGE_NOT_IN_QUEUE);
+    EXPECT_EQ(other.GetWords(), Words{1});
+    EXPECT_EQ(queue.CreateNode(nullptr, "n"), eGE_NULL_ARGUMENT);
+    EXPECT_EQ(queue.GetFirstNode(nullptr), eGE_NULL_ARGUMENT);
+    EXPECT_EQ(queue.RemoveAndFreeNode(nullptr), eGE_NULL_ARGUMENT);
+    EXPECT_EQ(queue.FreeNode(nullptr), eGE_NULL_ARGUMENT);
+    EXPECT_EQ(queue.FreeNode(&pNull), eGE_NULL_ARGUMENT);
+    // Nor is there any harm in a queue whose mutex and event could not be had.
+    GMutexClose(&queue.m_hMutex);
+    GEventClose(&queue.m_hDrained);
+    EXPECT_EQ(queue.Add(1, 1), eGE_QUEUE_CLOSED);
+    EXPECT_EQ(queue.WaitDrained(), eGE_OK);
+}
+
+TEST(GQueue, ForEachNode_VisitsUnderTheMutexUntilAVisitSaysStop)
+{
+    CTestQueue queue;
+    Words visited;
+    queue.m_fnVisit = [&](CNode *pNode, DWORD nStopAt) {
+        std::thread([&] {
+            EXPECT_EQ(WaitForSingleObject(queue.m_hMutex, 0), static_cast<DWORD>(WAIT_TIMEOUT));
+        }).join();
+        visited.push_back(reinterpret_cast<DWORD_PTR>(pNode->m_pData));
+        return visited.back() == nStopAt ? 0 : 2;
+    };
+    EXPECT_EQ(queue.ForEachNode(9, nullptr), 1); // nothing to visit
+    for (DWORD_PTR n : {1, 2, 3}) {
+        queue.Add(n, 1);
+    }
+    for (DWORD nStopAt : {9, 3, 2}) { // also on the last node a stop is a stop
+        EXPECT_EQ(queue.ForEachNode(nStopAt, nullptr), nStopAt == 9 ? 1 : 0);
+    }
+    EXPECT_EQ(visited, (Words{1, 2, 3, 1, 2, 3, 1, 2}));
+    queue.m_fnVisit = [&](CNode *pNode, DWORD) { return queue.RemoveAndFreeNode(pNode) == eGE_OK; };
+    EXPECT_EQ(queue.ForEachNode(0, nullptr), 1);
+    EXPECT_EQ(queue.GetCount(), 0u);
+    EXPECT_EQ(queue.CGQueue::VisitNode(nullptr, 0, nullptr), 0); // the plain queue's own stops
+}
+
+TEST(GQueue, DrainedEvent_TellsThatAConsumerFoundTheListEmpty)
+{
+    CTestQueue queue;
+    EXPECT_TRUE(queue.IsDrained());
+    queue.Add(1, 1);
+    queue.Flush();
+    EXPECT_FALSE(queue.IsDrained());
+    queue.Add(2, 1);
+    queue.Close();
+    std::atomic<bool> fWorked{false};
+    std::thread consumer([&] {
+        CNode *pNode = nullptr;
+        queue.GetFirstNode(&pNode); // a closed queue still hands out what is there
+        std::this_thread::sleep_for(std::chrono::milliseconds(60)); // longer than one look
+        queue.FreeNode(&pNode);
+        EXPECT_FALSE(queue.IsDrained());
+        fWorked = true;
+        queue.GetFirstNode(&pNode);
+    });
+    EXPECT_EQ(queue.WaitDrained(), eGE_OK);
+    EXPECT_TRUE(fWorked);
+    consumer.join();
+}
+
+TEST(GQueue, NodeReports_CarryTheCompositeNameUnlessTheQueueIsSilent)
+{
+    CTestQueue queue;
+    CSiteRecorder recorder;
+    for (DWORD fReport : {1, 0}) {
+        queue.m_fReport = fReport;
+        queue.AddNode("Fax", nullptr, 0, 1);
+        queue.Flush();
+        CAllocFault fault(1);
+        queue.AddNode("Fax", nullptr, 0, 1);
+    }
+    recorder.ExpectOnly({{8, 0x1000000000000000u, 2, "INC_OBJECT_COUNTER 1: CNode[Fax]: "},
+                         {8, 0x2000000000000000u, 2, "DEC_OBJECT_COUNTER 0: CNode[Fax]: "},
+                         {32, 0x1000000000000000u, -1, "NEW_OPERATOR: CNode[Fax]: NEW FAILED"}});
+}

@@ -1,0 +1,80 @@
+#include "foundation/g_ref.h"
+#include "tests/support/alloc_fault.h"
+#include "tests/support/guards.h"
+#include "tests/support/site_recorder.h"
+
+// A counted heap object, or null without memory.
+template <class... Args>
+static CGReference *NewObject(Args... args)
+{
+    auto *pRef = new (std::nothrow) CGReference(args...);
+    if (pRef != nullptr) {
+        INC_OBJECT_COUNTER(eEC_NONE, "CGReference");
+    }
+    return pRef;
+}
+
+TEST(GReference, CreationAndLastRelease_AreReportedUnlessTheObjectIsSilent)
+{
+    CCountersGuard guard;
+    CSiteRecorder recorder;
+    CGReference *pRef = NewObject("probe");
+    EXPECT_EQ(pRef->AddRef(), 2);
+    EXPECT_EQ(pRef->Release(), 1);
+    EXPECT_EQ(pRef->Release(), 0);
+    std::uint64_t const fTop = 0x8000000000000000u;
+    recorder.ExpectOnly({{1, fTop, 1, "CGReference::Init: Creating object \"probe\""},
+                         {1, fTop, 1, "CGReference::Release: Removing object \"probe\""},
+                         {8, fTop, 2, "DEC_OBJECT_COUNTER 0: probe: g_cObjects line file = "}});
+    {
+        CGReference automatic("automatic");
+    }
+    recorder.ExpectOnly({{1, fTop, 1, "CGReference::Init: Creating object \"automatic\""}});
+    NewObject(DWORD{0})->Release();
+    NewObject(DWORD{0}, "silent")->Release();
+    recorder.SetReady(false);
+    NewObject("early")->Release();
+    recorder.ExpectOnly({});
+}
+
+TEST(GReference, MissingNameOrMemoryForIt_DoesNoHarm)
+{
+    CCountersGuard guard;
+    char const *const pszNull = nullptr;
+    CGReference const aRefs[] = {CGReference(), CGReference(pszNull), CGReference(DWORD{1}),
+                                 CGReference(DWORD{1}, pszNull)};
+    for (CGReference const &ref : aRefs) {
+        EXPECT_STREQ(ref.m_strObjectName.m_pszText, "Object Name not given in constructor");
+        EXPECT_EQ(ref.HasReportFlag(1), 1);
+        EXPECT_EQ(ref.HasReportFlag(0), 0);
+    }
+    std::size_t const cFaults = FailEachAllocation([] {
+        if (CGReference *pRef = NewObject("probe")) {
+            pRef->Release();
+        }
+    });
+    EXPECT_EQ(cFaults, 2u);
+}
+
+TEST(GReference, ManyThreads_ExactlyOneSeesTheEnd)
+{
+    CCountersGuard guard;
+    CGReference *pRef = NewObject("shared");
+    std::atomic<int> cEnds{0};
+    std::vector<std::thread> threads;
+    for (int nThread = 0; nThread < 4; ++nThread) {
+        pRef->AddRef();
+        threads.emplace_back([&] {
+            for (int nStep = 0; nStep < 2000; ++nStep) {
+                pRef->AddRef();
+                cEnds += pRef->Release() == 0;
+            }
+            cEnds += pRef->Release() == 0;
+        });
+    }
+    cEnds += pRef->Release() == 0;
+    for (auto &thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(cEnds, 1);
+}

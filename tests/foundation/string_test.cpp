@@ -1,0 +1,55 @@
+#include "foundation/g_string.h"
+#include "tests/support/alloc_fault.h"
+#include "tests/support/guards.h"
+
+#include <cstring>
+
+TEST(GString, SetAndAppend_KeepTextSizeAndCountersInStep)
+{
+    CCountersGuard guard;
+    CGString str;
+    EXPECT_EQ(str.GetLength(), 0xFFFFFFFFu);
+    struct {
+        DWORD (CGString::*pfnStep)(char const *);
+        char const *pszText;
+        DWORD dwResult;
+        char const *pszAfter;
+    } const aSteps[] = {
+        {&CGString::Append, "first", eGE_OK, "first"}, // without text it is a Set
+        {&CGString::Set, "abc", eGE_OK, "abc"},
+        {&CGString::Append, nullptr, eGE_NULL_ARGUMENT, "abc"},
+        {&CGString::Set, nullptr, eGE_NULL_ARGUMENT, ""},
+        {&CGString::Append, "xyz", eGE_OK, "xyz"},
+    };
+    for (auto const &step : aSteps) {
+        EXPECT_EQ((str.*step.pfnStep)(step.pszText), step.dwResult);
+        ASSERT_STREQ(str.m_pszText, step.pszAfter);
+        EXPECT_EQ(str.GetSize(), std::strlen(step.pszAfter) + 1);
+        EXPECT_EQ(g_cMemory, guard.m_cMemory + 1);
+        EXPECT_EQ(g_cbMemory, guard.m_cbMemory + str.GetSize());
+    }
+    str.Append(str.m_pszText); // its own text as an argument
+    EXPECT_STREQ(str.m_pszText, "xyzxyz");
+    str.Set(str.m_pszText + 4);
+    EXPECT_STREQ(str.m_pszText, "yz");
+    for (auto const &step : {aSteps[0], aSteps[3]}) { // without memory Append keeps, Set loses
+        EXPECT_STREQ(str.m_pszText, "yz");
+        CAllocFault fault(1);
+        EXPECT_EQ((str.*step.pfnStep)(step.pszText), eGE_OUT_OF_MEMORY);
+    }
+    EXPECT_EQ(str.m_pszText, nullptr);
+    EXPECT_EQ(str.m_cbSize, 3u); // m_pszText alone tells that there is no text
+}
+
+TEST(GString, FindNoCase_PointsIntoTheCallersText)
+{
+    CCountersGuard guard;
+    char const szText[] = "Scan To DESKTOP to";
+    for (auto const &[pszPattern, nAt] : std::initializer_list<std::pair<char const *, int>>{
+             {"desk", 8}, {"TO", 5}, {"", 0}, {nullptr, 0}}) {
+        EXPECT_EQ(GStrFindNoCase(szText, pszPattern), szText + nAt);
+    }
+    EXPECT_EQ(GStrFindNoCase(szText, "tops"), nullptr);
+    EXPECT_EQ(GStrFindNoCase(nullptr, "x"), nullptr);
+    EXPECT_EQ(FailEachAllocation([&] { GStrFindNoCase(szText, "desk"); }), 2u);
+}
