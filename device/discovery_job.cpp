@@ -117,24 +117,29 @@ bool CDiscoveryScanner::SkipToStart(std::vector<DiscoveryFind> *pFinds)
     return fFound;
 }
 
-// The exit sequence behind a bad job stays: if that job was cut off, it begins the next one.
+// The exit sequence behind a job stays: if that job was cut off, it begins the next one.
 void CDiscoveryScanner::TakeContent(size_t nEnd, std::vector<DiscoveryFind> *pFinds)
 {
     std::string const strContent = m_strRest.substr(kExitSize, nEnd - kExitSize);
+    m_strRest.erase(0, nEnd);
+    if (std::all_of(strContent.begin(), strContent.end(), IsBlank))
+        return; // between two jobs
     DiscoveryFind find;
     find.strRefusal = ParseDiscoveryJob(strContent, &find.job);
-    bool const fClosed = !strContent.empty() && strContent.back() == '"';
-    m_strRest.erase(0, fClosed ? nEnd + kExitSize : nEnd);
-    if (!std::all_of(strContent.begin(), strContent.end(), IsBlank))
-        pFinds->push_back(std::move(find));
+    pFinds->push_back(std::move(find));
+}
+
+bool CDiscoveryScanner::HasRest() const
+{
+    size_t const nStart = m_strRest.compare(0, kExitSize, kExit) == 0 ? kExitSize : 0;
+    return !std::all_of(m_strRest.begin() + static_cast<ptrdiff_t>(nStart), m_strRest.end(),
+                        IsBlank);
 }
 
 std::vector<DiscoveryFind> CDiscoveryScanner::Flush()
 {
     std::vector<DiscoveryFind> finds;
-    // A lone exit sequence is what is left behind a bad job, and an end for any printer.
-    bool const fRefuse = !m_fSkipping && m_strRest != kExit && !m_strRest.empty();
-    if (fRefuse)
+    if (HasRest() && !m_fSkipping)
         finds.push_back(Refusal("it was cut off"));
     m_strRest.clear();
     m_fSkipping = false;

@@ -39,8 +39,8 @@ public:
     // No more is coming for now: what is left was cut off. At most one refusal.
     std::vector<DiscoveryFind> Flush();
 
-    // In the middle of something.
-    bool HasRest() const { return !m_strRest.empty() || m_fSkipping; }
+    // In the middle of something; a lone exit sequence is the end of what came before.
+    bool HasRest() const;
 
 private:
     bool Step(std::vector<DiscoveryFind> *pFinds);

@@ -11,8 +11,10 @@
 #include <CLI/CLI.hpp>
 
 #include <atomic>
-#include <cstdio>
+#include <chrono>
+#include <cstdlib>
 #include <fstream>
+#include <future>
 #include <iostream>
 #include <mutex>
 #include <string>
@@ -132,6 +134,17 @@ void RunTerminal(CPanelCommands &panel)
     }
 }
 
+// A console that somebody has begun to type at gives a read back only at the end of the line. Nobody
+// is to have to press a key for the program to end.
+void EndTerminal(std::thread &thread, std::future<void> const &finished, int nExit)
+{
+    if (finished.wait_for(std::chrono::seconds(1)) != std::future_status::ready) {
+        std::cout.flush();
+        std::_Exit(nExit);
+    }
+    thread.join();
+}
+
 std::atomic<CPanelCommands *> g_pPanel{nullptr};
 
 BOOL WINAPI OnConsole(DWORD)
@@ -153,14 +166,16 @@ int Run(Options const &options)
     if (device.Start(&strError)) {
         Misbehave(device, options);
         Print("listening on " + options.config.strListen + ":" + std::to_string(device.Port()));
-        std::thread terminal([&] { RunTerminal(panel); });
+        std::packaged_task<void()> task([&] { RunTerminal(panel); });
+        std::future<void> const terminal = task.get_future();
+        std::thread thread(std::move(task));
         if (!options.strScript.empty() && !RunScript(panel, options.strScript)) {
             nExit = kExitFailed;
             panel.Quit();
         }
         panel.WaitForQuit();
-        terminal.join();
         device.Stop();
+        EndTerminal(thread, terminal, nExit);
     } else {
         std::cerr << "mfpsim: " << strError << std::endl;
         nExit = kExitFailed;

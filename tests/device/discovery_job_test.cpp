@@ -1,0 +1,123 @@
+#include "device/discovery_job.h"
+
+#include <gtest/gtest.h>
+
+#include <random>
+
+namespace {
+
+std::string const kUel = "\x1B%-12345X";
+std::string const kHead = "@PJL SELECT=\"\x01\x15";
+
+std::string Job(std::string const &strClauses)
+{
+    return kUel + kHead + strClauses + "\"" + kUel;
+}
+
+std::string GoodJob(int n)
+{
+    return Job("TYPE=<ECHO>;NETADDR=10.1.2.3:1037;SRVQ=" + std::to_string(n) + ";");
+}
+
+// One letter per find: a good job its number, a refusal its reason.
+std::vector<std::string> Told(std::vector<DiscoveryFind> const &finds)
+{
+    std::vector<std::string> result;
+    for (DiscoveryFind const &find : finds)
+        result.push_back(find.strRefusal.empty() ? find.job.strAddress + " " + find.job.strNumber
+                                                 : find.strRefusal);
+    return result;
+}
+
+std::vector<std::string> Scan(std::string const &str, size_t cbPiece)
+{
+    CDiscoveryScanner scanner;
+    std::vector<DiscoveryFind> all;
+    auto const add = [&](std::vector<DiscoveryFind> const &finds) {
+        all.insert(all.end(), finds.begin(), finds.end());
+    };
+    for (size_t n = 0; n < str.size(); n += cbPiece)
+        add(scanner.Feed(str.data() + n, std::min(cbPiece, str.size() - n)));
+    add(scanner.Flush());
+    EXPECT_FALSE(scanner.HasRest());
+    return Told(all);
+}
+
+using Strings = std::vector<std::string>;
+
+} // namespace
+
+TEST(DiscoveryScanner, JobsAndRefusals)
+{
+    std::string const strGood = "10.1.2.3:1037 4711";
+    std::string const strStart = "it does not begin with the exit sequence";
+    struct {
+        char const *pszWhat;
+        std::string strInput;
+        Strings expected;
+    } const cases[] = {
+        {"one job", GoodJob(4711), {strGood}},
+        {"two jobs, a line end between",
+         GoodJob(4711) + "\r\n" + GoodJob(-1),
+         {strGood, "10.1.2.3:1037 -1"}},
+        {"a local address", Job("TYPE=<ECHO>;NETADDR=LINK0;SRVQ=0;"), {"LINK0 0"}},
+        {"cut off at the end", GoodJob(1).substr(0, 40), {"it was cut off"}},
+        {"cut off inside the exit sequence", GoodJob(1).substr(0, 6), {"it was cut off"}},
+        {"without its end, then a good one",
+         GoodJob(1).substr(0, GoodJob(1).size() - 9) + GoodJob(2),
+         {"10.1.2.3:1037 1", "10.1.2.3:1037 2"}},
+        {"cut off, then a good one",
+         GoodJob(1).substr(0, 40) + GoodJob(4711),
+         {"its quote is not closed", strGood}},
+        {"no exit sequence", "plain text\n", {strStart}},
+        {"other data, then a good one", "plain \x1B text" + GoodJob(4711), {strStart, strGood}},
+        {"another command",
+         kUel + "@PJL INFO ID\r\n" + kUel,
+         {"it does not begin with the select command"}},
+        {"control bytes missing",
+         kUel + "@PJL SELECT=\"TYPE=<ECHO>;\"" + kUel,
+         {"it does not begin with the select command"}},
+        {"no clauses", Job(""), {"its type is not <ECHO>"}},
+        {"another type", Job("TYPE=<SCAN>;NETADDR=a;SRVQ=1;"), {"its type is not <ECHO>"}},
+        {"no address", Job("TYPE=<ECHO>;SRVQ=1;"), {"it has no address"}},
+        {"an empty address", Job("TYPE=<ECHO>;NETADDR=;SRVQ=1;"), {"it has no address"}},
+        {"no number", Job("TYPE=<ECHO>;NETADDR=a;"), {"it has no number"}},
+        {"no number but letters", Job("TYPE=<ECHO>;NETADDR=a;SRVQ=1x;"), {"it has no number"}},
+        {"number without its end", Job("TYPE=<ECHO>;NETADDR=a;SRVQ=1"), {"it has no number"}},
+        {"1 MiB, then a good one",
+         Job(std::string(1 << 20, 'x')) + GoodJob(4711),
+         {"it is too long", strGood}},
+        {"1 MiB of nothing, then a good one",
+         std::string(1 << 20, '\0') + GoodJob(4711),
+         {strStart, strGood}},
+        {"nothing but an end", kUel, {}},
+    };
+    for (auto const &c : cases) {
+        SCOPED_TRACE(c.pszWhat);
+        EXPECT_EQ(Scan(c.strInput, c.strInput.size()), c.expected);
+        EXPECT_EQ(Scan(c.strInput, 1), c.expected) << "byte by byte";
+        EXPECT_EQ(Scan(c.strInput, 7), c.expected) << "in sevens";
+    }
+}
+
+TEST(DiscoveryScanner, FindsTheJobBehindRandomBytes)
+{
+    std::mt19937 random(20);
+    std::string const strLetters = kUel + kHead + "TYPE=<ECHO>;\"";
+    for (int nRound = 0; nRound < 500; ++nRound) {
+        std::string strNoise;
+        for (unsigned n = random() % 300; n > 0; --n)
+            strNoise += strLetters[random() % strLetters.size()];
+        auto const told = Scan(strNoise + GoodJob(4711), 1 + random() % 50);
+        ASSERT_FALSE(told.empty()) << strNoise;
+        EXPECT_EQ(told.back(), "10.1.2.3:1037 4711") << strNoise;
+    }
+}
+
+TEST(FindClause, TakesTheLastOfItsKind)
+{
+    std::string str;
+    EXPECT_TRUE(FindClause("a;NETADDR=1;xNETADDR=2;NETADDR=3;b;", "NETADDR=", &str));
+    EXPECT_EQ(str, "3");
+    EXPECT_FALSE(FindClause("aNETADDR=1;NETADDR=2", "NETADDR=", &str));
+}
