@@ -1,0 +1,568 @@
+#include "platform/common/namecache.h"
+#include "platform/runtime.h"
+#include "platform/socket.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+constexpr DWORD kLimit = 20'000; // milliseconds: only a broken build needs them
+
+sockaddr_in Loopback(unsigned short nPort = 0)
+{
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = ws::htons(nPort);
+    address.sin_addr.s_addr = ws::inet_addr("127.0.0.1");
+    return address;
+}
+
+sockaddr *At(sockaddr_in &address)
+{
+    return reinterpret_cast<sockaddr *>(&address);
+}
+
+class CSocket {
+public:
+    explicit CSocket(SOCKET s) : m_s(s) { EXPECT_NE(s, INVALID_SOCKET) << ws::WSAGetLastError(); }
+    explicit CSocket(int nType) : CSocket(ws::socket(AF_INET, nType, 0)) {}
+    ~CSocket() { Close(); }
+    CSocket(CSocket const &) = delete;
+    CSocket &operator=(CSocket const &) = delete;
+
+    operator SOCKET() const { return m_s; }
+    void Close()
+    {
+        if (m_s != INVALID_SOCKET) {
+            EXPECT_EQ(ws::closesocket(m_s), 0);
+        }
+        m_s = INVALID_SOCKET;
+    }
+
+    // Binds to a port of the system's choice on the loopback interface; the address that came of it.
+    sockaddr_in Bind()
+    {
+        sockaddr_in address = Loopback();
+        EXPECT_EQ(ws::bind(m_s, At(address), sizeof(address)), 0) << ws::WSAGetLastError();
+        int cb = sizeof(address);
+        EXPECT_EQ(ws::getsockname(m_s, At(address), &cb), 0);
+        EXPECT_EQ(cb, static_cast<int>(sizeof(address)));
+        EXPECT_NE(address.sin_port, 0);
+        return address;
+    }
+
+    int SendTo(sockaddr_in address, std::string const &str) const
+    {
+        return ws::sendto(m_s, str.data(), static_cast<int>(str.size()), 0, At(address),
+                          sizeof(address));
+    }
+
+    // One datagram, or a text in brackets that tells what came instead.
+    std::string Receive(std::size_t cb = 2000) const
+    {
+        if (PlatSocketWait(m_s, false, kLimit) != 1) {
+            return "[nothing came]";
+        }
+        std::string str(cb, '#');
+        int const n = ws::recvfrom(m_s, str.data(), static_cast<int>(cb), 0, nullptr, nullptr);
+        return n < 0 ? "[error " + std::to_string(ws::WSAGetLastError()) + "]"
+                     : str.substr(0, static_cast<std::size_t>(n));
+    }
+
+private:
+    SOCKET m_s;
+};
+
+class Sockets : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        WSADATA data;
+        ASSERT_EQ(ws::WSAStartup(0x0101, &data), 0);
+    }
+    void TearDown() override
+    {
+        EXPECT_EQ(PlatLiveSockets(), 0u);
+        EXPECT_EQ(ws::WSACleanup(), 0);
+    }
+};
+
+// A call's result with the last error poisoned before: 0, or the error.
+int ErrorOf(std::function<bool()> const &fnFails)
+{
+    ws::WSASetLastError(4711);
+    return fnFails() ? ws::WSAGetLastError() : 0;
+}
+
+// Each call that takes a socket, made on s.
+std::vector<int> ErrorsOfAllCalls(SOCKET s)
+{
+    sockaddr_in address = Loopback(9);
+    char ch = 0;
+    int n = sizeof(address);
+    std::function<bool()> const calls[] = {
+        [&] { return ws::bind(s, At(address), n) == SOCKET_ERROR; },
+        [&] { return ws::listen(s, 1) == SOCKET_ERROR; },
+        [&] { return ws::accept(s, nullptr, nullptr) == INVALID_SOCKET; },
+        [&] { return ws::connect(s, At(address), n) == SOCKET_ERROR; },
+        [&] { return ws::getsockname(s, At(address), &n) == SOCKET_ERROR; },
+        [&] { return ws::getpeername(s, At(address), &n) == SOCKET_ERROR; },
+        [&] { return ws::recv(s, &ch, 1, 0) == SOCKET_ERROR; },
+        [&] { return ws::recvfrom(s, &ch, 1, 0, nullptr, nullptr) == SOCKET_ERROR; },
+        [&] { return ws::send(s, &ch, 1, 0) == SOCKET_ERROR; },
+        [&] { return ws::sendto(s, &ch, 1, 0, At(address), n) == SOCKET_ERROR; },
+        [&] { return ws::shutdown(s, 2) == SOCKET_ERROR; },
+        [&] { return ws::setsockopt(s, SOL_SOCKET, SO_KEEPALIVE, &ch, 1) == SOCKET_ERROR; },
+        [&] { return PlatConnect(s, At(address), n, 0) == SOCKET_ERROR; },
+        [&] { return PlatSocketWait(s, false, 0) == SOCKET_ERROR; },
+    };
+    std::vector<int> errors;
+    std::ranges::transform(calls, std::back_inserter(errors), ErrorOf);
+    return errors;
+}
+
+} // namespace
+
+TEST(SocketLibrary, CallsOutsideStartAndCleanupFail)
+{
+    auto const all = [](std::vector<int> const &errors, int nError) {
+        return std::ranges::count(errors, nError) == std::ssize(errors);
+    };
+    WSADATA data;
+    EXPECT_EQ(ErrorOf([] { return ws::WSACleanup() != 0; }), WSANOTINITIALISED);
+    EXPECT_EQ(ErrorOf([] { return ws::socket(AF_INET, SOCK_DGRAM, 0) == INVALID_SOCKET; }),
+              WSANOTINITIALISED);
+    EXPECT_EQ(ErrorOf([] { return ws::gethostbyname("127.0.0.1") == nullptr; }), WSANOTINITIALISED);
+    EXPECT_TRUE(!kIsPosix || all(ErrorsOfAllCalls(INVALID_SOCKET), WSANOTINITIALISED));
+
+    ASSERT_EQ(ws::WSAStartup(0x0101, &data), 0);
+    EXPECT_EQ(data.wVersion, 0x0101);
+    ASSERT_EQ(ws::WSAStartup(0x0202, &data), 0);
+    EXPECT_EQ(data.wVersion, 0x0202);
+    EXPECT_EQ(ws::WSAStartup(0x0000, &data), WSAVERNOTSUPPORTED);
+    EXPECT_EQ(ws::WSACleanup(), 0);
+    CSocket(SOCK_DGRAM).Bind(); // one start is left
+    EXPECT_EQ(ws::WSACleanup(), 0);
+    EXPECT_EQ(ErrorOf([] { return ws::socket(AF_INET, SOCK_DGRAM, 0) == INVALID_SOCKET; }),
+              WSANOTINITIALISED);
+}
+
+TEST_F(Sockets, WhatIsNoOpenSocketIsRefusedByEveryCall)
+{
+    CSocket closed(SOCK_STREAM);
+    SOCKET const stale = closed;
+    closed.Close();
+    for (SOCKET const s : {INVALID_SOCKET, SOCKET{0}, stale, SOCKET{0x7ffffffc}, stale + 1}) {
+        for (int const nError : ErrorsOfAllCalls(s)) {
+            EXPECT_EQ(nError, WSAENOTSOCK) << s;
+        }
+        EXPECT_EQ(ErrorOf([&] { return ws::closesocket(s) != 0; }), WSAENOTSOCK);
+    }
+}
+
+TEST_F(Sockets, AStaleSocketIsNeverTakenForANewOne)
+{
+    if (!kIsPosix) {
+        GTEST_SKIP() << "Windows gives a number again at once";
+    }
+    CSocket first(SOCK_DGRAM);
+    SOCKET const stale = first;
+    first.Close();
+    for (int i = 0; i < 5000; ++i) {
+        CSocket const other(SOCK_DGRAM);
+        ASSERT_NE(static_cast<SOCKET>(other), stale);
+        ASSERT_EQ(ErrorOf([&] { return ws::closesocket(stale) != 0; }), WSAENOTSOCK);
+    }
+}
+
+TEST_F(Sockets, MisuseHasItsOwnErrors)
+{
+    sockaddr_in address = Loopback();
+    sockaddr_in other = Loopback();
+    other.sin_family = 77;
+    int const cb = sizeof(address);
+    int cbSmall = 4;
+    char ch = 0;
+    CSocket datagram(SOCK_DGRAM), stream(SOCK_STREAM), listener(SOCK_STREAM);
+    sockaddr_in taken = listener.Bind();
+    EXPECT_EQ(ws::listen(listener, 1), 0);
+
+    EXPECT_EQ(ErrorOf([] { return ws::socket(77, SOCK_DGRAM, 0) == INVALID_SOCKET; }),
+              WSAEAFNOSUPPORT);
+    // A socket without a port can never get anything: it says so instead of waiting.
+    EXPECT_EQ(ErrorOf([&] { return ws::recvfrom(datagram, &ch, 1, 0, nullptr, nullptr) < 0; }),
+              WSAEINVAL);
+    EXPECT_EQ(ErrorOf([&] { return ws::getsockname(datagram, At(address), &cbSmall) < 0; }),
+              WSAEINVAL);
+    EXPECT_EQ(ErrorOf([&] { return ws::listen(stream, 1) < 0; }), WSAEINVAL);
+    EXPECT_EQ(ErrorOf([&] { return ws::bind(stream, At(address), 4) < 0; }), WSAEFAULT);
+    EXPECT_EQ(ErrorOf([&] { return ws::bind(stream, At(other), cb) < 0; }), WSAEAFNOSUPPORT);
+    EXPECT_EQ(ErrorOf([&] { return ws::bind(stream, At(taken), cb) < 0; }), WSAEADDRINUSE);
+    EXPECT_EQ(ErrorOf([&] { return ws::getsockname(listener, At(address), &cbSmall) < 0; }),
+              WSAEFAULT);
+    EXPECT_EQ(ErrorOf([&] { return ws::send(datagram, &ch, 1, 0) < 0; }), WSAENOTCONN);
+    EXPECT_EQ(ErrorOf([&] { return ws::send(stream, &ch, 1, 0) < 0; }), WSAENOTCONN);
+    EXPECT_EQ(ErrorOf([&] { return ws::recv(stream, &ch, 1, 0) < 0; }), WSAENOTCONN);
+    EXPECT_EQ(ErrorOf([&] { return ws::accept(datagram, nullptr, nullptr) == INVALID_SOCKET; }),
+              kIsPosix ? WSAEOPNOTSUPP : WSAEINVAL);
+    EXPECT_EQ(ErrorOf([&] { return ws::setsockopt(stream, SOL_SOCKET, 0x7777, &ch, 1) < 0; }),
+              WSAENOPROTOOPT);
+    std::string const strHuge(70'000, 'x');
+    EXPECT_EQ(ErrorOf([&] { return datagram.SendTo(taken, strHuge) < 0; }), WSAEMSGSIZE);
+}
+
+TEST_F(Sockets, DatagramsCarryTheirSenderAndTheirLength)
+{
+    CSocket receiver(SOCK_DGRAM), sender(SOCK_DGRAM);
+    sockaddr_in const to = receiver.Bind();
+    sockaddr_in const from = sender.Bind();
+    char ab[350] = {};
+    sockaddr_in seen{};
+    int cb = sizeof(seen);
+    EXPECT_EQ(sender.SendTo(to, "hello"), 5);
+    ASSERT_EQ(ws::recvfrom(receiver, ab, 349, 0, At(seen), &cb), 5);
+    EXPECT_EQ(std::string(ab), "hello");
+    EXPECT_EQ(cb, 16);
+    EXPECT_EQ(seen.sin_family, AF_INET);
+    EXPECT_EQ(seen.sin_port, from.sin_port);
+    EXPECT_STREQ(ws::inet_ntoa(seen.sin_addr), "127.0.0.1");
+
+    EXPECT_EQ(sender.SendTo(to, ""), 0);
+    EXPECT_EQ(sender.SendTo(to, "0123456789"), 10);
+    EXPECT_EQ(sender.SendTo(to, "next"), 4);
+    EXPECT_EQ(receiver.Receive(), "");
+    EXPECT_EQ(receiver.Receive(4), "0123"); // cut, and what was cut off is gone
+    EXPECT_EQ(receiver.Receive(), "next");
+}
+
+TEST_F(Sockets, ADatagramThatFoundNobodyIsNoErrorOfTheNextCall)
+{
+    CSocket gone(SOCK_DGRAM), sender(SOCK_DGRAM), connected(SOCK_DGRAM), peer(SOCK_DGRAM);
+    sockaddr_in nobody = gone.Bind();
+    gone.Close();
+    sockaddr_in const own = sender.Bind();
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(sender.SendTo(nobody, "x"), 1);
+    }
+    peer.SendTo(own, "heard");
+    EXPECT_EQ(sender.Receive(), "heard");
+
+    ASSERT_EQ(ws::connect(connected, At(nobody), sizeof(nobody)), 0);
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(ws::send(connected, "x", 1, 0), 1);
+    }
+    char ch;
+    DWORD const dwTimeout = 50;
+    EXPECT_EQ(ws::setsockopt(connected, SOL_SOCKET, SO_RCVTIMEO,
+                             reinterpret_cast<char const *>(&dwTimeout), sizeof(dwTimeout)),
+              0);
+    EXPECT_EQ(ErrorOf([&] { return ws::recv(connected, &ch, 1, 0) < 0; }), WSAETIMEDOUT);
+}
+
+TEST_F(Sockets, WaitsEndWithTheirTime)
+{
+    CSocket receiver(SOCK_DGRAM), sender(SOCK_DGRAM);
+    sockaddr_in const to = receiver.Bind();
+    auto const start = std::chrono::steady_clock::now();
+    EXPECT_EQ(PlatSocketWait(receiver, false, 0), 0);
+    EXPECT_EQ(PlatSocketWait(receiver, false, 60), 0);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(55));
+    EXPECT_EQ(PlatSocketWait(receiver, true, 0), 1);
+    sender.SendTo(to, "x");
+    EXPECT_EQ(PlatSocketWait(receiver, false, INFINITE), 1);
+    EXPECT_EQ(receiver.Receive(), "x");
+}
+
+// ---- Closing under other threads
+
+namespace {
+
+// Two stream sockets that are connected with each other.
+struct CStreamPair {
+    CStreamPair()
+    {
+        CSocket listener(SOCK_STREAM);
+        sockaddr_in address = listener.Bind();
+        EXPECT_EQ(ws::listen(listener, 1), 0);
+        EXPECT_EQ(PlatConnect(near, At(address), sizeof(address), kLimit), 0);
+        far = ws::accept(listener, nullptr, nullptr);
+    }
+    ~CStreamPair()
+    {
+        if (far != INVALID_SOCKET) {
+            ws::closesocket(far);
+        }
+    }
+    CSocket near{SOCK_STREAM};
+    SOCKET far = INVALID_SOCKET;
+};
+
+// Makes the call in a thread, closes the socket as it is about to block, and sees the call return: in
+// time, with an error, again and again.
+void CloseUnder(CSocket &socket, std::function<bool(SOCKET)> const &fnFails)
+{
+    std::atomic<bool> bCalling = false;
+    int nError = 0;
+    SOCKET const s = socket;
+    std::thread caller([&] {
+        bCalling = true;
+        nError = ErrorOf([&] { return fnFails(s); });
+    });
+    while (!bCalling) {
+    }
+    socket.Close();
+    caller.join(); // would not return if the wake-up were lost
+    EXPECT_NE(nError, 0);
+    EXPECT_TRUE(!kIsPosix || nError == WSAEINTR || nError == WSAENOTSOCK) << nError;
+}
+
+} // namespace
+
+TEST_F(Sockets, CloseWakesAReceiverOfDatagrams)
+{
+    for (int i = 0; i < 500; ++i) {
+        CSocket socket(SOCK_DGRAM);
+        socket.Bind();
+        CloseUnder(socket, [](SOCKET s) {
+            char ab[100];
+            return ws::recvfrom(s, ab, sizeof(ab), 0, nullptr, nullptr) == SOCKET_ERROR;
+        });
+    }
+}
+
+TEST_F(Sockets, CloseWakesEveryOtherKindOfWait)
+{
+    for (int i = 0; i < 50; ++i) {
+        CSocket waiting(SOCK_DGRAM);
+        waiting.Bind();
+        CloseUnder(waiting,
+                   [](SOCKET s) { return PlatSocketWait(s, false, INFINITE) == SOCKET_ERROR; });
+
+        CSocket listener(SOCK_STREAM);
+        listener.Bind();
+        EXPECT_EQ(ws::listen(listener, 1), 0);
+        CloseUnder(listener,
+                   [](SOCKET s) { return ws::accept(s, nullptr, nullptr) == INVALID_SOCKET; });
+
+        CStreamPair reading;
+        CloseUnder(reading.near, [](SOCKET s) {
+            char ch;
+            return ws::recv(s, &ch, 1, 0) == SOCKET_ERROR;
+        });
+
+        CStreamPair writing;
+        CloseUnder(writing.near, [](SOCKET s) {
+            std::string const str(1 << 16, 'x');
+            while (ws::send(s, str.data(), static_cast<int>(str.size()), 0) >= 0) {
+            }
+            return true;
+        });
+    }
+}
+
+TEST_F(Sockets, AConnectionAttemptEndsWithItsTimeOrTheClose)
+{
+    if (!kIsPosix) {
+        GTEST_SKIP() << "a listener whose queue is full refuses there";
+    }
+    CSocket listener(SOCK_STREAM);
+    sockaddr_in address = listener.Bind();
+    ASSERT_EQ(ws::listen(listener, 0), 0);
+    std::vector<std::unique_ptr<CSocket>> queued;
+    int nError = 0;
+    for (int i = 0; i < 20 && nError == 0;
+         ++i) { // until the queue is full and no answer comes any more
+        queued.push_back(std::make_unique<CSocket>(SOCK_STREAM));
+        nError = ErrorOf(
+            [&] { return PlatConnect(*queued.back(), At(address), sizeof(address), 100) != 0; });
+    }
+    EXPECT_EQ(nError, WSAETIMEDOUT);
+    for (int i = 0; i < 50; ++i) {
+        CSocket socket(SOCK_STREAM);
+        CloseUnder(socket,
+                   [&](SOCKET s) { return ws::connect(s, At(address), sizeof(address)) != 0; });
+    }
+    listener.Close();
+    CSocket refused(SOCK_STREAM);
+    EXPECT_EQ(
+        ErrorOf([&] { return PlatConnect(refused, At(address), sizeof(address), kLimit) != 0; }),
+        WSAECONNREFUSED);
+}
+
+TEST_F(Sockets, AReceiverNeverGetsADatagramOfAnotherSocket)
+{
+    CSocket sender(SOCK_DGRAM);
+    for (int i = 0; i < 500; ++i) {
+        CSocket old(SOCK_DGRAM);
+        old.Bind();
+        SOCKET const s = old;
+        std::atomic<bool> bRunning = false;
+        std::atomic<int> cStolen = 0;
+        std::thread receiver([&] {
+            bRunning = true;
+            char ab[100];
+            while (ws::recvfrom(s, ab, sizeof(ab), 0, nullptr, nullptr) >= 0) {
+                ++cStolen;
+            }
+        });
+        while (!bRunning) {
+        }
+        old.Close();
+        CSocket fresh(SOCK_DGRAM); // would get the number of the old one, were it free already
+        sender.SendTo(fresh.Bind(), "mine");
+        EXPECT_EQ(fresh.Receive(), "mine");
+        receiver.join();
+        EXPECT_EQ(cStolen, 0);
+    }
+}
+
+TEST_F(Sockets, OfManyClosersExactlyOneWins)
+{
+    for (int i = 0; i < 200; ++i) {
+        SOCKET const s = ws::socket(AF_INET, SOCK_DGRAM, 0);
+        std::atomic<int> cWon = 0;
+        std::vector<std::thread> closers(3);
+        for (std::thread &closer : closers) {
+            closer = std::thread([&] { cWon += ws::closesocket(s) == 0; });
+        }
+        std::ranges::for_each(closers, &std::thread::join);
+        EXPECT_EQ(cWon, 1);
+    }
+}
+
+// ---- Streams
+
+TEST_F(Sockets, AStreamCarriesEverythingAndTellsItsEnd)
+{
+    CStreamPair pair;
+    std::string strSent(5'000'000, ' ');
+    for (std::size_t i = 0; i < strSent.size(); ++i) {
+        strSent[i] = static_cast<char>(i * 31 >> 3);
+    }
+    std::thread sender([&] {
+        EXPECT_EQ(ws::send(pair.near, strSent.data(), static_cast<int>(strSent.size()), 0),
+                  5'000'000);
+        EXPECT_EQ(ws::shutdown(pair.near, 1), 0);
+        EXPECT_EQ(ErrorOf([&] { return ws::send(pair.near, "x", 1, 0) < 0; }), WSAESHUTDOWN);
+    });
+    std::string strGot;
+    char ab[10'000];
+    int n;
+    while ((n = ws::recv(pair.far, ab, sizeof(ab), 0)) > 0) {
+        strGot.append(ab, static_cast<std::size_t>(n));
+    }
+    sender.join();
+    EXPECT_EQ(n, 0);
+    EXPECT_TRUE(strGot == strSent);
+}
+
+TEST_F(Sockets, APeerThatResetIsAnErrorAndNoSignal)
+{
+    CStreamPair pair;
+    linger const hard = {1, 0};
+    EXPECT_EQ(ws::setsockopt(pair.far, SOL_SOCKET, SO_LINGER, reinterpret_cast<char const *>(&hard),
+                             sizeof(hard)),
+              0);
+    EXPECT_EQ(ws::closesocket(pair.far), 0);
+    pair.far = INVALID_SOCKET;
+    char ch = 0;
+    EXPECT_EQ(ErrorOf([&] { return ws::recv(pair.near, &ch, 1, 0) < 0; }), WSAECONNRESET);
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_LT(ws::send(pair.near, &ch, 1, 0), 0);
+    }
+}
+
+// ---- Names
+
+TEST_F(Sockets, TheOwnNameGivesAddressesThatAPeerCanReach)
+{
+    char szName[256];
+    ASSERT_EQ(ws::gethostname(szName, sizeof(szName)), 0);
+    EXPECT_EQ(ErrorOf([&] { return ws::gethostname(szName, 1) != 0; }), WSAEFAULT);
+    hostent const *const pHost = ws::gethostbyname(szName);
+    ASSERT_NE(pHost, nullptr);
+    ASSERT_EQ(pHost->h_length, 4);
+    std::vector<sockaddr_in> own;
+    for (char **pp = pHost->h_addr_list; *pp != nullptr; ++pp) {
+        own.push_back(Loopback());
+        std::memcpy(&own.back().sin_addr, *pp, 4);
+    }
+    ASSERT_FALSE(own.empty());
+    auto const isLoopback = [](sockaddr_in const &a) {
+        return ws::ntohl(a.sin_addr.s_addr) >> 24 == 127;
+    };
+    auto const cLoopback = std::ranges::count_if(own, isLoopback);
+    EXPECT_TRUE(cLoopback == 0 || cLoopback == std::ssize(own));
+    for (sockaddr_in &address : own) {
+        CSocket socket(SOCK_DGRAM);
+        EXPECT_EQ(ws::bind(socket, At(address), sizeof(address)), 0);
+    }
+    // Where a datagram to the outside would leave from; on a host without a way out there is nothing to say.
+    CSocket route(SOCK_DGRAM);
+    sockaddr_in address = Loopback(9);
+    address.sin_addr.s_addr = ws::inet_addr("198.51.100.1");
+    int cb = sizeof(address);
+    if (ws::connect(route, At(address), cb) == 0 && ws::getsockname(route, At(address), &cb) == 0) {
+        EXPECT_EQ(own[0].sin_addr.s_addr, address.sin_addr.s_addr);
+    }
+}
+
+TEST_F(Sockets, LookupsBelongToTheirThread)
+{
+    hostent const *const pHost = ws::gethostbyname("127.0.0.1");
+    ASSERT_NE(pHost, nullptr);
+    std::thread([] { EXPECT_NE(ws::gethostbyname("127.9.9.9"), nullptr); }).join();
+    in_addr first;
+    std::memcpy(&first, pHost->h_addr_list[0], 4);
+    EXPECT_STREQ(ws::inet_ntoa(first), "127.0.0.1");
+    EXPECT_EQ(pHost->h_addr_list[1], nullptr);
+
+    EXPECT_NE(ErrorOf([] { return ws::gethostbyname("no such..name") == nullptr; }), 0);
+    EXPECT_NE(ErrorOf([&] { return ws::gethostbyaddr("abcd", 2, AF_INET) == nullptr; }), 0);
+    EXPECT_NE(ErrorOf([&] { return ws::gethostbyaddr("abcd", 4, 77) == nullptr; }), 0);
+    char const *const pszAddress = reinterpret_cast<char const *>(&first);
+    hostent const *const pNamed = ws::gethostbyaddr(pszAddress, 4, AF_INET);
+    std::string const strName = pNamed != nullptr ? pNamed->h_name : "";
+    hostent const *const pAgain = ws::gethostbyaddr(pszAddress, 4, AF_INET);
+    EXPECT_EQ(pAgain != nullptr ? pAgain->h_name : "", strName);
+}
+
+TEST(SocketNames, AnswersAreKeptForTheirTimeInABoundedTable)
+{
+    CNameCache cache;
+    CNameCache::Time const start{};
+    cache.Store(1, {"one", 0}, start);
+    cache.Store(2, {"", WSANO_DATA}, start);
+    auto const last = start + CNameCache::kLifetime - std::chrono::milliseconds(1);
+    ASSERT_NE(cache.Find(1, last), nullptr);
+    EXPECT_EQ(cache.Find(1, last)->strName, "one");
+    ASSERT_NE(cache.Find(2, last), nullptr); // "no name" is an answer too
+    EXPECT_EQ(cache.Find(2, last)->nError, WSANO_DATA);
+    EXPECT_EQ(cache.Find(1, start + CNameCache::kLifetime), nullptr);
+    EXPECT_EQ(cache.Find(0, start), nullptr);
+
+    cache.Store(1, {"again", 0}, last); // now 2 is the one that is due first
+    for (std::uint32_t dw = 100; dw < 100 + CNameCache::kEntries - 1; ++dw) {
+        cache.Store(dw, {"other", 0}, last);
+    }
+    EXPECT_EQ(cache.Find(2, last), nullptr);
+    ASSERT_NE(cache.Find(1, last), nullptr);
+    EXPECT_EQ(cache.Find(1, last)->strName, "again");
+}
+
+TEST(SocketNames, DottedAddresses)
+{
+    EXPECT_EQ(ws::inet_addr("10.1.2.3"), ws::htonl(0x0A010203));
+    EXPECT_EQ(ws::inet_addr("10.1.2.300"), INADDR_NONE);
+    EXPECT_EQ(ws::inet_addr("host"), INADDR_NONE);
+    EXPECT_EQ(ws::htons(0x1234), ws::ntohs(0x1234));
+}
