@@ -27,6 +27,10 @@ target_compile_options(qoma_options INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Woverloaded-virtual -Wcast-qual
   $<$<CXX_COMPILER_ID:GNU>:-Wno-format-truncation>
   $<$<BOOL:${QOMA_WARNINGS_AS_ERRORS}>:-Werror>)
+if(CMAKE_CXX_COMPILER_ID STREQUAL GNU AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
+  # These versions see overlaps in std::string's operator+ that cannot be.
+  target_compile_options(qoma_options INTERFACE -Wno-restrict)
+endif()
 if(QOMA_SANITIZE)
   target_compile_options(qoma_options INTERFACE
     -fsanitize=${QOMA_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)

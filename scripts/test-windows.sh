@@ -42,6 +42,9 @@ start_wine() {
     "$run" --fresh
 }
 
+# The native programs, which the Windows ones are run against.
+scripts/build.sh default mfpsim notifymon
+
 summary=()
 failed=0
 test_preset() {
