@@ -31,6 +31,8 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL GNU AND CMAKE_CXX_COMPILER_VERSION VERSION_LES
   # These versions see overlaps in std::string's operator+ that cannot be.
   target_compile_options(qoma_options INTERFACE -Wno-restrict)
 endif()
+# A module depends on what it calls, not on all that the static libraries in it could need.
+target_link_options(qoma_options INTERFACE $<$<NOT:$<BOOL:${WIN32}>>:-Wl,--as-needed>)
 if(QOMA_SANITIZE)
   target_compile_options(qoma_options INTERFACE
     -fsanitize=${QOMA_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)

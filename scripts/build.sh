@@ -14,7 +14,7 @@ if ! cmake --preset "$preset" >"$log" 2>&1; then
     echo "build: configuring the preset $preset failed" >&2
     exit 1
 fi
-if ! cmake --build --preset "$preset" "${targets[@]}" >"$log" 2>&1; then
+if ! cmake --build --preset "$preset" "${targets[@]}" -- --quiet >"$log" 2>&1; then
     cat "$log" >&2
     echo "build: building the preset $preset failed" >&2
     exit 1
