@@ -1,0 +1,116 @@
+#include "platform/console.h"
+
+#include "platform/probe.h"
+#include "tests/platform/role.h"
+
+#include <atomic>
+#include <csignal>
+
+// What reaches a console of Windows cannot be made there without a console, so these cases are POSIX's.
+
+namespace {
+
+std::atomic<int> g_cFirst{0};
+std::atomic<int> g_cLast{0};
+std::atomic<DWORD> g_dwEvent{99};
+std::atomic<DWORD> g_idThread{0};
+HANDLE g_hHandled = nullptr;
+
+BOOL WINAPI First(DWORD dwEvent)
+{
+    ++g_cFirst;
+    g_dwEvent = dwEvent;
+    g_idThread = GetCurrentThreadId();
+    SetEvent(g_hHandled);
+    return TRUE;
+}
+
+BOOL WINAPI Last(DWORD dwEvent)
+{
+    ++g_cLast;
+    return dwEvent == CTRL_CLOSE_EVENT && SetEvent(g_hHandled);
+}
+
+BOOL WINAPI RemoveMyself(DWORD)
+{
+    SetConsoleCtrlHandler(&RemoveMyself, FALSE);
+    SetEvent(g_hHandled);
+    return TRUE;
+}
+
+BOOL WINAPI TakeNothing(DWORD)
+{
+    return FALSE;
+}
+
+int RaiseUnhandled(std::string const &strSignal)
+{
+    SetConsoleCtrlHandler(&TakeNothing, TRUE);
+    std::raise(std::stoi(strSignal));
+    Sleep(kdwLimit);
+    return 1;
+}
+
+CTestRole const g_raiseRole("raise-unhandled", &RaiseUnhandled);
+
+class ConsoleTest : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        if (!kIsPosix)
+            GTEST_SKIP() << "console events cannot be raised by signal on Windows";
+        g_hHandled = CreateEventA(nullptr, FALSE, FALSE, nullptr);
+    }
+    void TearDown() override { CloseHandle(g_hHandled); }
+
+    static void RaiseAndAwait(int nSignal)
+    {
+        std::raise(nSignal);
+        EXPECT_EQ(WaitForSingleObject(g_hHandled, kdwLimit), DWORD{WAIT_OBJECT_0});
+    }
+};
+
+} // namespace
+
+TEST_F(ConsoleTest, HandlersAreAskedFromTheLastToTheFirstOnAThreadOfTheLayer)
+{
+    DWORD const cThreads = PlatThreadCount();
+    ASSERT_TRUE(SetConsoleCtrlHandler(&First, TRUE));
+    ASSERT_TRUE(SetConsoleCtrlHandler(&Last, TRUE));
+    g_cFirst = g_cLast = 0;
+    RaiseAndAwait(SIGINT);
+    EXPECT_EQ(g_dwEvent, DWORD{CTRL_C_EVENT});
+    EXPECT_NE(g_idThread, GetCurrentThreadId());
+    EXPECT_EQ(g_cLast, 1);
+    RaiseAndAwait(SIGTERM); // taken by the last, so the first does not hear of it
+    EXPECT_EQ(g_cLast, 2);
+    EXPECT_EQ(g_cFirst, 1);
+    EXPECT_TRUE(SetConsoleCtrlHandler(nullptr, TRUE));
+    std::raise(SIGINT);
+    RaiseAndAwait(SIGTERM);
+    EXPECT_EQ(g_cLast, 3); // the SIGINT before it was ignored
+    EXPECT_TRUE(SetConsoleCtrlHandler(nullptr, FALSE));
+    RaiseAndAwait(SIGINT);
+    EXPECT_EQ(g_cFirst, 2);
+    EXPECT_TRUE(SetConsoleCtrlHandler(&Last, FALSE));
+    EXPECT_FAILS(SetConsoleCtrlHandler(&Last, FALSE), ERROR_INVALID_PARAMETER);
+    EXPECT_TRUE(SetConsoleCtrlHandler(&First, FALSE));
+    EXPECT_EQ(PlatThreadCount(), cThreads); // the layer's own thread went with the last handler
+}
+
+TEST_F(ConsoleTest, AHandlerMayRemoveItselfAndBeAddedAgain)
+{
+    for (int nRound = 0; nRound < 20; ++nRound) {
+        ASSERT_TRUE(SetConsoleCtrlHandler(&RemoveMyself, TRUE));
+        RaiseAndAwait(SIGINT);
+        EXPECT_FAILS(SetConsoleCtrlHandler(&RemoveMyself, FALSE), ERROR_INVALID_PARAMETER);
+    }
+}
+
+TEST_F(ConsoleTest, WhatNobodyTakesEndsTheProcessAsItAlwaysDid)
+{
+    for (int nSignal : {SIGINT, SIGTERM}) {
+        CRoleProcess child("raise-unhandled", std::to_string(nSignal));
+        EXPECT_EQ(child.ExitCode(), 128u + static_cast<unsigned>(nSignal));
+    }
+}

@@ -1,0 +1,133 @@
+#include "platform/probe.h"
+#include "platform/sync.h"
+#include "platform/thread.h"
+#include "tests/platform/role.h"
+
+#include <atomic>
+#include <cstdint>
+#include <set>
+
+namespace {
+
+HANDLE MakeEvent()
+{
+    return CreateEventA(nullptr, TRUE, FALSE, nullptr);
+}
+
+} // namespace
+
+TEST(Handle, WhatIsNoneFailsEverywhere)
+{
+    HANDLE const hClosed = MakeEvent();
+    CloseHandle(hClosed);
+    HANDLE const aNone[] = {nullptr, hClosed, reinterpret_cast<HANDLE>(0x7FFFFFF0),
+                            reinterpret_cast<HANDLE>(0x7FFF0000)};
+    for (HANDLE hNone : aNone) {
+        SCOPED_TRACE(hNone);
+        DWORD dwCode;
+        EXPECT_FAILS(SetEvent(hNone), ERROR_INVALID_HANDLE);
+        EXPECT_FAILS(ResetEvent(hNone), ERROR_INVALID_HANDLE);
+        EXPECT_FAILS(ReleaseMutex(hNone), ERROR_INVALID_HANDLE);
+        EXPECT_FAILS(CloseHandle(hNone), ERROR_INVALID_HANDLE);
+        EXPECT_FAILS(GetExitCodeThread(hNone, &dwCode), ERROR_INVALID_HANDLE);
+        EXPECT_FAILS(SetThreadPriority(hNone, 0), ERROR_INVALID_HANDLE);
+        EXPECT_FAILS(ResumeThread(hNone) != static_cast<DWORD>(-1), ERROR_INVALID_HANDLE);
+        EXPECT_WAIT_FAILS(hNone, ERROR_INVALID_HANDLE);
+    }
+    EXPECT_FAILS(SetEvent(INVALID_HANDLE_VALUE), ERROR_INVALID_HANDLE);
+    EXPECT_TRUE(CloseHandle(INVALID_HANDLE_VALUE)); // there it stands for the process
+}
+
+TEST(Handle, OfAnotherKindFails)
+{
+    std::string const strMutex = UniqueName("mutex"), strEvent = UniqueName("event");
+    CTestHandle const hMutex(CreateMutexA(nullptr, FALSE, nullptr)), hEvent(MakeEvent());
+    CTestHandle const hNamedMutex(CreateMutexA(nullptr, FALSE, strMutex.c_str()));
+    CTestHandle const hNamedEvent(CreateEventA(nullptr, TRUE, FALSE, strEvent.c_str()));
+    for (HANDLE h : {HANDLE(hMutex), HANDLE(hNamedMutex)}) {
+        EXPECT_FAILS(SetEvent(h), ERROR_INVALID_HANDLE);
+        EXPECT_FAILS(ResetEvent(h), ERROR_INVALID_HANDLE);
+    }
+    for (HANDLE h : {HANDLE(hEvent), HANDLE(hNamedEvent)}) {
+        EXPECT_FAILS(ReleaseMutex(h), ERROR_INVALID_HANDLE);
+        EXPECT_FAILS(ResumeThread(h) != static_cast<DWORD>(-1), ERROR_INVALID_HANDLE);
+    }
+}
+
+TEST(Handle, ValuesFitTheNarrowestPointerAndStayStale)
+{
+    if (!kIsPosix)
+        GTEST_SKIP() << "Windows gives the value of a closed handle to the next one";
+    CTestHandle const hFirst(MakeEvent()); // the table is not empty
+    std::set<HANDLE> setClosed;
+    for (int n = 0; n < 5000; ++n) {
+        HANDLE const hEvent = MakeEvent();
+        auto const nValue = reinterpret_cast<std::uintptr_t>(hEvent);
+        ASSERT_EQ(nValue % 4, 0u);
+        ASSERT_LT(nValue, 0x80000000u);
+        ASSERT_TRUE(setClosed.insert(hEvent).second) << n;
+        ASSERT_TRUE(CloseHandle(hEvent));
+    }
+    for (HANDLE hClosed : setClosed)
+        ASSERT_FALSE(SetEvent(hClosed));
+}
+
+TEST(Handle, TableGrowsAndShrinksAndIsFullAtItsEnd)
+{
+    if (!kIsPosix)
+        GTEST_SKIP() << "the table of Windows is larger than a test should fill";
+    DWORD const cBefore = PlatHandleCount();
+    std::vector<HANDLE> aHandles;
+    while (HANDLE const hEvent = MakeEvent())
+        aHandles.push_back(hEvent);
+    EXPECT_EQ(GetLastError(), DWORD{ERROR_NO_SYSTEM_RESOURCES});
+    EXPECT_EQ(PlatHandleCount(), cBefore + aHandles.size());
+    EXPECT_GT(aHandles.size(), 100000u);
+    CTestHandle hThread(aHandles.back());
+    aHandles.pop_back();
+    EXPECT_EQ(StartThread([](void *) { return 0u; }), nullptr);
+    EXPECT_TRUE(SetEvent(hThread));
+    for (HANDLE hEvent : aHandles)
+        ASSERT_TRUE(CloseHandle(hEvent));
+    hThread.Close();
+    EXPECT_EQ(PlatHandleCount(), cBefore);
+}
+
+TEST(Handle, UseWhileTheyAreClosedAndMadeAnewTouchesNoOther)
+{
+    constexpr int kcRounds = 20000;
+    DWORD const cBefore = PlatHandleCount();
+    {
+        // One thread makes and closes events, two others use whatever they find, often too late. The
+        // bystander is never found by them, so nothing may ever happen to it.
+        CTestHandle const hBystander(MakeEvent());
+        std::atomic<HANDLE> ahShared[4]{};
+        std::atomic<bool> fStop{false};
+        auto const use = [&](int nFirst) {
+            for (int n = nFirst; !fStop; ++n) {
+                HANDLE const hEvent = ahShared[n % 4];
+                SetEvent(hEvent);
+                WaitForSingleObject(hEvent, 0);
+                ReleaseMutex(hEvent);
+                ResetEvent(hEvent);
+            }
+        };
+        std::thread first(use, 0), second(use, 2);
+        for (int n = 0; n < kcRounds; ++n) {
+            HANDLE const hNew = n % 3 == 0 ? CreateMutexA(nullptr, FALSE, nullptr) : MakeEvent();
+            HANDLE const hOld = ahShared[n % 4].exchange(hNew);
+            EXPECT_TRUE(!hOld || CloseHandle(hOld));
+            if (kIsPosix) { // the value of this one was never shared, nor was that of any before it
+                CTestHandle const hPrivate(MakeEvent());
+                ASSERT_EQ(WaitForSingleObject(hPrivate, 0), DWORD{WAIT_TIMEOUT});
+            }
+        }
+        fStop = true;
+        first.join();
+        second.join();
+        for (auto &hShared : ahShared)
+            EXPECT_TRUE(CloseHandle(hShared));
+        EXPECT_EQ(WaitForSingleObject(hBystander, 0), DWORD{WAIT_TIMEOUT});
+    }
+    EXPECT_TRUE(!kIsPosix || PlatHandleCount() == cBefore); // Windows counts its runtime's own, too
+}

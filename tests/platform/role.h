@@ -1,0 +1,97 @@
+// Cases that need a second process start this very program again in a role: `test_platform --role NAME ARG`.
+
+#pragma once
+
+#include "platform/process.h"
+#include "platform/sync.h"
+#include "platform/thread.h"
+
+#include <gtest/gtest.h>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+/// Defines what the program does in a role; the result is its exit code.
+struct CTestRole {
+    CTestRole(char const *pszName, int (*pfnRun)(std::string const &strArgument));
+};
+
+/// The program in a role, ended at the latest with the block.
+class CRoleProcess {
+public:
+    CRoleProcess(char const *pszRole, std::string const &strArgument);
+    ~CRoleProcess();
+    CRoleProcess(CRoleProcess const &) = delete;
+    CRoleProcess &operator=(CRoleProcess const &) = delete;
+
+    void Kill();
+    /// Waits for its end.
+    DWORD ExitCode();
+
+private:
+    PROCESS_INFORMATION m_info{};
+};
+
+/// How long a wait may take that a broken build alone lets run out, in milliseconds.
+inline constexpr DWORD kdwLimit = 60000;
+
+/// The call gives FALSE or null and this last error.
+#define EXPECT_FAILS(call, dwExpected)                                                             \
+    do {                                                                                           \
+        SetLastError(0xDEADBEEF);                                                                  \
+        EXPECT_FALSE(call);                                                                        \
+        EXPECT_EQ(GetLastError(), DWORD{dwExpected});                                              \
+    } while (false)
+
+/// A wait that fails, and with which error.
+#define EXPECT_WAIT_FAILS(hObject, dwExpected)                                                     \
+    do {                                                                                           \
+        SetLastError(0xDEADBEEF);                                                                  \
+        EXPECT_EQ(WaitForSingleObject(hObject, 0), DWORD{WAIT_FAILED});                            \
+        EXPECT_EQ(GetLastError(), DWORD{dwExpected});                                              \
+    } while (false)
+
+/// Closes at the end of its block, if there is something left to close.
+class CTestHandle {
+public:
+    explicit CTestHandle(HANDLE hObject) : m_hObject(hObject) { EXPECT_NE(hObject, nullptr); }
+    ~CTestHandle() { Close(); }
+    CTestHandle(CTestHandle const &) = delete;
+    CTestHandle &operator=(CTestHandle const &) = delete;
+
+    operator HANDLE() const { return m_hObject; }
+    void Close()
+    {
+        if (!m_hObject)
+            return;
+        EXPECT_TRUE(CloseHandle(m_hObject));
+        m_hObject = nullptr;
+    }
+
+private:
+    HANDLE m_hObject;
+};
+
+inline std::string UniqueName(char const *pszWhat)
+{
+    std::random_device random;
+    return std::string("qoma test/") + pszWhat + " " + std::to_string(random()) +
+           std::to_string(random());
+}
+
+inline HANDLE StartThread(unsigned(__stdcall *pfnStart)(void *), void *pvArgument = nullptr,
+                          unsigned fwFlags = 0, unsigned *pidThread = nullptr)
+{
+    return reinterpret_cast<HANDLE>(
+        _beginthreadex(nullptr, 0, pfnStart, pvArgument, fwFlags, pidThread));
+}
+
+/// The result of a call on a thread of its own.
+template <class Call>
+auto OnOtherThread(Call call)
+{
+    decltype(call()) result{};
+    std::thread([&] { result = call(); }).join();
+    return result;
+}

@@ -1,0 +1,425 @@
+#include "platform/sync.h"
+
+#include "tests/platform/role.h"
+
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+
+namespace {
+
+constexpr DWORD kdwTaken = WAIT_OBJECT_0;
+constexpr DWORD kdwTimeout = WAIT_TIMEOUT;
+constexpr DWORD kdwAbandoned = WAIT_ABANDONED;
+
+DWORD WaitElsewhere(HANDLE hObject, DWORD dwMilliseconds = 0)
+{
+    return OnOtherThread([=] {
+        DWORD const dwResult = WaitForSingleObject(hObject, dwMilliseconds);
+        ReleaseMutex(hObject); // of an event: fails, and does no harm
+        return dwResult;
+    });
+}
+
+/// Whether a thread of this process sleeps in the kernel; on Linux only.
+bool IsAsleep(unsigned idThread)
+{
+    std::ifstream file("/proc/self/task/" + std::to_string(idThread) + "/stat");
+    std::string strLine;
+    std::getline(file, strLine);
+    return strLine.substr(strLine.rfind(')') + 1, 2) == " S";
+}
+
+// What holds for mutexes holds for those with a name too.
+class MutexTest : public testing::TestWithParam<bool> {
+protected:
+    static std::string NameOf() { return GetParam() ? UniqueName("mutex") : std::string(); }
+    static HANDLE Make(BOOL fOwner)
+    {
+        std::string const strName = NameOf();
+        return CreateMutexA(nullptr, fOwner, strName.empty() ? nullptr : strName.c_str());
+    }
+};
+
+INSTANTIATE_TEST_SUITE_P(, MutexTest, testing::Bool(),
+                         [](auto const &param) { return param.param ? "named" : "unnamed"; });
+
+} // namespace
+
+TEST_P(MutexTest, RecursiveForItsOwnerAndOfNoUseToOthers)
+{
+    CTestHandle const hMutex(Make(TRUE));
+    EXPECT_EQ(WaitForSingleObject(hMutex, 0), kdwTaken);
+    EXPECT_EQ(WaitForSingleObject(hMutex, INFINITE), kdwTaken);
+    for (int nHold = 0; nHold < 3; ++nHold) {
+        EXPECT_EQ(WaitElsewhere(hMutex), kdwTimeout) << nHold;
+        EXPECT_EQ(OnOtherThread([&] { return ReleaseMutex(hMutex) ? NO_ERROR : GetLastError(); }),
+                  DWORD{ERROR_NOT_OWNER});
+        EXPECT_TRUE(ReleaseMutex(hMutex));
+    }
+    EXPECT_FAILS(ReleaseMutex(hMutex), ERROR_NOT_OWNER);
+    EXPECT_EQ(WaitElsewhere(hMutex), kdwTaken);
+}
+
+TEST_P(MutexTest, GoesOnAsAbandonedOnceWhenItsOwnerEnds)
+{
+    CTestHandle const hMutex(Make(FALSE));
+    unsigned(__stdcall * pfnKeep)(void *) = [](void *pv) -> unsigned {
+        WaitForSingleObject(pv, INFINITE);
+        WaitForSingleObject(pv, INFINITE);
+        _endthreadex(0);
+        return 0;
+    };
+    for (bool fOurThread : {true, false}) {
+        if (fOurThread) {
+            CTestHandle const hThread(StartThread(pfnKeep, hMutex));
+            EXPECT_EQ(WaitForSingleObject(hThread, kdwLimit), kdwTaken);
+        } else {
+            OnOtherThread([&] { return WaitForSingleObject(hMutex, INFINITE); });
+        }
+        EXPECT_EQ(WaitForSingleObject(hMutex, kdwLimit), kdwAbandoned) << fOurThread;
+        EXPECT_EQ(WaitElsewhere(hMutex), kdwTimeout); // held once more, as any other
+        EXPECT_TRUE(ReleaseMutex(hMutex));
+        EXPECT_EQ(WaitElsewhere(hMutex), kdwTaken);
+    }
+}
+
+TEST_P(MutexTest, CountsRightUnderContention)
+{
+    constexpr int kcThreads = 4;
+    constexpr int kcRounds = 5000;
+    CTestHandle const hMutex(Make(FALSE));
+    int nCount = 0; // no atomic: the mutex alone guards it
+    std::vector<std::thread> aThreads;
+    for (int nThread = 0; nThread < kcThreads; ++nThread)
+        aThreads.emplace_back([&] {
+            for (int nRound = 0; nRound < kcRounds;) {
+                // With short time-outs among the waits, which must lose no wake-up of the others.
+                if (WaitForSingleObject(hMutex, nRound % 3 == 0 ? 1 : INFINITE) != WAIT_OBJECT_0)
+                    continue;
+                ++nCount;
+                ++nRound;
+                ReleaseMutex(hMutex);
+            }
+        });
+    for (auto &thread : aThreads)
+        thread.join();
+    EXPECT_EQ(nCount, kcThreads * kcRounds);
+}
+
+TEST_P(MutexTest, OutlivesItsHandleForOwnerAndWaiter)
+{
+    HANDLE const hMutex = Make(FALSE);
+    CTestHandle const hOwned(CreateEventA(nullptr, TRUE, FALSE, nullptr));
+    CTestHandle const hEnd(CreateEventA(nullptr, TRUE, FALSE, nullptr));
+    std::atomic<bool> fWaits{false};
+    DWORD dwResult = WAIT_FAILED;
+    std::thread owner([&] {
+        WaitForSingleObject(hMutex, INFINITE);
+        SetEvent(hOwned);
+        WaitForSingleObject(hEnd, INFINITE);
+    });
+    WaitForSingleObject(hOwned, INFINITE);
+    CTestHandle const hThread(CreateEventA(nullptr, TRUE, FALSE, nullptr));
+    std::thread waiter([&] {
+        fWaits = true;
+        dwResult = WaitForSingleObject(hMutex, kdwLimit);
+        SetEvent(hThread);
+    });
+    while (!fWaits)
+        std::this_thread::yield();
+    EXPECT_EQ(WaitForSingleObject(hThread, 20),
+              kdwTimeout); // time for the waiter to get to its wait
+    EXPECT_TRUE(CloseHandle(hMutex));
+    EXPECT_FAILS(ReleaseMutex(hMutex), ERROR_INVALID_HANDLE);
+    SetEvent(hEnd);
+    owner.join();
+    waiter.join();
+    EXPECT_EQ(dwResult, kdwAbandoned);
+}
+
+TEST(Event, StatesAfterEachCall)
+{
+    for (bool fNamed : {false, true})
+        for (BOOL fManual : {FALSE, TRUE})
+            for (BOOL fSet : {FALSE, TRUE}) {
+                std::string const strName = UniqueName("event");
+                CTestHandle const hEvent(
+                    CreateEventA(nullptr, fManual, fSet, fNamed ? strName.c_str() : nullptr));
+                SCOPED_TRACE(testing::Message() << fNamed << fManual << fSet);
+                EXPECT_EQ(WaitForSingleObject(hEvent, 0), fSet ? kdwTaken : kdwTimeout);
+                EXPECT_EQ(WaitForSingleObject(hEvent, 0), fSet && fManual ? kdwTaken : kdwTimeout);
+                EXPECT_TRUE(SetEvent(hEvent));
+                EXPECT_TRUE(SetEvent(hEvent));
+                EXPECT_EQ(WaitElsewhere(hEvent), kdwTaken);
+                EXPECT_EQ(WaitElsewhere(hEvent), fManual ? kdwTaken : kdwTimeout);
+                EXPECT_TRUE(SetEvent(hEvent));
+                EXPECT_TRUE(ResetEvent(hEvent));
+                EXPECT_EQ(WaitForSingleObject(hEvent, 0), kdwTimeout);
+            }
+}
+
+TEST(Event, EachCallReleasesOneSleeperOfAnAutoResetOneAndAllOfAManualResetOne)
+{
+    if (!kIsPosix)
+        GTEST_SKIP() << "that all waiters sleep already can be seen on Linux only";
+    constexpr unsigned kcWaiters = 4;
+    for (BOOL fManual : {FALSE, TRUE}) {
+        CTestHandle const hEvent(CreateEventA(nullptr, fManual, FALSE, nullptr));
+        std::vector<std::unique_ptr<CTestHandle>> aThreads;
+        for (unsigned n = 0; n < kcWaiters; ++n) {
+            unsigned idThread = 0;
+            aThreads.push_back(std::make_unique<CTestHandle>(
+                StartThread([](void *pv) -> unsigned { return WaitForSingleObject(pv, kdwLimit); },
+                            hEvent, 0, &idThread)));
+            while (!IsAsleep(idThread))
+                std::this_thread::yield();
+        }
+        // One right after the other: none may be swallowed because the one before it is not used yet.
+        for (unsigned n = 0; n < (fManual ? 1 : kcWaiters); ++n)
+            EXPECT_TRUE(SetEvent(hEvent));
+        EXPECT_TRUE(ResetEvent(hEvent));
+        for (auto const &pThread : aThreads) {
+            DWORD dwResult = WAIT_FAILED;
+            EXPECT_EQ(WaitForSingleObject(*pThread, kdwLimit), kdwTaken);
+            GetExitCodeThread(*pThread, &dwResult);
+            EXPECT_EQ(dwResult, kdwTaken) << fManual;
+        }
+    }
+}
+
+TEST(Event, PingPongLosesNoTurn)
+{
+    constexpr int kcRounds = 3000;
+    for (bool fNamed : {false, true}) {
+        std::string const strPing = UniqueName("ping"), strPong = UniqueName("pong");
+        CTestHandle const hPing(
+            CreateEventA(nullptr, FALSE, FALSE, fNamed ? strPing.c_str() : nullptr));
+        CTestHandle const hPong(
+            CreateEventA(nullptr, FALSE, FALSE, fNamed ? strPong.c_str() : nullptr));
+        int nTurn = 0; // no atomic: the events order the two threads
+        std::thread other([&] {
+            for (int nRound = 0; nRound < kcRounds; ++nRound) {
+                WaitForSingleObject(hPing, kdwLimit);
+                ++nTurn;
+                SetEvent(hPong);
+            }
+        });
+        for (int nRound = 0; nRound < kcRounds; ++nRound) {
+            ++nTurn;
+            SetEvent(hPing);
+            ASSERT_EQ(WaitForSingleObject(hPong, kdwLimit), kdwTaken);
+            ASSERT_EQ(nTurn, 2 * (nRound + 1));
+        }
+        other.join();
+    }
+}
+
+TEST(Wait, LastsItsTimeAndNotMuchLonger)
+{
+    using Clock = std::chrono::steady_clock;
+    std::string const strMutex = UniqueName("mutex"), strEvent = UniqueName("event");
+    CTestHandle const hMutex(CreateMutexA(nullptr, TRUE, nullptr));
+    CTestHandle const hNamedMutex(CreateMutexA(nullptr, TRUE, strMutex.c_str()));
+    CTestHandle const hEvent(CreateEventA(nullptr, TRUE, FALSE, nullptr));
+    CTestHandle const hNamedEvent(CreateEventA(nullptr, FALSE, FALSE, strEvent.c_str()));
+    for (HANDLE hObject :
+         {HANDLE(hMutex), HANDLE(hNamedMutex), HANDLE(hEvent), HANDLE(hNamedEvent)}) {
+        auto const start = Clock::now();
+        EXPECT_EQ(WaitElsewhere(hObject, 40), kdwTimeout);
+        auto const elapsed = Clock::now() - start;
+        // Below: Windows counts in its own ticks, and may be one of them early.
+        EXPECT_GE(elapsed, std::chrono::milliseconds(kIsPosix ? 40 : 20));
+        EXPECT_LT(elapsed, std::chrono::seconds(20));
+    }
+    auto const start = Clock::now();
+    Sleep(30);
+    EXPECT_EQ(SleepEx(10, FALSE), 0u);
+    EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(kIsPosix ? 40 : 20));
+    ReleaseMutex(hMutex);
+    ReleaseMutex(hNamedMutex);
+}
+
+TEST(Wait, GoesOnWhenTheHandleIsClosed)
+{
+    HANDLE const hEvent = CreateEventA(nullptr, FALSE, FALSE, nullptr);
+    std::atomic<bool> fWaits{false};
+    DWORD dwResult = WAIT_FAILED;
+    std::thread waiter([&] {
+        fWaits = true;
+        dwResult = WaitForSingleObject(hEvent, 300);
+    });
+    while (!fWaits)
+        std::this_thread::yield();
+    Sleep(50); // time to get to the wait; too little of it makes the case weaker, not wrong
+    EXPECT_TRUE(CloseHandle(hEvent));
+    std::vector<std::unique_ptr<CTestHandle>>
+        aOthers; // none of them may be taken for the closed one
+    for (int n = 0; n < 300; ++n)
+        aOthers.push_back(
+            std::make_unique<CTestHandle>(CreateEventA(nullptr, FALSE, TRUE, nullptr)));
+    waiter.join();
+    EXPECT_EQ(dwResult, kdwTimeout);
+}
+
+TEST(Named, LastErrorsOfCreationAndOpening)
+{
+    std::string const strName = UniqueName("object");
+    std::string const strUpper = UniqueName("OBJECT") + strName;
+    std::string const strLong(MAX_PATH, 'x');
+    SetLastError(0xDEADBEEF);
+    CTestHandle hMutex(CreateMutexA(nullptr, FALSE, strName.c_str()));
+    EXPECT_EQ(GetLastError(), DWORD{NO_ERROR});
+    {
+        CTestHandle const hAgain(CreateMutexA(nullptr, TRUE, strName.c_str()));
+        EXPECT_EQ(GetLastError(), DWORD{ERROR_ALREADY_EXISTS});
+        EXPECT_EQ(WaitElsewhere(hMutex), kdwTaken); // the second creator does not own it
+        SetLastError(0xDEADBEEF);
+        CTestHandle const hOpened(OpenMutexA(MUTEX_ALL_ACCESS, FALSE, strName.c_str()));
+        CTestHandle const hLocal(
+            OpenMutexA(MUTEX_ALL_ACCESS, FALSE, ("Local\\" + strName).c_str()));
+        EXPECT_EQ(GetLastError(), 0xDEADBEEFu);
+        EXPECT_EQ(WaitForSingleObject(hLocal, 0), kdwTaken);
+        EXPECT_EQ(WaitElsewhere(hOpened), kdwTimeout);
+        EXPECT_TRUE(ReleaseMutex(hAgain)); // one object, through any of its handles
+    }
+    EXPECT_FAILS(CreateEventA(nullptr, FALSE, FALSE, strName.c_str()), ERROR_INVALID_HANDLE);
+    EXPECT_FAILS(OpenEventA(EVENT_ALL_ACCESS, FALSE, strName.c_str()), ERROR_INVALID_HANDLE);
+    EXPECT_FAILS(OpenMutexA(MUTEX_ALL_ACCESS, FALSE, strUpper.c_str()), ERROR_FILE_NOT_FOUND);
+    EXPECT_FAILS(OpenMutexA(MUTEX_ALL_ACCESS, FALSE, nullptr), ERROR_INVALID_PARAMETER);
+    EXPECT_FAILS(CreateMutexA(nullptr, FALSE, ("a\\" + strName).c_str()), ERROR_PATH_NOT_FOUND);
+    EXPECT_FAILS(CreateMutexA(nullptr, FALSE, strLong.c_str()), ERROR_FILENAME_EXCED_RANGE);
+    hMutex.Close();
+    EXPECT_FAILS(OpenMutexA(MUTEX_ALL_ACCESS, FALSE, strName.c_str()), ERROR_FILE_NOT_FOUND);
+    for (char const *pszNone : {static_cast<char const *>(nullptr), ""}) {
+        SetLastError(0xDEADBEEF);
+        CTestHandle const hFirst(CreateMutexA(nullptr, FALSE, pszNone));
+        CTestHandle const hSecond(CreateEventA(nullptr, FALSE, FALSE, pszNone));
+        EXPECT_EQ(GetLastError(), DWORD{NO_ERROR});
+    }
+}
+
+TEST(Named, NamesAreToldApart)
+{
+    // Case, signs that a file name cannot hold, and an end that a file name is too short for.
+    std::string const strStem = UniqueName("name");
+    std::vector<std::string> aNames;
+    for (char const *pszEnd : {"a", "A", "/a", "%2Fa", ".", "..", " "})
+        aNames.push_back(strStem + pszEnd);
+    aNames.push_back("./" + strStem);
+    aNames.push_back("Global\\" + strStem + "a");
+    std::string const strFill(250 - strStem.size(), '/');
+    aNames.push_back(strStem + strFill + "1");
+    aNames.push_back(strStem + strFill + "2");
+    std::vector<std::unique_ptr<CTestHandle>> aHandles;
+    for (auto const &strName : aNames) {
+        aHandles.push_back(
+            std::make_unique<CTestHandle>(CreateMutexA(nullptr, TRUE, strName.c_str())));
+        EXPECT_EQ(GetLastError(), DWORD{NO_ERROR}) << strName;
+    }
+    for (auto const &pHandle : aHandles)
+        EXPECT_TRUE(ReleaseMutex(*pHandle));
+}
+
+TEST(Named, RightsAskedForAreThoseGranted)
+{
+    std::string const strMutex = UniqueName("mutex"), strEvent = UniqueName("event");
+    CTestHandle const hMutex(CreateMutexA(nullptr, FALSE, strMutex.c_str()));
+    CTestHandle const hEvent(CreateEventA(nullptr, TRUE, TRUE, strEvent.c_str()));
+    CTestHandle const hWaitOnly(OpenEventA(SYNCHRONIZE, FALSE, strEvent.c_str()));
+    EXPECT_EQ(WaitForSingleObject(hWaitOnly, 0), kdwTaken);
+    EXPECT_FAILS(SetEvent(hWaitOnly), ERROR_ACCESS_DENIED);
+    EXPECT_FAILS(ResetEvent(hWaitOnly), ERROR_ACCESS_DENIED);
+    CTestHandle const hSetOnly(OpenEventA(EVENT_MODIFY_STATE, TRUE, strEvent.c_str()));
+    EXPECT_TRUE(ResetEvent(hSetOnly));
+    EXPECT_WAIT_FAILS(hSetOnly, ERROR_ACCESS_DENIED);
+    EXPECT_EQ(WaitForSingleObject(hEvent, 0), kdwTimeout);
+    CTestHandle const hNoWait(OpenMutexA(MUTEX_MODIFY_STATE, FALSE, strMutex.c_str()));
+    EXPECT_WAIT_FAILS(hNoWait, ERROR_ACCESS_DENIED);
+}
+
+namespace {
+
+// Makes the mutex and owns it, says so, and never lets go.
+int HoldMutex(std::string const &strName)
+{
+    HANDLE const hMutex = CreateMutexA(nullptr, TRUE, (strName + "m").c_str());
+    HANDLE const hTaken = OpenEventA(EVENT_MODIFY_STATE, FALSE, (strName + "e").c_str());
+    if (hMutex && hTaken && SetEvent(hTaken))
+        Sleep(INFINITE);
+    return 1;
+}
+
+constexpr int kcIncrements = 100;
+
+// Adds to the number in the file, each time in three steps that nobody must come between.
+int CountInFile(std::string const &strFile)
+{
+    std::string const strName = "counter of " + std::filesystem::path(strFile).filename().string();
+    HANDLE const hMutex = CreateMutexA(nullptr, FALSE, strName.c_str());
+    for (int n = 0; n < kcIncrements; ++n) {
+        WaitForSingleObject(hMutex, INFINITE);
+        int nCount = 0;
+        std::ifstream(strFile) >> nCount;
+        std::ofstream(strFile) << nCount + 1;
+        ReleaseMutex(hMutex);
+    }
+    return CloseHandle(hMutex) ? 0 : 1;
+}
+
+CTestRole const g_holdRole("hold-mutex", &HoldMutex);
+CTestRole const g_countRole("count-in-file", &CountInFile);
+
+} // namespace
+
+TEST(Processes, AKilledOwnersMutexIsAbandonedAndThenGoneWithItsLastHandle)
+{
+    std::string const strName = UniqueName("left");
+    CTestHandle const hTaken(CreateEventA(nullptr, FALSE, FALSE, (strName + "e").c_str()));
+    for (int nRound = 0; nRound < 3; ++nRound) {
+        CRoleProcess holder("hold-mutex", strName);
+        ASSERT_EQ(WaitForSingleObject(hTaken, kdwLimit), kdwTaken);
+        CTestHandle hMutex(OpenMutexA(MUTEX_ALL_ACCESS, FALSE, (strName + "m").c_str()));
+        EXPECT_EQ(WaitForSingleObject(hMutex, 0), kdwTimeout);
+        DWORD dwSleeper = WAIT_FAILED;
+        std::thread sleeper([&] {
+            dwSleeper = WaitForSingleObject(hMutex, kdwLimit);
+            ReleaseMutex(hMutex);
+        });
+        if (nRound == 1)
+            Sleep(20); // once with the waiter asleep, mostly
+        holder.Kill();
+        sleeper.join();
+        EXPECT_EQ(dwSleeper, kdwAbandoned);
+        hMutex.Close();
+        EXPECT_FAILS(OpenMutexA(MUTEX_ALL_ACCESS, FALSE, (strName + "m").c_str()),
+                     ERROR_FILE_NOT_FOUND);
+        if (nRound > 0)
+            continue;
+        CRoleProcess lonely("hold-mutex", strName);
+        ASSERT_EQ(WaitForSingleObject(hTaken, kdwLimit), kdwTaken);
+        lonely.Kill(); // nobody else has the mutex open: it is gone, not abandoned
+        CTestHandle const hNew(CreateMutexA(nullptr, FALSE, (strName + "m").c_str()));
+        EXPECT_EQ(GetLastError(), DWORD{NO_ERROR});
+        EXPECT_EQ(WaitForSingleObject(hNew, 0), kdwTaken);
+        ReleaseMutex(hNew);
+    }
+}
+
+TEST(Processes, CountTogetherUnderANamedMutex)
+{
+    std::random_device random;
+    auto const path = std::filesystem::temp_directory_path() / ("qoma" + std::to_string(random()));
+    {
+        CRoleProcess first("count-in-file", path.string()), second("count-in-file", path.string());
+        CountInFile(path.string());
+        EXPECT_EQ(first.ExitCode(), 0u);
+        EXPECT_EQ(second.ExitCode(), 0u);
+    }
+    int nCount = 0;
+    std::ifstream(path) >> nCount;
+    EXPECT_EQ(nCount, 3 * kcIncrements);
+    std::filesystem::remove(path);
+}

@@ -1,0 +1,225 @@
+#include "platform/thread.h"
+
+#include "platform/afx.h"
+#include "platform/probe.h"
+#include "tests/platform/role.h"
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+
+namespace {
+
+DWORD ExitCodeOf(HANDLE hThread)
+{
+    DWORD dwCode = 0;
+    EXPECT_EQ(WaitForSingleObject(hThread, kdwLimit), DWORD{WAIT_OBJECT_0});
+    EXPECT_TRUE(GetExitCodeThread(hThread, &dwCode));
+    return dwCode;
+}
+
+/// What a thread that was not waited for leaves in the counts may take a moment to go.
+bool ComesDownTo(DWORD (*pfnCount)(), DWORD cWanted)
+{
+    auto const deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kdwLimit);
+    while (pfnCount() > cWanted && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    return pfnCount() <= cWanted;
+}
+
+unsigned __stdcall SetGivenEvent(void *pvEvent)
+{
+    return SetEvent(pvEvent) ? 7 : 8;
+}
+unsigned __stdcall AwaitGivenEvent(void *pvEvent)
+{
+    return WaitForSingleObject(pvEvent, kdwLimit);
+}
+unsigned __stdcall ReturnOwnId(void *)
+{
+    return GetCurrentThreadId();
+}
+
+struct CSetAtEnd {
+    explicit CSetAtEnd(std::atomic<int> *pn) : m_pn(pn) {}
+    ~CSetAtEnd() { *m_pn = 1; }
+    std::atomic<int> *m_pn;
+};
+
+unsigned __stdcall EndBelowNoexcept(void *pvEnds) noexcept
+{
+    auto *aEnds = static_cast<std::atomic<int> *>(pvEnds);
+    thread_local CSetAtEnd s_ofThread(&aEnds[0]);
+    CSetAtEnd const ofStack((static_cast<void>(&s_ofThread), &aEnds[1]));
+    _endthreadex(0x80000001u);
+    return 0;
+}
+
+} // namespace
+
+TEST(Thread, HasItsNumberItsCodeAndItsEnd)
+{
+    CTestHandle const hGo(CreateEventA(nullptr, TRUE, FALSE, nullptr));
+    CTestHandle const hThread(StartThread(&AwaitGivenEvent, hGo));
+    DWORD dwCode = 0;
+    EXPECT_TRUE(GetExitCodeThread(hThread, &dwCode));
+    EXPECT_EQ(dwCode, DWORD{STILL_ACTIVE});
+    EXPECT_EQ(WaitForSingleObject(hThread, 0), DWORD{WAIT_TIMEOUT});
+    EXPECT_EQ(ResumeThread(hThread), 0u); // it was not suspended
+    SetEvent(hGo);
+    EXPECT_EQ(ExitCodeOf(hThread), DWORD{WAIT_OBJECT_0});
+    EXPECT_EQ(ExitCodeOf(hThread), DWORD{WAIT_OBJECT_0}); // stays ended for all
+    for (unsigned fwFlags : {0u, unsigned{CREATE_SUSPENDED}}) {
+        unsigned idThread = 0;
+        CTestHandle const hOther(StartThread(&ReturnOwnId, nullptr, fwFlags, &idThread));
+        ResumeThread(hOther);
+        EXPECT_EQ(ExitCodeOf(hOther), idThread);
+        EXPECT_NE(idThread, GetCurrentThreadId());
+    }
+}
+
+TEST(Thread, SuspendedRunsAtTheLastResume)
+{
+    CTestHandle const hRan(CreateEventA(nullptr, TRUE, FALSE, nullptr));
+    CTestHandle const hThread(StartThread(&SetGivenEvent, hRan, CREATE_SUSPENDED));
+    EXPECT_EQ(SuspendThread(hThread), 1u);
+    EXPECT_EQ(ResumeThread(hThread), 2u);
+    EXPECT_EQ(WaitForSingleObject(hRan, 20), DWORD{WAIT_TIMEOUT});
+    EXPECT_EQ(ResumeThread(hThread), 1u);
+    EXPECT_EQ(ExitCodeOf(hThread), 7u);
+    EXPECT_EQ(ResumeThread(hThread), 0u);
+    EXPECT_EQ(SuspendThread(hThread), static_cast<DWORD>(-1));
+}
+
+TEST(Thread, EndThreadGivesTheCodeAndUnwindsNothing)
+{
+    std::atomic<int> aEnds[2]{};
+    CTestHandle const hThread(StartThread(&EndBelowNoexcept, aEnds));
+    EXPECT_EQ(ExitCodeOf(hThread), 0x80000001u);
+    EXPECT_EQ(aEnds[1], 0);
+    EXPECT_EQ(aEnds[0],
+              kIsPosix ? 1 : aEnds[0].load()); // a waiter is told after all that a thread does
+}
+
+TEST(Thread, HundredsOfThemLeaveNothing)
+{
+    CTestHandle const hEvent(CreateEventA(nullptr, TRUE, FALSE, nullptr));
+    CTestHandle(StartThread(&SetGivenEvent, hEvent)).Close();
+    ASSERT_EQ(WaitForSingleObject(hEvent, kdwLimit), DWORD{WAIT_OBJECT_0});
+    ASSERT_TRUE(ComesDownTo(&PlatThreadCount, PlatThreadCount()));
+    DWORD const cHandles = PlatHandleCount();
+    DWORD const cThreads = kIsPosix ? 1 : PlatThreadCount();
+    for (int n = 0; n < 300; ++n) {
+        ResetEvent(hEvent);
+        CTestHandle hThread(StartThread(&SetGivenEvent, hEvent));
+        EXPECT_TRUE(n % 3 != 0 || ExitCodeOf(hThread) == 7);
+        if (n % 3 == 1)
+            hThread.Close(); // while it runs, mostly
+        EXPECT_EQ(WaitForSingleObject(hEvent, kdwLimit), DWORD{WAIT_OBJECT_0});
+        if (kIsPosix && n % 3 == 2) // Windows keeps such a thread for ever
+            CTestHandle(StartThread(&SetGivenEvent, hEvent, CREATE_SUSPENDED)).Close();
+    }
+    EXPECT_TRUE(ComesDownTo(&PlatThreadCount, cThreads));
+    EXPECT_TRUE(ComesDownTo(&PlatHandleCount, cHandles));
+}
+
+TEST(Thread, PrioritiesThatWindowsKnows)
+{
+    CTestHandle const hGo(CreateEventA(nullptr, TRUE, FALSE, nullptr));
+    CTestHandle const hThread(StartThread(&AwaitGivenEvent, hGo));
+    EXPECT_EQ(GetThreadPriority(hThread), int{THREAD_PRIORITY_NORMAL});
+    for (int nPriority : {2, 1, 0, -1, -2, 15, -15}) {
+        EXPECT_TRUE(SetThreadPriority(hThread, nPriority));
+        EXPECT_EQ(GetThreadPriority(hThread), nPriority);
+    }
+    for (int nPriority : {3, -3, 14, -14, 16, 0x7FFFFFFF})
+        EXPECT_FAILS(SetThreadPriority(hThread, nPriority), ERROR_INVALID_PARAMETER);
+    EXPECT_EQ(GetThreadPriority(hThread), -15);
+    SetEvent(hGo);
+    ExitCodeOf(hThread);
+    EXPECT_FAILS(SetThreadPriority(hGo, 0), ERROR_INVALID_HANDLE);
+    EXPECT_EQ(GetThreadPriority(hGo), int{THREAD_PRIORITY_ERROR_RETURN});
+}
+
+TEST(Thread, WhatCannotBeStarted)
+{
+    if (!kIsPosix)
+        GTEST_SKIP() << "the Windows runtime ends the process on a null function";
+    errno = 0;
+    EXPECT_FAILS(StartThread(nullptr), ERROR_INVALID_PARAMETER);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_FAILS(StartThread(&ReturnOwnId, nullptr, 0x80), ERROR_INVALID_PARAMETER);
+}
+
+TEST(Thread, LastErrorIsItsOwn)
+{
+    SetLastError(1);
+    EXPECT_EQ(OnOtherThread([] {
+                  SetLastError(2);
+                  return GetLastError();
+              }),
+              2u);
+    EXPECT_EQ(GetLastError(), 1u);
+}
+
+TEST(Interlocked, CountsAndGivesTheValuesOfWin32)
+{
+    LONG volatile n = 5;
+    EXPECT_EQ(InterlockedIncrement(&n), 6);
+    EXPECT_EQ(InterlockedDecrement(&n), 5);
+    EXPECT_EQ(InterlockedExchange(&n, 9), 5);
+    EXPECT_EQ(InterlockedExchangeAdd(&n, 2), 9);
+    EXPECT_EQ(InterlockedCompareExchange(&n, 1, 7), 11);
+    EXPECT_EQ(InterlockedCompareExchange(&n, 0, 11), 11);
+    std::thread other([&n] {
+        for (int nRound = 0; nRound < 20000; ++nRound)
+            InterlockedIncrement(&n);
+    });
+    while (PlatLoadLong(&n) < 10000)
+        InterlockedIncrement(&n);
+    LONG const nSeen = PlatLoadLong(&n);
+    other.join();
+    EXPECT_GE(PlatLoadLong(&n), 20000);
+    EXPECT_GE(nSeen, 10000);
+}
+
+namespace {
+
+UINT __cdecl AfxBody(LPVOID pvEvent)
+{
+    WaitForSingleObject(pvEvent, kdwLimit);
+    return 5;
+}
+
+UINT __cdecl AfxEnder(LPVOID pvEvent)
+{
+    SetEvent(pvEvent);
+    AfxEndThread(6);
+}
+
+} // namespace
+
+TEST(Afx, AThreadThatIsKeptAndOneThatDeletesItself)
+{
+    CTestHandle const hEvent(CreateEventA(nullptr, FALSE, FALSE, nullptr));
+    DWORD const cHandles = PlatHandleCount();
+    CWinThread *pKept =
+        AfxBeginThread(&AfxBody, hEvent, THREAD_PRIORITY_BELOW_NORMAL, 0, CREATE_SUSPENDED);
+    ASSERT_NE(pKept, nullptr);
+    EXPECT_EQ(GetThreadPriority(pKept->m_hThread), int{THREAD_PRIORITY_BELOW_NORMAL});
+    EXPECT_NE(pKept->m_nThreadID, 0u);
+    pKept->m_bAutoDelete = FALSE;
+    EXPECT_EQ(pKept->ResumeThread(), 1u);
+    SetEvent(hEvent);
+    EXPECT_EQ(ExitCodeOf(pKept->m_hThread), 5u);
+    delete pKept;
+    CWinThread *pOther = AfxBeginThread(&AfxEnder, hEvent, 0, 0, CREATE_SUSPENDED);
+    ASSERT_NE(pOther, nullptr);
+    EXPECT_EQ(pOther->ResumeThread(), 1u);
+    EXPECT_EQ(WaitForSingleObject(hEvent, kdwLimit), DWORD{WAIT_OBJECT_0});
+    EXPECT_TRUE(ComesDownTo(&PlatHandleCount, cHandles));
+    try {
+        AfxThrowMemoryException();
+    } catch (std::bad_alloc const &) { // as what a failed new throws
+    }
+}
