@@ -30,6 +30,10 @@ unsigned LineAt(std::string_view text, std::size_t nOffset)
 void CheckText(std::string_view text)
 {
     for (std::size_t i = 0; i < text.size();) {
+        if (text[i] > 0 && text[i] < 0x7F) { // nearly always
+            ++i;
+            continue;
+        }
         CUtf8Char const c = Utf8Decode(text.substr(i));
         if (!c.bValid || c.ch == 0) {
             throw CFault{LineAt(text, i), "a broken character, or a zero"};
