@@ -1,0 +1,107 @@
+// A client of the access library, and the objects that it addresses.
+
+#pragma once
+
+#include "dolrtl/QOMADolC.h"
+#include "tests/support/guards.h"
+
+#include <gtest/gtest.h>
+
+#include <condition_variable>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <vector>
+
+struct TestObject {
+    std::vector<unsigned char> oid;
+    unsigned char dataType;
+
+    unsigned char *Oid() { return oid.data(); }
+    DWORD Size() const { return static_cast<DWORD>(oid.size()); }
+};
+
+inline TestObject g_addOption{{1, 2, 2, 1, 37}, 4};
+inline TestObject g_selectOption{{1, 2, 2, 1, 38}, 4};
+inline TestObject g_feeder{{1, 2, 2, 2, 1}, 8};
+inline TestObject g_button{{1, 2, 2, 2, 7}, 1};
+inline TestObject g_token{{1, 1, 1, 25}, 5};
+
+struct ReadValue {
+    std::string strValue;
+    unsigned char dataType = 0;
+    unsigned short wTrapId = 0;
+
+    DWORD Word() const
+    {
+        DWORD dw = 0;
+        strValue.copy(reinterpret_cast<char *>(&dw), sizeof dw);
+        return dw;
+    }
+};
+
+// A CDolRtl that counts its events and, when told to, acts on them.
+class CTestClient {
+public:
+    CTestClient() : dol(std::in_place, OnEvent, reinterpret_cast<DWORD_PTR>(this)) {}
+
+    DWORD Init(char const *pszAddress, DWORD dwPort, DWORD dwLink)
+    {
+        return dol->Init(pszAddress, dwPort, dwLink);
+    }
+    DWORD InitLocal(DWORD dwPort) { return Init(nullptr, dwPort, eLT_LOCAL); }
+
+    DWORD SetText(TestObject &object, std::string str)
+    {
+        return dol->Set(object.Oid(), object.Size(), object.dataType, str.data(),
+                        static_cast<DWORD>(str.size()));
+    }
+    DWORD SetWord(TestObject &object, DWORD dw)
+    {
+        return dol->Set(object.Oid(), object.Size(), object.dataType, &dw, sizeof dw);
+    }
+    DWORD Trap(TestObject &object, unsigned short wId)
+    {
+        return dol->Trap(object.Oid(), object.Size(), object.dataType, wId);
+    }
+    std::optional<ReadValue> Read(DWORD cbBuffer = 349)
+    {
+        unsigned char buffer[349];
+        DWORD cb = 0;
+        ReadValue value;
+        if (dol->ReadTrap(buffer, cbBuffer, &cb, &value.dataType, &value.wTrapId) != eDR_OK)
+            return std::nullopt;
+        value.strValue.assign(reinterpret_cast<char *>(buffer), cb);
+        return value;
+    }
+
+    static DolRtlCallbackFn Callback() { return OnEvent; }
+
+    int Events(DWORD event)
+    {
+        std::lock_guard lock(m_mx);
+        return m_events[event];
+    }
+    bool WaitForEvent(DWORD event, int c = 1)
+    {
+        return WaitFor([&] { return Events(event) >= c; });
+    }
+
+    std::optional<CDolRtl> dol;
+    std::function<void(DWORD)> onEvent; // set before Init
+
+private:
+    static DWORD OnEvent(DWORD event, DWORD_PTR dwContext)
+    {
+        auto *const pSelf = reinterpret_cast<CTestClient *>(dwContext);
+        if (pSelf->onEvent)
+            pSelf->onEvent(event);
+        std::lock_guard lock(pSelf->m_mx);
+        ++pSelf->m_events[event];
+        return 0;
+    }
+
+    std::mutex m_mx;
+    std::map<DWORD, int> m_events;
+};

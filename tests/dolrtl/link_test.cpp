@@ -1,0 +1,395 @@
+// The access library against a well-behaved device, and against one that is told to misbehave.
+
+#include "device/soft_device.h"
+#include "tests/dolrtl/dolrtl_fixture.h"
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+using std::chrono::steady_clock;
+
+namespace {
+
+constexpr auto kPromise = std::chrono::seconds(5);
+
+class Link : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        std::string strError;
+        config.log = [this](std::string const &str) {
+            std::lock_guard lock(mx);
+            log.push_back(str);
+        };
+        device.emplace(config);
+        ASSERT_TRUE(device->Start(&strError)) << strError;
+        dwPort = device->Port();
+    }
+
+    bool Logged(std::string const &strPart)
+    {
+        std::lock_guard lock(mx);
+        return std::any_of(log.begin(), log.end(), [&](std::string const &str) {
+            return str.find(strPart) != std::string::npos;
+        });
+    }
+
+    SoftDeviceConfig config;
+    std::mutex mx;
+    std::vector<std::string> log;
+    std::optional<CSoftDevice> device;
+    DWORD dwPort = 0;
+};
+
+} // namespace
+
+TEST_F(Link, ReadsTheIdentificationIntoAnyBuffer)
+{
+    CTestClient client;
+    ASSERT_EQ(client.InitLocal(dwPort), eDR_OK);
+    unsigned char buffer[260];
+    DWORD cb = 99;
+    EXPECT_EQ(client.dol->GetDeviceId(buffer, sizeof buffer, &cb), eDR_OK);
+    EXPECT_STREQ(reinterpret_cast<char *>(buffer), "MFG:Norvale;CLS:MFP;MDL:VELLUMAX 4000;");
+    EXPECT_EQ(cb, 38u);
+    EXPECT_EQ(client.dol->GetDeviceId(buffer, 8, &cb), eDR_OK);
+    EXPECT_STREQ(reinterpret_cast<char *>(buffer), "MFG:Nor");
+    EXPECT_EQ(cb, 7u);
+    EXPECT_EQ(client.dol->GetDeviceId(buffer, 0, &cb), eDR_INVALID_ARGUMENT);
+    EXPECT_EQ(cb, 0u);
+}
+
+TEST_F(Link, ObjectsAreChecked)
+{
+    CTestClient client;
+    ASSERT_EQ(client.InitLocal(dwPort), eDR_OK);
+    CDolRtl &dol = *client.dol;
+    TestObject unknown{{1, 2, 2, 1}, 4};
+    TestObject textFeeder{g_feeder.oid, 4};
+    EXPECT_EQ(dol.Get(g_selectOption.Oid(), 5, 4), eDR_OK);
+    EXPECT_EQ(dol.Get(g_selectOption.Oid(), 5, 1), eDR_WRONG_TYPE);
+    EXPECT_EQ(dol.Get(unknown.Oid(), 4, 4), eDR_NO_SUCH_OBJECT);
+    EXPECT_EQ(dol.Get(nullptr, 5, 4), eDR_INVALID_ARGUMENT);
+    EXPECT_EQ(client.SetText(unknown, "x"), eDR_NO_SUCH_OBJECT);
+    EXPECT_EQ(client.SetText(g_addOption, ""), eDR_INVALID_ARGUMENT);
+    EXPECT_EQ(client.SetText(g_addOption, std::string(350, 'x')), eDR_WRONG_LENGTH);
+    EXPECT_EQ(client.SetText(g_token, "too short"), eDR_WRONG_LENGTH);
+    EXPECT_EQ(client.SetWord(g_feeder, 1), eDR_REFUSED);
+    EXPECT_EQ(client.Trap(textFeeder, 3), eDR_WRONG_TYPE);
+    EXPECT_EQ(client.Trap(unknown, 3), eDR_NO_SUCH_OBJECT);
+    EXPECT_EQ(dol.UnTrap(g_feeder.Oid(), 5), eDR_NO_SUCH_OBJECT);
+    EXPECT_EQ(client.Trap(g_feeder, 3), eDR_OK);
+    EXPECT_EQ(dol.UnTrap(g_feeder.Oid(), 5), eDR_OK);
+    EXPECT_EQ(client.Read(), std::nullopt);
+}
+
+TEST_F(Link, TrapsComeUnderTheirIdInHostOrder)
+{
+    CTestClient client;
+    ASSERT_EQ(client.InitLocal(dwPort), eDR_OK);
+    std::string const strEntry = "Copy;NETADDR=" + std::string(client.dol->GetAddress()) + ";";
+    ASSERT_EQ(client.Trap(g_button, 4), eDR_OK);
+    ASSERT_EQ(client.Trap(g_selectOption, 9), eDR_OK);
+    ASSERT_EQ(client.Trap(g_selectOption, 1), eDR_OK); // once more, under another id
+    ASSERT_EQ(client.SetText(g_addOption, strEntry), eDR_OK);
+    EXPECT_FALSE(device->Pick(0));
+    EXPECT_FALSE(device->Pick(2));
+    device->PressButton();
+    EXPECT_TRUE(device->Pick(1));
+    EXPECT_TRUE(device->Pick(1));
+
+    std::vector<ReadValue> values;
+    ASSERT_TRUE(WaitFor([&] {
+        if (auto value = client.Read(values.size() == 2 ? 4 : 349))
+            values.push_back(*value);
+        return values.size() == 3;
+    }));
+    EXPECT_EQ(values[0].Word(), 2u);
+    EXPECT_EQ(values[0].wTrapId, 4);
+    EXPECT_EQ(values[0].dataType, 1);
+    EXPECT_EQ(values[1].strValue, strEntry);
+    EXPECT_EQ(values[1].wTrapId, 1);
+    EXPECT_EQ(values[2].strValue, "Copy") << "cut to the buffer";
+}
+
+// Bursts that come while the callback runs must lead to another call of it.
+TEST_F(Link, NoTrapIsLostWhileTheCallbackRuns)
+{
+    constexpr int kTraps = 900;
+    CTestClient client;
+    std::vector<DWORD> words; // the callback's until c has come to its end
+    std::atomic<int> c{0};
+    client.onEvent = [&](DWORD) {
+        while (auto const value = client.Read()) {
+            words.push_back(value->Word());
+            ++c;
+        }
+    };
+    ASSERT_EQ(client.InitLocal(dwPort), eDR_OK);
+    ASSERT_EQ(client.Trap(g_feeder, 3), eDR_OK);
+    for (int i = 0; i < kTraps; ++i) {
+        device->SetFeeder(i % 3 == 0);
+        if (i % 100 == 0) { // so that the callback is entered and left many times
+            ASSERT_TRUE(WaitFor([&] { return c > i; }));
+        }
+    }
+    ASSERT_TRUE(WaitFor([&] { return c == kTraps; }));
+    for (size_t i = 0; i < kTraps; ++i)
+        ASSERT_EQ(words[i], i % 3 == 0 ? 0x10u : 0u) << i;
+}
+
+TEST_F(Link, TheOldestOfTooManyTrapsGivesWay)
+{
+    CTestClient client;
+    client.dol.reset();
+    client.dol.emplace(nullptr, 0);
+    ASSERT_EQ(client.InitLocal(dwPort), eDR_OK);
+    ASSERT_EQ(client.Trap(g_feeder, 3), eDR_OK);
+    ASSERT_EQ(client.Trap(g_button, 4), eDR_OK);
+    for (int i = 0; i < 10; ++i)
+        device->PressButton();
+    for (int i = 0; i < 1023; ++i)
+        device->SetFeeder(true);
+    device->PressButton();
+    ASSERT_EQ(client.SetWord(g_button, 2), eDR_OK); // its answer comes behind the traps
+    int cFeeder = 0;
+    int cButton = 0;
+    while (auto const value = client.Read())
+        ++(value->wTrapId == 3 ? cFeeder : cButton);
+    EXPECT_EQ(cFeeder, 1023);
+    EXPECT_EQ(cButton, 1);
+}
+
+TEST_F(Link, LocalClientsHaveAddressesOfTheirOwn)
+{
+    CTestClient first;
+    CTestClient second;
+    CTestClient third;
+    ASSERT_EQ(first.InitLocal(dwPort), eDR_OK);
+    ASSERT_EQ(second.InitLocal(dwPort), eDR_OK);
+    std::string const strFirst = first.dol->GetAddress();
+    std::string const strSecond = second.dol->GetAddress();
+    EXPECT_NE(strFirst, "");
+    EXPECT_NE(strFirst, strSecond);
+    ASSERT_EQ(third.Init(strFirst.c_str(), dwPort, eLT_LOCAL), eDR_OK);
+    EXPECT_NE(third.dol->GetAddress(), strFirst) << "held by another";
+
+    first.dol.reset();
+    first.dol.emplace(nullptr, 0);
+    ASSERT_EQ(first.Init(strFirst.c_str(), dwPort, eLT_LOCAL), eDR_OK);
+    EXPECT_EQ(first.dol->GetAddress(), strFirst) << "free again";
+    EXPECT_EQ(first.dol->GetBridgePort(), dwPort);
+
+    CTestClient bad;
+    ASSERT_EQ(bad.Init("a;NETADDR=", dwPort, eLT_LOCAL), eDR_OK);
+    EXPECT_EQ(std::string(bad.dol->GetAddress()).find(';'), std::string::npos);
+}
+
+TEST_F(Link, NetworkClientsKeepTheAddressThatTheyGave)
+{
+    CTestClient client;
+    EXPECT_STREQ(client.dol->GetAddress(), "");
+    ASSERT_EQ(client.Init("localhost", dwPort, eLT_NETWORK), eDR_OK);
+    EXPECT_STREQ(client.dol->GetAddress(), "localhost");
+    EXPECT_EQ(client.dol->GetBridgePort(), dwPort);
+}
+
+TEST_F(Link, InitSaysWhatIsWrong)
+{
+    CTestClient client;
+    EXPECT_EQ(client.SetWord(g_button, 1), eDR_NOT_STARTED);
+    EXPECT_EQ(client.Init("127.0.0.1", dwPort, 5), eDR_INVALID_ARGUMENT);
+    EXPECT_EQ(client.Init(nullptr, dwPort, eLT_NETWORK), eDR_BAD_ADDRESS);
+    EXPECT_EQ(client.Init("", dwPort, eLT_NETWORK), eDR_BAD_ADDRESS);
+    EXPECT_EQ(client.Init("127.0.0.1", 65536, eLT_NETWORK), eDR_BAD_ADDRESS);
+    EXPECT_EQ(client.Init("127.0.0.1", dwPort, eLT_NETWORK), eDR_OK) << "none of these counted";
+    EXPECT_EQ(client.Init("127.0.0.1", dwPort, eLT_NETWORK), eDR_ALREADY_STARTED);
+
+    CTestClient lost;
+    auto const start = steady_clock::now();
+    EXPECT_NE(lost.Init("no-such-host.invalid", dwPort, eLT_NETWORK), eDR_OK);
+    EXPECT_LT(steady_clock::now() - start, kPromise);
+    EXPECT_EQ(lost.SetWord(g_button, 1), eDR_LINK_LOST);
+}
+
+TEST_F(Link, ABreakIsToldOnceWhenTheDeviceIsBack)
+{
+    CTestClient client;
+    ASSERT_EQ(client.InitLocal(dwPort), eDR_OK);
+    ASSERT_EQ(client.SetText(g_addOption, "Copy"), eDR_OK);
+    ASSERT_EQ(client.Trap(g_button, 4), eDR_OK);
+    device->PressButton();
+    ASSERT_TRUE(client.WaitForEvent(eDE_TRAP_PENDING));
+    auto const start = steady_clock::now();
+    device->CutLinks(400);
+    EXPECT_TRUE(device->Panel().empty()) << "its entries went with the link";
+    ASSERT_TRUE(WaitFor([&] { return client.SetWord(g_button, 1) == eDR_LINK_LOST; }));
+    ASSERT_TRUE(client.WaitForEvent(eDE_RESTART_LINK));
+    EXPECT_GE(steady_clock::now() - start, std::chrono::milliseconds(400));
+    EXPECT_EQ(client.SetWord(g_button, 1), eDR_LINK_LOST) << "until it is made anew";
+    EXPECT_TRUE(client.Read()) << "what came before can be read";
+    EXPECT_EQ(client.Read(), std::nullopt);
+    EXPECT_EQ(client.Events(eDE_RESTART_LINK), 1);
+}
+
+TEST_F(Link, ADeviceThatComesLaterIsToldToo)
+{
+    device.reset();
+    CTestClient client;
+    EXPECT_EQ(client.Init("127.0.0.1", dwPort, eLT_NETWORK), eDR_CONNECT_REFUSED);
+    config.wPort = static_cast<WORD>(dwPort);
+    SetUp();
+    EXPECT_TRUE(client.WaitForEvent(eDE_RESTART_LINK));
+}
+
+// The agent's restart: the object is deleted and made anew on the thread that it calls back on.
+TEST_F(Link, MayBeReplacedInsideItsCallback)
+{
+    std::atomic<int> cRestarts{0};
+    CTestClient client;
+    client.onEvent = [&](DWORD event) {
+        if (event != eDE_RESTART_LINK)
+            return;
+        std::string const strAddress = client.dol->GetAddress();
+        DWORD const dwSamePort = client.dol->GetBridgePort();
+        client.dol.emplace(client.Callback(), reinterpret_cast<DWORD_PTR>(&client));
+        if (client.Init(strAddress.c_str(), dwSamePort, eLT_LOCAL) == eDR_OK &&
+            client.dol->GetAddress() == strAddress)
+            ++cRestarts;
+    };
+    ASSERT_EQ(client.InitLocal(dwPort), eDR_OK);
+    for (int i = 1; i <= 10; ++i) {
+        device->CutLinks(0);
+        ASSERT_TRUE(WaitFor([&] { return cRestarts == i; }));
+    }
+    ASSERT_TRUE(client.WaitForEvent(eDE_RESTART_LINK, 10));
+    EXPECT_EQ(client.SetWord(g_button, 1), eDR_OK);
+}
+
+TEST_F(Link, TheDestructorWaitsForACallback)
+{
+    std::atomic<bool> fInside{false};
+    std::atomic<bool> fLeft{false};
+    std::atomic<bool> fGo{false};
+    CTestClient client;
+    client.onEvent = [&](DWORD) {
+        fInside = true;
+        WaitFor([&] { return fGo.load(); });
+        fLeft = true;
+    };
+    ASSERT_EQ(client.InitLocal(dwPort), eDR_OK);
+    ASSERT_EQ(client.Trap(g_feeder, 3), eDR_OK);
+    device->SetFeeder(true);
+    ASSERT_TRUE(WaitFor([&] { return fInside.load(); }));
+    std::thread thread([&] { fGo = true; });
+    client.dol.reset();
+    EXPECT_TRUE(fLeft);
+    int const cEvents = client.Events(0);
+    device->SetFeeder(false);
+    EXPECT_EQ(client.Events(0), cEvents);
+    thread.join();
+}
+
+TEST_F(Link, MisbehaviourEndsWithACodeInTime)
+{
+    CTestClient client;
+    ASSERT_EQ(client.InitLocal(dwPort), eDR_OK);
+    device->SetLate(300);
+    auto start = steady_clock::now();
+    EXPECT_EQ(client.SetWord(g_button, 1), eDR_OK);
+    EXPECT_GE(steady_clock::now() - start, std::chrono::milliseconds(300));
+    device->SetLate(0);
+
+    device->GarbleAnswers(1);
+    EXPECT_EQ(client.SetWord(g_button, 1), eDR_BAD_ANSWER);
+    EXPECT_EQ(client.SetWord(g_button, 1), eDR_OK) << "the link lives on";
+
+    device->SetMute(true);
+    start = steady_clock::now();
+    std::thread other([&] { EXPECT_EQ(client.SetWord(g_button, 1), eDR_TIMEOUT); });
+    EXPECT_EQ(client.SetWord(g_button, 1), eDR_TIMEOUT);
+    other.join();
+    EXPECT_LT(steady_clock::now() - start, kPromise);
+    device->SetMute(false);
+    EXPECT_EQ(client.SetWord(g_button, 1), eDR_OK);
+
+    device->SendGarbage();
+    ASSERT_TRUE(client.WaitForEvent(eDE_RESTART_LINK));
+    EXPECT_EQ(client.SetWord(g_button, 1), eDR_LINK_LOST);
+}
+
+TEST_F(Link, CallsMayComeFromManyThreads)
+{
+    std::atomic<int> cTraps{0};
+    CTestClient client;
+    client.onEvent = [&](DWORD) {
+        while (client.Read()) {
+            ++cTraps;
+            EXPECT_EQ(client.SetWord(g_button, 1), eDR_OK); // from inside the callback
+        }
+    };
+    ASSERT_EQ(client.InitLocal(dwPort), eDR_OK);
+    ASSERT_EQ(client.Trap(g_feeder, 3), eDR_OK);
+    std::vector<std::thread> threads;
+    std::atomic<int> cFailed{0};
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([&, i] {
+            for (int n = 0; n < 100; ++n)
+                cFailed += client.SetText(g_addOption, std::to_string(i)) != eDR_OK;
+        });
+    }
+    for (int i = 0; i < 100; ++i)
+        device->SetFeeder(true);
+    for (std::thread &thread : threads)
+        thread.join();
+    EXPECT_EQ(cFailed, 0);
+    EXPECT_EQ(device->Panel().size(), 4u);
+    EXPECT_TRUE(WaitFor([&] { return cTraps == 100; }));
+}
+
+// All clients hear of all presses and do as the agent does; each press goes to one of them.
+TEST_F(Link, OfManyClientsOneGetsAPress)
+{
+    constexpr int kPresses = 1000;
+    std::atomic<int> cClaimed{0};
+    std::atomic<int> cHandled{0};
+    std::vector<std::unique_ptr<CTestClient>> clients;
+    for (int i = 0; i < 3; ++i) {
+        clients.push_back(std::make_unique<CTestClient>());
+        CTestClient &client = *clients.back();
+        client.onEvent = [&client, &cClaimed, &cHandled](DWORD) {
+            while (auto const value = client.Read()) {
+                if (value->Word() != 2)
+                    continue;
+                bool const fClaimed = client.SetText(g_token, std::string(16, 'T')) == eDR_OK;
+                client.SetWord(g_button, 1);
+                if (fClaimed)
+                    client.SetText(g_token, std::string(16, '\0'));
+                cClaimed += fClaimed;
+                ++cHandled;
+            }
+        };
+        ASSERT_EQ(client.InitLocal(dwPort), eDR_OK);
+        ASSERT_EQ(client.Trap(g_button, 4), eDR_OK);
+    }
+    for (int n = 1; n <= kPresses; ++n) {
+        device->PressButton();
+        ASSERT_TRUE(WaitFor([&] { return cHandled == n * 3; }));
+        ASSERT_EQ(cClaimed, n);
+    }
+}
+
+TEST_F(Link, ATokenGoesWithItsHoldersLink)
+{
+    CTestClient first;
+    CTestClient second;
+    ASSERT_EQ(first.InitLocal(dwPort), eDR_OK);
+    ASSERT_EQ(second.InitLocal(dwPort), eDR_OK);
+    device->PressButton();
+    EXPECT_EQ(first.SetText(g_token, std::string(16, 'T')), eDR_OK);
+    device->PressButton();
+    EXPECT_EQ(second.SetText(g_token, std::string(16, 'T')), eDR_BUSY);
+    first.dol.reset();
+    EXPECT_TRUE(WaitFor([&] { return second.SetText(g_token, std::string(16, 'T')) == eDR_OK; }));
+}
