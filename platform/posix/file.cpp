@@ -375,6 +375,14 @@ DWORD PlatOpenFile(char const *pszName, DWORD dwAccess, DWORD dwShare, DWORD dwD
     return ERROR_SUCCESS;
 }
 
+bool PlatIsSameFile(int fd, char const *pszName)
+{
+    struct stat stOpen;
+    struct stat stNamed;
+    return ::fstat(fd, &stOpen) == 0 && ::stat(pszName, &stNamed) == 0 &&
+           stOpen.st_dev == stNamed.st_dev && stOpen.st_ino == stNamed.st_ino;
+}
+
 int PlatCloseFile(int fd)
 {
     // By hand, and not by the close alone: a child that another thread is starting has a copy of the

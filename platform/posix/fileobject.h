@@ -48,5 +48,8 @@ DWORD PlatNotFoundError(char const *pszName);
 /// Gives up the share modes and the descriptor. 0, or -1 with errno.
 int PlatCloseFile(int fd);
 
+/// Whether the name still leads to what was opened under it.
+bool PlatIsSameFile(int fd, char const *pszName);
+
 /// Writes everything: cb bytes, or fewer with errno set. Raises no SIGPIPE.
 std::size_t PlatWriteAll(int fd, void const *pBuffer, std::size_t cb, bool fDisk);

@@ -16,6 +16,7 @@
 #include <new>
 #include <string>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 namespace {
@@ -100,14 +101,6 @@ std::string ResolvedName(std::string const &strName)
     return psz ? psz.get() : strName;
 }
 
-bool IsSameFile(int fd, char const *pszName)
-{
-    struct stat stOpen;
-    struct stat stNamed;
-    return ::fstat(fd, &stOpen) == 0 && ::stat(pszName, &stNamed) == 0 &&
-           stOpen.st_dev == stNamed.st_dev && stOpen.st_ino == stNamed.st_ino;
-}
-
 // The file under a storage, held open with nothing shared, and the one beside it that will take its
 // place. The name of the second follows from the first: whoever holds the first exclusively is the only
 // one who uses it, and what a killed process left there is used again.
@@ -147,7 +140,7 @@ public:
             if (!m_target.m_fDisk) {
                 return STG_E_ACCESSDENIED;
             }
-            if (IsSameFile(m_target.m_fd, strName.c_str())) {
+            if (PlatIsSameFile(m_target.m_fd, strName.c_str())) {
                 m_strName = ResolvedName(strName);
                 m_fPlaceholder = !m_target.m_fExisted;
                 return S_OK;
@@ -222,16 +215,22 @@ private:
         }
     }
 
+    // Reserves behind the end, for the library counts from where the file ends. A file system that can't
+    // do that is asked how much room it has, which is as good until somebody else takes it.
     bool Allocate(std::uint64_t cb)
     {
-        int nError;
+        int nResult;
         do {
-            nError = ::posix_fallocate(m_aside.m_fd, 0, static_cast<off_t>(cb));
-        } while (nError == EINTR);
-        if (nError == 0) {
+            nResult = ::fallocate(m_aside.m_fd, FALLOC_FL_KEEP_SIZE, 0, static_cast<off_t>(cb));
+        } while (nResult != 0 && errno == EINTR);
+        struct statvfs st;
+        bool const fRoom =
+            nResult == 0 || (errno == EOPNOTSUPP && ::fstatvfs(m_aside.m_fd, &st) == 0 &&
+                             cb <= std::uint64_t{st.f_bavail} * st.f_frsize);
+        if (fRoom) {
             m_cbReserved = cb;
         }
-        return nError == 0;
+        return fRoom;
     }
 
     std::string m_strName;

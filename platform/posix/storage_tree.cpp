@@ -148,7 +148,8 @@ off_t SaveToStream(std::FILE *pFile, CStorageNode const &root)
     bool const fSaved = SaveStorage(pOutfile.get(), root);
     bool const fClosed = gsf_output_close(GSF_OUTPUT(pOutfile.get())) != 0;
     auto const cb = static_cast<off_t>(gsf_output_size(pSink.get()));
-    bool const fSinkClosed = gsf_output_close(pSink.get()) != 0;
+    // Mostly it has taken its sink with it.
+    bool const fSinkClosed = gsf_output_is_closed(pSink.get()) || gsf_output_close(pSink.get());
     return fSaved && fClosed && fSinkClosed && std::fflush(pFile) == 0 ? cb : -1;
 }
 
@@ -278,7 +279,7 @@ HRESULT StorageSave(int fd, CStorageNode const &root)
         cb = SaveToStream(pFile, root);
     }
     bool const fClosed = std::fclose(pFile) == 0;
-    // The file may be longer than that, since room was reserved in it.
+    // The cut gives back what was reserved behind the end.
     bool const fDone = cb > 0 && fClosed && ::ftruncate(fd, cb) == 0 && ::fsync(fd) == 0;
     return fDone ? S_OK : STG_E_WRITEFAULT;
 }

@@ -251,6 +251,7 @@ public:
         }
         ::unlink(SocketAddress(m_strPath).sun_path);
         m_fdListen.Reset();
+        ::unlink(LockPath().c_str());
         // Not by the close alone: a child that is just being started has copies of our descriptors.
         ::flock(m_fdOwner.Get(), LOCK_UN);
     }
@@ -258,14 +259,9 @@ public:
     DWORD Open(std::string const &strPath)
     {
         m_strPath = strPath;
-        // Who holds this lock owns the title; it goes with its process, however that ends, and what
-        // lies at the socket's path is then a leftover. The file itself is never removed.
-        m_fdOwner.Reset(::open((strPath + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
-        if (!m_fdOwner.IsOpen()) {
-            return PlatErrorFromErrno(errno);
-        }
-        if (::flock(m_fdOwner.Get(), LOCK_EX | LOCK_NB) != 0) {
-            return errno == EWOULDBLOCK ? ERROR_ALREADY_EXISTS : PlatErrorFromErrno(errno);
+        DWORD const dwError = OwnTitle();
+        if (dwError != NO_ERROR) {
+            return dwError;
         }
         m_fdWake.Reset(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
         CDescriptor fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
@@ -339,6 +335,27 @@ private:
         // One too many is sent away, not left at the door, where it would wait for its answer.
         if (IsOwnUser(fd.Get()) && m_apPeers.size() < kcMaxPeers) {
             m_apPeers.push_back(std::make_unique<CPeer>(std::move(fd)));
+        }
+    }
+
+    std::string LockPath() const { return m_strPath + ".lock"; }
+
+    // Who holds this lock owns the title; it goes with its process, however that ends, and what lies at
+    // the socket's path is then a leftover.
+    DWORD OwnTitle()
+    {
+        for (;;) {
+            m_fdOwner.Reset(::open(LockPath().c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+            if (!m_fdOwner.IsOpen()) {
+                return PlatErrorFromErrno(errno);
+            }
+            if (::flock(m_fdOwner.Get(), LOCK_EX | LOCK_NB) != 0) {
+                return errno == EWOULDBLOCK ? ERROR_ALREADY_EXISTS : PlatErrorFromErrno(errno);
+            }
+            // The owner before us may have removed the file between our two steps.
+            if (PlatIsSameFile(m_fdOwner.Get(), LockPath().c_str())) {
+                return NO_ERROR;
+            }
         }
     }
 
