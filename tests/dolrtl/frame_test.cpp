@@ -1,0 +1,94 @@
+#include "devlink/link_frame.h"
+#include "devlink/link_protocol.h"
+
+#include <gtest/gtest.h>
+
+#include <random>
+
+namespace {
+
+std::vector<LinkFrame> Decode(LinkBytes const &bytes, size_t cbPiece, bool *pfGarbage)
+{
+    CLinkDecoder decoder;
+    std::vector<LinkFrame> frames;
+    for (size_t n = 0; n < bytes.size(); n += cbPiece) {
+        decoder.Feed(bytes.data() + n, std::min(cbPiece, bytes.size() - n));
+        for (LinkFrame frame; decoder.Next(&frame);)
+            frames.push_back(frame);
+    }
+    *pfGarbage = decoder.IsGarbage();
+    return frames;
+}
+
+} // namespace
+
+TEST(LinkDecoder, FindsFramesInPiecesOfAnySize)
+{
+    LinkBytes stream;
+    for (size_t cb : {size_t{0}, size_t{1}, size_t{300}, size_t{kLinkMaxBody - 5}, size_t{7}}) {
+        LinkBytes const frame = EncodeLinkFrame(
+            {eLK_SET, static_cast<DWORD>(cb), LinkBytes(cb, static_cast<BYTE>(cb))});
+        stream.insert(stream.end(), frame.begin(), frame.end());
+    }
+    for (size_t cbPiece : {size_t{1}, size_t{3}, size_t{4096}, stream.size()}) {
+        bool fGarbage = true;
+        auto const frames = Decode(stream, cbPiece, &fGarbage);
+        EXPECT_FALSE(fGarbage);
+        ASSERT_EQ(frames.size(), 5u) << cbPiece;
+        for (LinkFrame const &frame : frames) {
+            EXPECT_EQ(frame.kind, eLK_SET);
+            EXPECT_EQ(frame.payload, LinkBytes(frame.dwNumber, static_cast<BYTE>(frame.dwNumber)));
+        }
+    }
+}
+
+TEST(LinkDecoder, RefusesLengthsThatNoFrameHas)
+{
+    for (DWORD cb : {DWORD{0}, DWORD{4}, kLinkMaxBody + 1, DWORD{0x80000000}, DWORD{0xFFFFFFFF}}) {
+        CLinkWriter writer;
+        writer.Word32(cb).Raw("123456789", 9);
+        bool fGarbage = false;
+        EXPECT_TRUE(Decode(writer.Take(), 100, &fGarbage).empty()) << cb;
+        EXPECT_TRUE(fGarbage) << cb;
+    }
+}
+
+// Short lengths are frequent here, so that many streams get far.
+TEST(LinkDecoder, RandomBytesGiveFramesOrGarbage)
+{
+    std::mt19937 random(4);
+    for (int nRound = 0; nRound < 2000; ++nRound) {
+        LinkBytes bytes;
+        for (unsigned n = random() % 200; n > 0; --n)
+            bytes.push_back(static_cast<BYTE>(random() % 3 ? 0 : random() % 12));
+        bool fGarbageWhole = false;
+        bool fGarbagePieces = false;
+        auto const whole = Decode(bytes, bytes.size() + 1, &fGarbageWhole);
+        auto const pieces = Decode(bytes, 1 + random() % 5, &fGarbagePieces);
+        ASSERT_EQ(whole.size(), pieces.size());
+        EXPECT_EQ(fGarbageWhole, fGarbagePieces);
+        size_t cb = 0;
+        for (LinkFrame const &frame : whole)
+            cb += 9 + frame.payload.size();
+        EXPECT_LE(cb, bytes.size());
+    }
+}
+
+TEST(LinkReader, MissingBytesShowAtTheEnd)
+{
+    CLinkWriter writer;
+    writer.Byte(7).Word16(0x1234).Word32(0x89ABCDEF).Bytes8("ab", 2).Bytes32("cde", 3);
+    LinkBytes const bytes = writer.Take();
+    for (size_t cb = 0; cb <= bytes.size() + 1; ++cb) {
+        LinkBytes part = bytes;
+        part.resize(cb);
+        CLinkReader reader(part);
+        bool fAll = reader.Byte() == 7;
+        fAll = reader.Word16() == 0x1234 && fAll;
+        fAll = reader.Word32() == 0x89ABCDEF && fAll;
+        fAll = reader.Text8() == "ab" && fAll;
+        fAll = reader.Bytes32() == LinkBytes{'c', 'd', 'e'} && fAll;
+        EXPECT_EQ(reader.IsComplete(), cb == bytes.size()) << cb;
+        EXPECT_EQ(fAll, cb >= bytes.size()) << cb;
+    }
+}
