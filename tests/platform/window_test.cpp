@@ -1,0 +1,262 @@
+#include "platform/window.h"
+
+#include "tests/platform/role.h"
+#include "tests/support/guards.h"
+
+#include <cctype>
+#include <deque>
+#include <fstream>
+#include <future>
+#include <mutex>
+
+namespace {
+
+LRESULT Send(HWND hWnd, std::string const &str, ULONG_PTR dwData = 0)
+{
+    std::string strCopy = str;
+    COPYDATASTRUCT data = {dwData, static_cast<DWORD>(strCopy.size()), strCopy.data()};
+    return SendMessageA(hWnd, WM_COPYDATA, 0, reinterpret_cast<LPARAM>(&data));
+}
+
+/// A viewer on a thread of its own that answers the length of a message and keeps it.
+class CViewer {
+public:
+    explicit CViewer(std::string strTitle)
+    {
+        std::promise<HWND> made;
+        m_thread = std::thread([&] {
+            HWND const hWnd = PlatCreateViewerWindow(strTitle.c_str(), OnCopyData, this);
+            made.set_value(hWnd);
+            EXPECT_TRUE(PlatRunViewerWindow(hWnd));
+            PlatDestroyViewerWindow(hWnd);
+        });
+        m_hWnd = made.get_future().get();
+    }
+    ~CViewer()
+    {
+        PlatCloseViewerWindow(m_hWnd);
+        m_thread.join();
+    }
+    std::vector<std::string> Messages()
+    {
+        std::lock_guard const lock(m_mutex);
+        return m_astr;
+    }
+    HWND m_hWnd;
+
+private:
+    static LRESULT OnCopyData(void *pContext, COPYDATASTRUCT const *pData)
+    {
+        auto *pThis = static_cast<CViewer *>(pContext);
+        std::lock_guard const lock(pThis->m_mutex);
+        pThis->m_astr.emplace_back(static_cast<char const *>(pData->lpData), pData->cbData);
+        return static_cast<LRESULT>(pData->cbData + pData->dwData);
+    }
+    std::mutex m_mutex;
+    std::vector<std::string> m_astr;
+    std::thread m_thread;
+};
+
+std::string Large()
+{
+    return std::string(kcbMaxCopyData - 1, 'x') + "y";
+}
+
+CTestRole const g_sender("send-messages", [](std::string const &strTitle) {
+    HWND const hWnd = FindWindowA(nullptr, strTitle.c_str());
+    bool const fRight = hWnd != nullptr && Send(hWnd, "") == 0 &&
+                        Send(hWnd, "a line", 1000) == 1006 &&
+                        Send(hWnd, Large()) == static_cast<LRESULT>(kcbMaxCopyData);
+    return fRight ? 0 : 1;
+});
+
+/// A viewer whose callback tells that it was reached, by a file, and never returns.
+CTestRole const g_stuck("stuck-viewer", [](std::string const &strFile) {
+    static std::string s_strFile;
+    s_strFile = strFile;
+    auto const onCopyData = [](void *, COPYDATASTRUCT const *) -> LRESULT {
+        std::ofstream(s_strFile + ".reached") << "x";
+        Sleep(INFINITE);
+        return 1;
+    };
+    HWND const hWnd = PlatCreateViewerWindow(strFile.c_str(), onCopyData, nullptr);
+    std::ofstream(strFile + (hWnd != nullptr ? ".ready" : ".refused")) << "x";
+    PlatRunViewerWindow(hWnd);
+    return 0;
+});
+
+bool WaitForFile(std::string const &strName)
+{
+    return WaitFor([&] { return std::filesystem::exists(strName); });
+}
+
+} // namespace
+
+TEST(WindowTest, MessagesOfEverySizePassBetweenProcesses)
+{
+    std::string const strTitle = UniqueName("Window");
+    CViewer viewer(strTitle);
+    EXPECT_EQ(CRoleProcess("send-messages", strTitle).ExitCode(), 0u);
+    EXPECT_EQ(viewer.Messages(), (std::vector<std::string>{"", "a line", Large()}));
+}
+
+TEST(WindowTest, ManySendersAtOnceLoseNothing)
+{
+    constexpr int kcSenders = 6;
+    constexpr int kcMessages = 200;
+    std::string const strTitle = UniqueName("Window");
+    CViewer viewer(strTitle);
+    std::deque<std::thread> senders;
+    for (int i = 0; i < kcSenders; ++i) {
+        senders.emplace_back([&, i] {
+            HWND const hWnd = FindWindowA(nullptr, strTitle.c_str());
+            for (int n = 0; n < kcMessages; ++n) {
+                std::string const str = std::to_string(i) + ":" + std::to_string(n) + ";";
+                EXPECT_EQ(Send(hWnd, str), static_cast<LRESULT>(str.size()));
+            }
+        });
+    }
+    for (std::thread &sender : senders) {
+        sender.join();
+    }
+    // Whole, once, and each sender's in its order.
+    std::vector<int> anNext(kcSenders);
+    for (std::string const &str : viewer.Messages()) {
+        int const i = str[0] - '0';
+        EXPECT_EQ(str, std::to_string(i) + ":" + std::to_string(anNext.at(i)++) + ";");
+    }
+    EXPECT_EQ(anNext, std::vector<int>(kcSenders, kcMessages));
+}
+
+TEST(WindowTest, TitlesAreWholeAndWithoutCase)
+{
+    std::string const strTitle = UniqueName("Window");
+    std::string strUpper = strTitle;
+    for (char &ch : strUpper) {
+        ch = static_cast<char>(std::toupper(static_cast<unsigned char>(ch)));
+    }
+    EXPECT_EQ(FindWindowA(nullptr, strTitle.c_str()), nullptr);
+    HWND hGone;
+    {
+        CViewer const viewer(strTitle);
+        hGone = viewer.m_hWnd;
+        EXPECT_EQ(FindWindowA(nullptr, strTitle.c_str()), hGone);
+        EXPECT_EQ(FindWindowA(nullptr, strUpper.c_str()), hGone);
+        EXPECT_EQ(FindWindowA(nullptr, (strTitle + " ").c_str()), nullptr);
+        EXPECT_EQ(FindWindowA(nullptr, strTitle.substr(1).c_str()), nullptr);
+        SetLastError(0);
+        EXPECT_EQ(PlatCreateViewerWindow(
+                      strTitle.c_str(), [](void *, COPYDATASTRUCT const *) -> LRESULT { return 0; },
+                      nullptr),
+                  nullptr);
+        EXPECT_EQ(GetLastError(), DWORD{ERROR_ALREADY_EXISTS});
+    }
+    EXPECT_EQ(FindWindowA(nullptr, strTitle.c_str()), nullptr);
+    EXPECT_FAILS(Send(hGone, "x"), ERROR_INVALID_WINDOW_HANDLE);
+    EXPECT_FAILS(Send(nullptr, "x"), ERROR_INVALID_WINDOW_HANDLE);
+}
+
+TEST(WindowTest, AThreadCallsItsOwnWindowStraight)
+{
+    std::string const strTitle = UniqueName("Window");
+    int cCalls = 0;
+    HWND const hWnd = PlatCreateViewerWindow(
+        strTitle.c_str(),
+        [](void *pContext, COPYDATASTRUCT const *) -> LRESULT {
+            return ++*static_cast<int *>(pContext);
+        },
+        &cCalls);
+    ASSERT_NE(hWnd, nullptr);
+    EXPECT_EQ(Send(FindWindowA(nullptr, strTitle.c_str()), "x"), 1);
+    EXPECT_EQ(OnOtherThread([&] { return PlatRunViewerWindow(hWnd) ? 0 : GetLastError(); }),
+              DWORD{ERROR_INVALID_THREAD_ID});
+    PlatCloseViewerWindow(hWnd); // before it runs
+    EXPECT_TRUE(PlatRunViewerWindow(hWnd));
+    PlatDestroyViewerWindow(hWnd);
+    EXPECT_EQ(cCalls, 1);
+}
+
+TEST(WindowTest, AViewerThatDiesReleasesItsSendersAndItsTitle)
+{
+    CTempDir const dir;
+    std::string const strTitle = dir.File("viewer");
+    HWND hDead;
+    {
+        CRoleProcess viewer("stuck-viewer", strTitle);
+        ASSERT_TRUE(WaitForFile(strTitle + ".ready"));
+        hDead = FindWindowA(nullptr, strTitle.c_str());
+        ASSERT_NE(hDead, nullptr);
+        std::thread sender([&] {
+            EXPECT_EQ(Send(hDead, "x"), 0);
+            if (kIsPosix) {
+                EXPECT_EQ(GetLastError(), DWORD{ERROR_INVALID_WINDOW_HANDLE});
+            }
+        });
+        ASSERT_TRUE(WaitForFile(strTitle + ".reached"));
+        // The title is taken as long as the process lives, stuck or not.
+        CRoleProcess const second("stuck-viewer", strTitle);
+        ASSERT_TRUE(WaitForFile(strTitle + ".refused"));
+        viewer.Kill();
+        sender.join();
+    }
+    EXPECT_EQ(FindWindowA(nullptr, strTitle.c_str()), nullptr);
+    CViewer viewer(strTitle); // in the place of what the killed one left
+    EXPECT_EQ(Send(FindWindowA(nullptr, strTitle.c_str()), "abc"), 3);
+    EXPECT_EQ(Send(hDead, "x"), 0);
+    EXPECT_EQ(viewer.Messages(), std::vector<std::string>{"abc"});
+}
+
+TEST(WindowTest, RefusesWhatItDoesNotKnow)
+{
+    if (!kIsPosix) {
+        GTEST_SKIP() << "other messages and classes exist on Windows";
+    }
+    CViewer viewer(UniqueName("Window"));
+    COPYDATASTRUCT data = {0, kcbMaxCopyData + 1, &data};
+    EXPECT_FAILS(SendMessageA(viewer.m_hWnd, WM_COPYDATA, 0, reinterpret_cast<LPARAM>(&data)),
+                 ERROR_INVALID_PARAMETER);
+    EXPECT_FAILS(SendMessageA(viewer.m_hWnd, WM_COPYDATA, 0, 0), ERROR_INVALID_PARAMETER);
+    EXPECT_FAILS(SendMessageA(viewer.m_hWnd, 0x10, 0, 0), ERROR_INVALID_PARAMETER);
+    EXPECT_FAILS(FindWindowA("class", "title"), ERROR_INVALID_PARAMETER);
+    EXPECT_FAILS(FindWindowA(nullptr, nullptr), ERROR_INVALID_PARAMETER);
+    EXPECT_TRUE(viewer.Messages().empty());
+}
+
+TEST(WindowTest, GarbageAtTheSocketDisturbsNobody)
+{
+    DWORD dwExit = 99;
+    PlatRunCommand("python3 -c \"\"", nullptr, 0, kdwLimit, &dwExit);
+    if (!kIsPosix || dwExit != 0) {
+        GTEST_SKIP() << "needs a local socket and python3 to write to it";
+    }
+    std::string const strTitle = UniqueName("window");
+    CViewer viewer(strTitle);
+    // Peers that talk nonsense are closed; those that stop half-way wait, and hold up nobody.
+    PlatEnvType const variable = {"TITLE", strTitle.c_str()};
+    ASSERT_TRUE(PlatRunCommand(R"(python3 -c '
+import os, socket, struct
+n = 0xCBF29CE484222325
+for b in os.environ["TITLE"].encode():
+    n = ((n ^ b) * 0x100000001B3) % 2**64
+def talk(data):
+    s = socket.socket(socket.AF_UNIX)
+    s.connect("/dev/shm/qoma-%d/window-%016x.sock" % (os.geteuid(), n))
+    s.sendall(data)
+    s.settimeout(30)
+    return s
+good = 0x314D5751
+halves = [talk(b""), talk(b"QW"), talk(struct.pack("<IIQ", good, 5, 0) + b"ab")]
+for bad in [b"GET / HTTP/1.0\r\n\r\n", struct.pack("<IIQ", good, 4 * 1024 * 1024 + 1, 0), b"\xff" * 70000]:
+    try:
+        assert talk(bad).recv(8) == b""
+    except ConnectionError:
+        pass
+s = talk(struct.pack("<IIQ", good, 3, 100) + b"abc")
+assert struct.unpack("<q", s.recv(8))[0] == 103
+halves[2].sendall(b"cde")
+assert struct.unpack("<q", halves[2].recv(8))[0] == 5
+')",
+                               &variable, 1, kdwLimit, &dwExit));
+    EXPECT_EQ(dwExit, 0u);
+    EXPECT_EQ(viewer.Messages(), (std::vector<std::string>{"abc", "abcde"}));
+}
