@@ -237,6 +237,8 @@ DWORD CGEvtMgr::LoadIdString()
 
 DWORD CGEvtMgr::ReloadParameters()
 {
+    // One step for whoever reports meanwhile: no line mixes the parameters of two loads.
+    CQueueLock lock(*this);
     LoadBaseCategory();
     DWORD const dwResult = LoadIdString();
     ForEachNode(eEO_RELOAD, nullptr);

@@ -94,7 +94,8 @@ public:
     /// Reads the text at the head of every line, under the queue mutex. @return 1 when the value could
     /// not be read and the old text stays, else 0, also when there is no memory to read it.
     DWORD LoadIdString();
-    /// Base table, id string, then LoadParams of each handler. @return that of LoadIdString.
+    /// Base table, id string, then LoadParams of each handler, all under the queue mutex: no line mixes
+    /// the parameters of two loads. @return that of LoadIdString.
     DWORD ReloadParameters();
 
     /// Runs one operation on the handler of a node, under the queue mutex.

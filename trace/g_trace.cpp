@@ -89,6 +89,14 @@ void LoadNumber(HKEY hKey, char const *pszName, std::atomic<T> &place)
         place.store(value);
 }
 
+/// The one setting whose default comes back. Stored once, so that no line of another thread goes to the
+/// default file in between.
+void LoadDebugFile(HKEY hKey)
+{
+    char szValue[sizeof(g_szTdDebugFile)];
+    StoreText(g_szTdDebugFile, ReadText(hKey, "DebugFilePath", szValue) ? szValue : kszDefaultFile);
+}
+
 void LoadExeName()
 {
     char szPath[260] = "";
@@ -302,15 +310,16 @@ bool IsLogged()
 
 DWORD TdLoadSettings(std::uint64_t bits)
 {
-    StoreText(g_szTdDebugFile, kszDefaultFile);
     LoadExeName();
     HKEY hKey = nullptr;
-    if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, kszTdKey, 0, KEY_READ, &hKey) != 0)
+    if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, kszTdKey, 0, KEY_READ, &hKey) != 0) {
+        StoreText(g_szTdDebugFile, kszDefaultFile);
         return 0;
+    }
 
     std::atomic<DWORD> dwDebugFile{0};
     LoadText(hKey, "Path", g_szTdPath);
-    LoadText(hKey, "DebugFilePath", g_szTdDebugFile);
+    LoadDebugFile(hKey);
     LoadNumber(hKey, "DebugFile", dwDebugFile);
     LoadText(hKey, "Title", g_szTdTitle);
     LoadNumber(hKey, "Module Mask", g_TdModuleMask);

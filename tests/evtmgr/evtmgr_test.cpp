@@ -1,0 +1,175 @@
+// The manager: reports, reloads, installation and the final report.
+
+#include "tests/evtmgr/evtmgr_fixture.h"
+#include "tests/support/alloc_fault.h"
+
+#include <cstdio>
+#include <sstream>
+#include <thread>
+
+namespace {
+
+void Site(LONG nLevel, char const *psz)
+{
+    G_REPORT(eEB_ENTRY, eEC_NONE, nLevel, "%s", psz);
+}
+
+TEST_F(CEvtMgrTest, VisitsAndReports)
+{
+    CMgrWithRecorder mgr;
+    CGEvtMgr *pMgr = mgr.m_pMgr;
+    EXPECT_STREQ(pMgr->GetHead()->m_strName.m_pszText, "CGTdEvtHandler");
+    EXPECT_EQ(pMgr->ForEachNode(eEO_WRITE_FULL, nullptr), 0); // no record: stops at once
+    EXPECT_EQ(pMgr->ForEachNode(eEO_REMOVE + 1, nullptr), 1);
+    EXPECT_EQ(mgr.m_pHandler->m_cRef, 2);
+    mgr.m_pHandler->m_fnOnText = [&] { // a report out of a report does not block
+        SetLastError(1);
+        if (mgr.m_pHandler->m_lines.size() == 1)
+            pMgr->ReportBase(8, "inner %c", 'x');
+    };
+    SetLastError(0xdeadbeef);
+    EXPECT_EQ(pMgr->Report(8, 0, 1, "%s %d%%", "outer", 5), 0u);
+    pMgr->Report(8, 0, 1, "%s", std::string(5000, 'y').c_str());
+    EXPECT_EQ(GetLastError(), 0xdeadbeef);
+    EXPECT_EQ(mgr.m_pHandler->m_lines,
+              (std::vector<std::string>{"[UNKWN]:  outer 5%", "[UNKWN]:  inner x",
+                                        "[UNKWN]:  " + std::string(1023, 'y')}));
+    // A refused event allocates nothing, one that is taken needs its text, the line and the copy.
+    EXPECT_EQ(FailEachAllocation([=] { pMgr->Report(8, 0, 2, "%s", "refused"); }), 0u);
+    EXPECT_GE(FailEachAllocation([=] { pMgr->Report(8, 0, 1, "%s", "taken"); }), 3u);
+}
+
+TEST_F(CEvtMgrTest, DumpRawData)
+{
+    Reg(m_strOn);
+    GInstallEvtMgr("mgr");
+    for (DWORD cb : {0u, 17u, 9u})
+        g_pEvtMgr.load()->DumpRawData(8, 0, 1, "\x07\x01\x00\x0e%BCDEFGHIJK\xffz", cb);
+    GRemoveEvtMgr("mgr");
+    std::string const str = "[T]: : DumpRawData: ", str8 = "07 01 00 0e 25 42 43 44  45 ",
+                      str9 = " \x01 \x0e%BCDE";
+    EXPECT_TRUE(ReadLog().starts_with(str + std::string(49, ' ') + "| \r\n" + str + str8 +
+                                      "46 47 48 49 4a 4b ff | " + str9 + "FGHIJK\xff\r\n" + str +
+                                      "7a " + std::string(46, ' ') + "| z\r\n" + str + str8 +
+                                      std::string(21, ' ') + "| " + str9 + "\r\n"))
+        << ReadLog();
+}
+
+TEST_F(CEvtMgrTest, ReloadTakesWhatHasChanged)
+{
+    Reg(ReplaceAll(m_strOn, "Level\"=dword:1", "Level\"=dword:0"));
+    GInstallEvtMgr("mgr");
+    Site(1, "too high");
+    Reg(m_strOn);
+    LoadParameters(); // empties the log: a missing Append is 0
+    Site(1, "taken");
+    // What is missing keeps its value; 4 bytes of a mask fill its low half.
+    Reg("\n[$M\\File]\n\"File Name\"=\"$LOG\"\n\"Base Category Mask\"=hex:fe,ff,ff,ff\n" +
+        m_strAppend);
+    LoadParameters();
+    Site(1, "base does not fit");
+    G_REPORT(1ull << 40, eEC_NONE, eEL_TRACE, "high half");
+    Reg("\n[$M\\File]\n\"State\"=dword:0\n\"Level\"=hex:0z\n"); // malformed: nothing changes
+    LoadParameters();
+    Reg("\n[$M\\File]\n\"State\"=dword:2\n"); // anything but 1 is off, and the log stays as it is
+    LoadParameters();
+    Site(-1, "not taken");
+    GRemoveEvtMgr("mgr");
+    std::string const strBegin = "[T]: LoadParameters: BEGIN Loading new parameters\r\n";
+    std::string const strEnd = "[T]: LoadParameters: END   Loading new parameters\r\n";
+    EXPECT_EQ(ReadLog(), strEnd + "[T]: taken\r\n" + strBegin + strEnd + "[T]: high half\r\n" +
+                             strBegin + strEnd + strBegin);
+}
+
+TEST_F(CEvtMgrTest, InstallAndRemove)
+{
+    Reg(m_strOn);
+    auto unheard = [] { G_REPORT(eEB_ENTRY, eEC_NONE, eEL_TRACE, "%d", (ADD_FAILURE(), 0)); };
+    unheard(); // without a manager the arguments are not evaluated
+    EXPECT_EQ(GInstallEvtMgr(""), DWORD{eGE_NULL_ARGUMENT});
+    ASSERT_EQ(GInstallEvtMgr("mgr"), DWORD{eGE_OK});
+    EXPECT_EQ(GInstallEvtMgr("mgr"), DWORD{eGE_BAD_STATE});
+    EXPECT_EQ(g_pEvtMgr.load()->m_fReady.exchange(0), 1);
+    unheard(); // nor when it is not ready
+    g_pEvtMgr.load()->m_fReady = 1;
+    EXPECT_EQ(GRemoveEvtMgr("mgr"), DWORD{eGE_OK});
+    EXPECT_EQ(GRemoveEvtMgr("mgr"), DWORD{eGE_OK}); // does nothing
+    EXPECT_EQ(g_pEvtMgr, nullptr);
+    // What goes while there still is a handler is told; the final report appends.
+    EXPECT_EQ(ReadLog(), "[T]: CGReference::Release: Removing object \"CCategory[CGTdEvtHandler:"
+                         "CGBaseEvtHandler]\"\r\n"
+                         "[T]: RemoveEvtMgr: g_cMemory g_cbMemory g_cObjects = 0 0 0\r\n");
+
+    bool fFired = true;
+    for (std::size_t nFail = 1; fFired;
+         nFail += nFail < 20 ? 1 : 41) { // most of them are names of rows
+        CAllocFault fault(nFail);
+        GInstallEvtMgr("mgr");
+        GRemoveEvtMgr("mgr");
+        fFired = fault.HasFired();
+    }
+    EXPECT_EQ(g_cEvtMgrs, 0);
+}
+
+TEST_F(CEvtMgrTest, FinalReportNamesLeaks)
+{
+    Reg(m_strOn + m_strAppend);
+    std::string strExpected;
+    auto expect = [&](LONG cOthers, DWORD cbLeft, DWORD cObjects, std::string const &str) {
+        std::atomic<CGEvtMgr *> pMgr{nullptr};
+        g_cEvtMgrs = cOthers;
+        CreateEvtMgr(&pMgr, "mgr");
+        g_cMemory += cbLeft / 10, g_cbMemory += cbLeft, g_cObjects += cObjects;
+        EXPECT_EQ(RemoveEvtMgr(&pMgr, "mgr"), 0u);
+        g_cMemory -= cbLeft / 10, g_cbMemory -= cbLeft, g_cObjects -= cObjects;
+        EXPECT_EQ(ReadLog(), strExpected += ReplaceAll(str, "$", "[T]: RemoveEvtMgr: ")) << str;
+    };
+    expect(0, 70, 0, "$MEMORY LEAK, g_cMemory g_cbMemory = 7 70\r\n");
+    expect(0, 0, 2, "$OBJECT LEAK, g_cObjects = 2\r\n");
+    expect(0, 70, 2,
+           "$MEMORY LEAK, g_cMemory g_cbMemory = 7 70\r\n$OBJECT LEAK, g_cObjects = 2\r\n");
+    expect(1, 70, 2, "$g_cMemory g_cbMemory g_cObjects = 7 70 2\r\n"); // not the last manager
+    expect(-1, 70, 2, "$g_cMemory g_cbMemory g_cObjects = 7 70 2\r\n");
+    EXPECT_EQ(RemoveEvtMgr(nullptr, "mgr"), DWORD{eGE_NULL_ARGUMENT});
+    EXPECT_EQ(g_cEvtMgrs.exchange(0), -1);
+}
+
+// Whoever reports sees the parameters of one load, and the log has every line, whole.
+TEST_F(CEvtMgrTest, ReloadsUnderReports)
+{
+    std::string const strReg = m_strOn + m_strAppend + "\n[$B\\4]\n\"Long Name\"=\"[T]:\"\n";
+    Reg(ReplaceAll(strReg, "[T]:", "a"));
+    GInstallEvtMgr("mgr");
+    std::atomic<bool> fEnd{false};
+    std::vector<int> reports(4), seen(4);
+    std::vector<std::thread> threads;
+    for (int &cOwn : reports)
+        threads.emplace_back([&] {
+            for (; !fEnd; ++cOwn) {
+                G_REPORT(eEB_INFO, eEC_OBJECT, eEL_TRACE, "%d:%d.",
+                         static_cast<int>(&cOwn - &reports[0]), cOwn);
+                std::this_thread::yield();
+            }
+        });
+    for (int n = 0; n < 1000; ++n) {
+        if (n == 500)
+            Reg(ReplaceAll(strReg, "[T]:", "bbbb"));
+        LoadParameters();
+    }
+    fEnd = true;
+    for (std::thread &thread : threads)
+        thread.join();
+    GRemoveEvtMgr("mgr");
+    std::istringstream log(ReplaceAll(ReadLog(), "bbbb bbbb", "a a"));
+    for (std::string strLine; std::getline(log, strLine);) {
+        std::size_t nThread = 0;
+        int nReport = 0, cch = 0;
+        if (std::sscanf(strLine.c_str(), "a a%zu:%d.%n", &nThread, &nReport, &cch) == 2) {
+            ASSERT_STREQ(strLine.c_str() + cch, "\r") << strLine;
+            ASSERT_EQ(nReport, seen[nThread]++) << strLine;
+        }
+    }
+    EXPECT_EQ(seen, reports);
+}
+
+} // namespace

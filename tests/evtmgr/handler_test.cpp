@@ -1,0 +1,95 @@
+// Category table, filter and line format.
+
+#include "tests/evtmgr/evtmgr_fixture.h"
+
+namespace {
+
+using CHandlerTest = CEvtMgrTest;
+
+TEST_F(CHandlerTest, TableTakesWhatTheRegistryHasAndKeepsTheRest)
+{
+    EXPECT_EQ(CategoryIndex(0), 0);
+    for (LONG nRow = 1; nRow <= 64; ++nRow)
+        EXPECT_EQ(CategoryIndex(1ull << (nRow - 1) | 1), nRow); // the highest bit decides
+    CCategory table("table");
+    Reg("\n[t]\n\"Display Level\"=dword:7\n\n[t\\5]\n\"Long Name\"=\"five\"\n\"Display Long "
+        "Name\"=dword:0\n"
+        "\n[t\\64]\n\"Short Name\"=\"s64\"\n\"Long Name\"=hex:61,62,63\n");
+    EXPECT_EQ(table.Load("t"), 0u);
+    Reg("\n[t\\64]\n\"Short Name\"=\"" + std::string(1024, 'x') + "\"\n"); // one byte too long
+    table.Load("t");
+    table.Load(std::string(1021, 'k').c_str()); // a row's key would not fit its buffer
+    EXPECT_EQ(table.m_fDisplayLevel, 7);
+    EXPECT_STREQ(table.m_Rows[5].m_strLongName.m_pszText, "five");
+    EXPECT_EQ(table.m_Rows[5].m_fDisplayLongName, 0);
+    EXPECT_STREQ(table.m_Rows[64].m_strShortName.m_pszText, "s64");
+    EXPECT_STREQ(table.m_Rows[64].m_strLongName.m_pszText, "abc"); // had no terminator
+}
+
+TEST_F(CHandlerTest, Filter)
+{
+    struct Case {
+        LONG fOn, nState;
+        std::uint64_t baseMask, customMask;
+        LONG nMaxLevel;
+        std::uint64_t base, custom;
+        LONG nLevel, fExpected;
+    };
+    // No mask of its own; base does not fit, fits by one bit; custom; level; a negative limit; levels -1
+    // and -2, the error bit, and -3, which is ordinary; off; a state other than 1.
+    Case const cases[] = {{1, 1, 0, 0, 0, 0, 0, 0, 1},     {1, 1, 7, 0, 2, 8, 0, 0, 0},
+                          {1, 1, 9, 0, 2, 8, 0, 0, 1},     {1, 1, 9, 4, 2, 8, 3, 0, 0},
+                          {1, 1, 9, 4, 2, 8, 6, 0, 1},     {1, 1, 9, 0, 2, 8, 0, 3, 0},
+                          {1, 1, 9, 0, 3, 8, 0, 3, 1},     {1, 1, 1, 1, -1, 1, 0, 0, 0},
+                          {1, 1, 0, 0, -9, 1, 1, -1, 1},   {1, 1, 0, 0, -9, 1, 1, -2, 1},
+                          {1, 1, 0, 0, 0, 0x21, 1, 5, 1},  {1, 1, 1, 1, -4, 1, 0, -3, 0},
+                          {0, 1, 1, 1, 9, 0x20, 0, -1, 0}, {1, 0, 0, 0, 0, 0x20, 0, 5, 1},
+                          {1, 2, 1, 1, 9, 1, 0, -2, 0}};
+    CMgrWithRecorder mgr;
+    CRecordingHandler &handler = *mgr.m_pHandler;
+    for (Case const &c : cases) {
+        handler.m_fOn = c.fOn;
+        handler.m_State = c.nState;
+        handler.m_BaseCategoryMask = c.baseMask;
+        handler.m_CustomCategoryMask = c.customMask;
+        handler.m_Level = c.nMaxLevel;
+        EXPECT_EQ(handler.IsEventOn(c.base, c.custom, c.nLevel), c.fExpected) << &c - cases;
+    }
+}
+
+TEST_F(CHandlerTest, Line)
+{
+    Reg("\n[$B\\4]\n\"Short Name\"=\"I\"\n\"Long Name\"=\"Info\"\n"
+        "\n[$B\\6]\n\"Long Name\"=\"ERR \"\n\"Display Long Name\"=dword:0\n"
+        "\n[$M\\Custom Category\\64]\n\"Short Name\"=\"c\"\n\"Long Name\"=\"Cust\"\n"
+        "\n[$M\\Custom Category\\1]\n\"Long Name\"=\"hidden\"\n\"Display Long Name\"=dword:0\n");
+    CMgrWithRecorder mgr;
+    CRecordingHandler *pHandler = mgr.m_pHandler;
+    CCategory *&pBase = mgr.m_pMgr->m_pBaseCategory;
+    pHandler->LoadParams();
+    auto line = [&](std::uint64_t base, std::uint64_t custom, LONG nLevel) {
+        pHandler->WriteEvent("hello", base, custom, nLevel);
+        return pHandler->m_lines.back();
+    };
+    EXPECT_EQ(line(8, 0, 2), "[UNKWN]: I Infohello");
+    EXPECT_EQ(line(8, 1ull << 63, 2), "[UNKWN]: Ic InfoCusthello");
+    EXPECT_EQ(line(0x20, 1, 0), "[UNKWN]:  ERR hello"); // forced; the custom name is not
+    pBase->m_fDisplayShortName = pBase->m_fDisplayLongName = 0;
+    pHandler->m_pCustomCategory->m_fDisplayLevel = 1; // one table is enough
+    EXPECT_EQ(line(8, 0, 2), "[UNKWN]: [ 2] hello");
+    EXPECT_EQ(line(0x30, 0, -1), "[UNKWN]:      ERR hello");
+    EXPECT_EQ(line(0, 0, -2), "[UNKWN]:      hello");
+    EXPECT_EQ(line(0, 0, -3), "[UNKWN]: [-3] hello");
+    for (CCategory **ppTable : {&pHandler->m_pCustomCategory, &pBase}) {
+        (*ppTable)->Release();
+        *ppTable = nullptr; // as if there had been no memory: a table without names
+    }
+    EXPECT_EQ(mgr.m_pMgr->ReloadParameters(), 1u);
+    EXPECT_EQ(line(0x20, 1, -1), "[UNKWN]:  hello");
+    for (LONG cb : {6, 5, 2, 1}) // the size counts the terminator; one more goes when it is cut
+        EXPECT_EQ(pHandler->WriteLine(cb, "12345"), 0u);
+    EXPECT_EQ(std::vector(pHandler->m_lines.end() - 4, pHandler->m_lines.end()),
+              (std::vector<std::string>{"12345", "123", "", ""}));
+}
+
+} // namespace

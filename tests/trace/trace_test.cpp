@@ -1,0 +1,155 @@
+// The client of the trace viewer: settings, search for the window, the line and its places.
+
+#include "trace/g_trace.h"
+
+#include "tests/support/guards.h"
+#include "tests/support/reg_file.h"
+#include "tests/support/test_viewer.h"
+
+#include <iterator>
+
+namespace {
+
+class CTraceTest : public testing::Test {
+protected:
+    // The client's state is the process's: a run of all cases in one process begins each with this.
+    CTraceTest()
+    {
+        g_TdMode = 0;
+        g_hTdWindow = nullptr;
+        g_fTdAutoStart = g_fTdTimeStamp = g_fTdExeName = 0;
+        TdSetCurrent(2, 1);
+    }
+    // Values of the client's key, and keys below it: $K is its path.
+    void Reg(std::string const &str)
+    {
+        m_reg.Write(ReplaceAll("\n[$K]\n" + str, "$K", "SOFTWARE\\Norvale\\TraceDeck"));
+    }
+    std::string TakeFile()
+    {
+        std::ifstream file(m_strFile, std::ios::binary);
+        std::string const str{std::istreambuf_iterator<char>(file), {}};
+        file.close();
+        std::filesystem::remove(m_strFile);
+        return str;
+    }
+
+    CTempDir m_dir;
+    CRegFile m_reg{m_dir.File("test.reg")};
+    std::string const m_strFile = m_dir.File("trace.log");
+    // All masks open, names for module 1 and level 0, a file of our own.
+    std::string const m_strOn =
+        ReplaceAll("\"Level Mask\"=dword:ffff\n\"Module "
+                   "Mask\"=hex:ff,ff,ff,ff,ff,ff,ff,ff\n\"DebugFilePath\"=\"$F\"\n"
+                   "\n[$K\\Modules\\0]\n\n[$K\\Modules\\1]\n\"Short Name\"=\"[M1] \"\n"
+                   "\n[$K\\Levels\\0]\n\"Short Name\"=\"E: \"\n",
+                   "$F", ReplaceAll(m_strFile, "\\", "\\\\"));
+};
+
+TEST_F(CTraceTest, SettingsAndTables)
+{
+    m_reg.Write("");
+    EXPECT_EQ(TdLoadSettings(eTM_VIEWER), 0u);
+    EXPECT_EQ(g_TdMode, 0u);
+    EXPECT_STREQ(g_szTdDebugFile, "c:\\debug.log");
+    EXPECT_EQ(std::string(g_szTdExeName).substr(0, 10), "test_trace");
+    auto rows = [](std::string const &strTable, int cRows) {
+        std::string str;
+        for (int n = 0; n < cRows; ++n)
+            str += "\n[$K\\" + strTable + "\\" + std::to_string(n) +
+                   "]\n\"Short Name\"=\"1234567890\"\n";
+        return str;
+    };
+    Reg("\"Title\"=\"a title\"\n\"Path\"=hex:61,62\n" + rows("Modules", 70) + rows("Levels", 12));
+    EXPECT_EQ(TdLoadSettings(eTM_DEBUGGER) + TdLoadSettings(eTM_VIEWER), 2u);
+    EXPECT_EQ(g_TdMode, std::uint64_t{eTM_DEBUGGER | eTM_VIEWER});
+    EXPECT_EQ(g_cTdModules, kcTdModules);
+    EXPECT_EQ(g_cTdLevels, kcTdLevels);
+    EXPECT_STREQ(g_TdModuleNames[63], "1234567");
+    EXPECT_STREQ(g_TdLevelNames[7], "123");
+    // A row without a name keeps what it held and counts among the modules, but ends the levels.
+    Reg("\"Title\"=\"" + std::string(64, 't') + "\"\n\"DebugFile\"=dword:1\n" + rows("Modules", 2) +
+        "\n[$K\\Modules\\2]\n" + rows("Levels", 2) + "\n[$K\\Levels\\2]\n");
+    EXPECT_EQ(TdLoadSettings(eTM_DEBUGGER), 1u);
+    EXPECT_EQ(g_TdMode, std::uint64_t{eTM_DEBUGGER | eTM_FILE});
+    EXPECT_STREQ(g_szTdTitle, "a title"); // the new one is too wide
+    EXPECT_STREQ(g_szTdPath, "ab");       // had no terminator
+    EXPECT_EQ(g_cTdModules, 3);
+    EXPECT_STREQ(g_TdModuleNames[2], "1234567");
+    EXPECT_EQ(g_cTdLevels, 2);
+}
+
+TEST_F(CTraceTest, LinesInTheFile)
+{
+    Reg(m_strOn);
+    TdLoadSettings(0);
+    auto expect = [&](std::uint64_t mode, std::uint64_t module, DWORD dwLevel,
+                      std::string const &strText, std::string const &strExpected) {
+        g_TdMode = mode;
+        TdSetCurrent(module, dwLevel);
+        TdLog("%s", strText.c_str());
+        EXPECT_EQ(TakeFile(), strExpected);
+    };
+    for (std::uint64_t mode : {4u, 6u}) { // the debugger adds a line end of its own
+        expect(mode, 2, 1, "text", "[M1] E: text\r\n");
+        expect(mode, 2, 1, std::string(300, 'x'), "[M1] E: " + std::string(245, 'x') + "\r\n");
+    }
+    expect(eTM_FILE, 3, 2, "text", "[OTHER]- text\r\n");
+    expect(eTM_FILE, 4, 0x100, "text", "[OTHER]- text\r\n");
+    expect(eTM_FILE, 2, 1, "text\r\n", "[M1] E: text\r\n");
+    expect(eTM_FILE, 2, 1, "text\n", "[M1] E: text\n\r\n");
+    expect(eTM_DEBUGGER, 2, 1, "not for the file", "");
+    expect(eTM_FILE, 0, 1, "no module", "");
+    expect(eTM_FILE, 2, 0x10000, "level not in the mask", "");
+    TdSetCurrent(2, 1);
+    g_fTdTimeStamp = g_fTdExeName = 1;
+    TdLog("%d", 42);
+    std::string const str = TakeFile();
+    EXPECT_TRUE(str.find('}') >= 9 && str.find_first_not_of("0123456789", 1) == str.find('}'))
+        << str;
+    EXPECT_TRUE(str.ends_with("}[M1] E: \"" + std::string(g_szTdExeName) + "\" 42\r\n")) << str;
+}
+
+TEST_F(CTraceTest, Viewer)
+{
+    CTestViewer viewer;
+    Reg("\"Title\"=\"no such window\"\n");
+    TdConnect();
+    Reg("\"Title\"=\"" + viewer.m_strTitle + "\"\n" + m_strOn);
+    TdConnect(); // the attempt is not repeated
+    EXPECT_EQ(g_hTdWindow, nullptr);
+    EXPECT_EQ(g_TdMode.exchange(0), std::uint64_t{eTM_VIEWER});
+    TdConnect();
+    g_TdMode |= eTM_DEBUGGER;
+    TdLog("line %d", 1);
+    EXPECT_EQ(viewer.End(), std::vector<std::string>{std::string("[M1] E: line 1") + '\0'});
+    if (!kIsPosix)
+        GTEST_SKIP() << "a message box waits for a person there";
+    Reg("\"Title\"=\"no such window\"\n\"Path\"=\"/no/such/program\"\n\"Auto Start\"=dword:1\n");
+    g_TdMode = 0;
+    testing::internal::CaptureStderr();
+    TdConnect();
+    TdConnect();
+    std::string const str = testing::internal::GetCapturedStderr();
+    std::size_t const n = str.find("ERROR!  Unable to start the TraceDeck executable!");
+    EXPECT_TRUE(n != std::string::npos && str.find("ERROR!", n + 1) == std::string::npos) << str;
+}
+
+TEST_F(CTraceTest, ThreadsShareTheClient)
+{
+    Reg(m_strOn);
+    TdLoadSettings(eTM_FILE);
+    std::thread loader([] {
+        for (int n = 0; n < 50; ++n)
+            TdLoadSettings(eTM_DEBUGGER);
+    });
+    std::string strExpected;
+    for (int n = 0; n < 200; ++n, strExpected += "[M1] E: line\r\n")
+        TdLog("%s", "line");
+    loader.join();
+    EXPECT_EQ(TakeFile(), strExpected);
+    EXPECT_STREQ(TdGuidToText({0x1a2b3c, 0x4d, 0xe5f6, {1, 0x23, 0xab, 0, 0, 0xff, 0x10, 9}}),
+                 "{001A2B3C-004D-E5F6-0123-AB0000FF1009}");
+}
+
+} // namespace
