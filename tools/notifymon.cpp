@@ -6,6 +6,7 @@
 #include "platform/console.h"
 #include "platform/process.h"
 #include "tools/notifymon_client.h"
+#include "tools/notifymon_diagnostics.h"
 
 #include <algorithm>
 #include <atomic>
@@ -16,6 +17,9 @@
 namespace {
 
 using Clock = std::chrono::steady_clock;
+
+/* How long a change of the settings file can go unseen. */
+constexpr std::chrono::milliseconds kSettingsLook{500};
 
 /* How long a command of --exec can keep the next notification waiting, in milliseconds. */
 constexpr DWORD kCommandLimit = 10000;
@@ -28,6 +32,8 @@ struct Options {
     bool bJson = false;
     std::string strCommand;
     std::string strDiscover;
+    std::string strRegistry;
+    std::string strDiagnostics;
     unsigned nCount = 0; /* 0: no limit */
     double rTimeout = 0; /* seconds; 0: no limit */
 };
@@ -41,10 +47,14 @@ std::map<std::string, DWORD> const kFlags{
 
 /* For the console's handler, which gets no argument; set while main is in Run. */
 std::atomic<CMonitorClient *> g_pStoppable{nullptr};
+std::atomic<bool> g_bReloads{false};     /* Ctrl-Break reads the settings again instead of ending */
+std::atomic<bool> g_bReloadAsked{false}; /* and was pressed */
 
-BOOL WINAPI OnConsoleEvent(DWORD)
+BOOL WINAPI OnConsoleEvent(DWORD dwEvent)
 {
-    if (CMonitorClient *pClient = g_pStoppable.load()) {
+    if (dwEvent == CTRL_BREAK_EVENT && g_bReloads) {
+        g_bReloadAsked = true;
+    } else if (CMonitorClient *pClient = g_pStoppable.load()) {
         pClient->Stop();
     }
     return TRUE;
@@ -79,6 +89,12 @@ void DescribeOptions(CLI::App &app, Options &options)
         "NOTIFY_DWVALUE, NOTIFY_OPTION, NOTIFY_SENDER_ADDRESS, NOTIFY_SENDER_NAME");
     app.add_option("--discover", options.strDiscover,
                    "Write a discovery job to this file, pipe or device, which must exist");
+    app.add_option("--registry", options.strRegistry,
+                   "The settings file (default: the user's own, see docs/registry-file.md)");
+    app.add_option(
+        "--diagnostics", options.strDiagnostics,
+        "Report what the agent does, under this name in the settings; they are read again "
+        "when the file has changed and at Ctrl-Break (SIGHUP)");
     app.add_option("--count", options.nCount, "End after so many notifications")
         ->check(CLI::Range(1, 1000000000));
     app.add_option("--timeout", options.rTimeout,
@@ -129,8 +145,10 @@ void Tell(std::string const &strText)
 
 class CMonitor {
 public:
-    explicit CMonitor(Options options) : m_options(std::move(options)), m_client(m_options.monitor)
+    CMonitor(Options options, CDiagnostics &diagnostics)
+        : m_options(std::move(options)), m_diagnostics(diagnostics), m_client(m_options.monitor)
     {
+        g_bReloads = m_diagnostics.IsOn();
         g_pStoppable = &m_client;
     }
     ~CMonitor() { g_pStoppable = nullptr; }
@@ -181,7 +199,7 @@ private:
     bool Watch()
     {
         for (unsigned nSeen = 0; m_options.nCount == 0 || nSeen < m_options.nCount; ++nSeen) {
-            auto const notification = m_client.Next(m_tpEnd);
+            auto const notification = Next();
             if (!notification) {
                 return HasEndedWell(nSeen);
             }
@@ -195,6 +213,19 @@ private:
             }
         }
         return true;
+    }
+
+    /* The client's Next, with looks at the settings in between. */
+    std::optional<Notification> Next()
+    {
+        for (;;) {
+            auto const tpLook = m_diagnostics.IsOn() ? Clock::now() + kSettingsLook : m_tpEnd;
+            auto notification = m_client.Next(std::min(tpLook, m_tpEnd));
+            m_diagnostics.Reload(g_bReloadAsked.exchange(false));
+            if (notification || m_client.IsStopped() || Clock::now() >= m_tpEnd) {
+                return notification;
+            }
+        }
     }
 
     bool HasEndedWell(unsigned nSeen)
@@ -215,6 +246,7 @@ private:
             Tell("cannot write to the standard output");
             return false;
         }
+        m_diagnostics.Log(strLine);
         if (!m_options.strCommand.empty()) {
             RunCommand(notification);
         }
@@ -240,6 +272,7 @@ private:
     }
 
     Options const m_options;
+    CDiagnostics &m_diagnostics;
     CMonitorClient m_client;
     Clock::time_point m_tpEnd;
 };
@@ -261,5 +294,9 @@ int main(int argc, char **argv)
         return RefuseUsage(error);
     }
     SetConsoleCtrlHandler(OnConsoleEvent, TRUE);
-    return CMonitor(std::move(options)).Run();
+    CDiagnostics diagnostics; // ends after the agent, whose leaks its final report names
+    if (!diagnostics.Start(options.strRegistry, options.strDiagnostics)) {
+        return eXC_FAILED;
+    }
+    return CMonitor(std::move(options), diagnostics).Run();
 }

@@ -1,0 +1,106 @@
+#include "tools/notifymon_diagnostics.h"
+
+#include "evtmgr/g_evthost.h"
+#include "evtmgr/g_evtmgr.h"
+#include "platform/registry.h"
+#include "trace/g_trace.h"
+
+#include <cstdio>
+#include <system_error>
+#include <vector>
+
+namespace {
+
+/* This program's rows in the trace viewer's tables of names: module 0, level 1. */
+constexpr std::uint64_t kTraceModule = 1;
+constexpr DWORD kTraceLevel = 2;
+
+/* The whole of a text that a platform call hands out piece by piece. */
+template <typename Call>
+std::string TextOf(Call call)
+{
+    std::vector<char> text(call(nullptr, 0) + 1);
+    call(text.data(), static_cast<DWORD>(text.size()));
+    return text.data();
+}
+
+} // namespace
+
+CDiagnostics::~CDiagnostics()
+{
+    if (IsOn()) {
+        GRemoveEvtMgr(m_strName.c_str());
+    }
+}
+
+bool CDiagnostics::Start(std::string const &strRegistry, std::string const &strName)
+{
+    if (!strRegistry.empty()) {
+        DWORD const dwResult = PlatSetRegistryFile(strRegistry.c_str());
+        if (TellProblem()) {
+            return false;
+        }
+        if (dwResult != 0 || !std::filesystem::exists(strRegistry)) {
+            std::fprintf(stderr, "notifymon: cannot read the settings file %s\n",
+                         strRegistry.c_str());
+            return false;
+        }
+    }
+    if (strName.empty()) {
+        return true;
+    }
+    m_strPath = TextOf(PlatRegistryFile);
+    m_stamp = StampOf(m_strPath);
+    if (GInstallEvtMgr(strName.c_str()) != 0) {
+        std::fputs("notifymon: out of memory for the event manager\n", stderr);
+        return false;
+    }
+    m_strName = strName;
+    TdConnect();
+    return true;
+}
+
+void CDiagnostics::Reload(bool bAsked)
+{
+    if (!IsOn()) {
+        return;
+    }
+    Stamp const stamp = StampOf(m_strPath);
+    if (!bAsked && stamp == m_stamp) {
+        return;
+    }
+    m_stamp = stamp;
+    LoadParameters();
+    if (!TellProblem()) {
+        std::fputs("notifymon: settings read again\n", stderr);
+        TdConnect();
+    }
+}
+
+void CDiagnostics::Log(std::string const &strLine)
+{
+    if (IsOn()) {
+        TdSetCurrent(kTraceModule, kTraceLevel);
+        TdLog("%s", strLine.c_str());
+    }
+}
+
+/* A missing file has a stamp of its own: it may come and go. */
+CDiagnostics::Stamp CDiagnostics::StampOf(std::string const &strPath)
+{
+    std::error_code error;
+    Stamp stamp;
+    stamp.tpWritten = std::filesystem::last_write_time(strPath, error);
+    stamp.cb = std::filesystem::file_size(strPath, error);
+    return stamp;
+}
+
+bool CDiagnostics::TellProblem() const
+{
+    std::string const strProblem = TextOf(PlatRegistryProblem);
+    if (strProblem.empty()) {
+        return false;
+    }
+    std::fprintf(stderr, "notifymon: settings refused: %s\n", strProblem.c_str());
+    return true;
+}
