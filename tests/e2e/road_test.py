@@ -203,5 +203,55 @@ class ProgramTest(RoadTest):
             self.assertEqual((0, 0), (client.wait(), device.wait()))
 
 
+class DiagnosticsTest(RoadTest):
+    """The example settings, a log, and the viewer."""
+    EXAMPLE = pathlib.Path(__file__).parents[2] / "docs" / "example.reg"
+
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        self.log = pathlib.Path(folder.name, "notifymon.log")
+        self.settings = pathlib.Path(folder.name, "my.reg")
+        self.title = f"TraceDeck of {os.getpid()}"
+        self.text = self.EXAMPLE.read_text().replace("notifymon.log", str(self.log)) \
+            .replace('"Title"="TraceDeck"', f'"Title"="{self.title}"')
+        self.settings.write_text(self.text)
+
+    def monitor(self, device):
+        return self.client(device, "--registry", self.settings, "--diagnostics", "notifymon")
+
+    def test_log_viewer_reload_and_final_report(self):
+        deck = self.start(Program, "QOMA_TRACEDECK", "--title", self.title)
+        deck.expect("showing what is sent to", "err")
+        device = self.device()
+        client = self.monitor(device)
+        deck.expect(r'^\[NOTIFYMON\]: \[ 1\]> Entry: \(life\) CGReference::Init: Creating object "CCallbackQThread"$')
+        self.settings.write_text(self.text.replace('"Level"=dword:00000001', '"Level"=dword:00000000'))
+        client.expect("settings read again", "err")
+        device.tell("pick 1")
+        client.next("eCT_SELECT_NOTIFY")
+        deck.expect("^.HOST. I: .*eCT_SELECT_NOTIFY")  # the program's own line
+        self.settings.write_text(self.text + "[broken\n")
+        client.expect("settings refused: .*:\\d+: ", "err")
+        self.assertEqual(0, client.interrupt())
+        deck.expect(r"RemoveEvtMgr: g_cMemory g_cbMemory g_cObjects = 0 0 0$")
+        raw = self.log.read_bytes()
+        lines = raw.decode().split("\r\n")
+        self.assertEqual("", lines.pop(), "each line ends in CR and LF")
+        self.assertNotIn("\n", "".join(lines))
+        self.assertTrue(all(line.startswith("[NOTIFYMON]: ") for line in lines), lines)
+        self.assertTrue(any("INC_OBJECT_COUNTER" in line for line in lines), "level 2 went to the log")
+        self.assertEqual("[NOTIFYMON]:     I Info: RemoveEvtMgr: g_cMemory g_cbMemory g_cObjects = 0 0 0", lines[-1])
+        self.assertEqual(0, deck.interrupt())
+
+    def test_bad_settings_are_refused_at_the_start(self):
+        self.settings.write_text("no header\n")
+        device = self.device()
+        for path in (self.settings, self.settings.with_name("missing.reg")):
+            client = self.client(device, "--registry", path, "--diagnostics", "notifymon", ready=False)
+            self.assertEqual(1, client.wait())
+            self.assertEqual(1, len(client.lines["err"]), client.lines)
+
+
 if __name__ == "__main__":
     unittest.main(verbosity=2)
