@@ -78,7 +78,8 @@ recover_link() {
 }
 
 say "The software device"
-start_device
+mkfifo "$work/print-path"
+start_device --print-path "$work/print-path"
 
 say "A client over the network places an entry on the panel"
 start_client --address 127.0.0.1 --on select,fax --option "Paper Archive"
@@ -112,6 +113,13 @@ await client '^eCT_FAX_UPLOAD_NOTIFY '
 recover_link
 panel pick 1
 await client '^eCT_SELECT_NOTIFY .*option="Scan to Mail;'
+stop_client
+
+say "A client writes a discovery job to the print path, and the device answers it"
+start_client --address 127.0.0.1 --discover "$work/print-path"
+await device 'job taken: SRVQ='
+number=$(grep -om1 'SRVQ=[0-9]*' "$work/device.log")
+await client "^eCT_SELECT_NOTIFY .*option=\"TYPE=<ECHO>;$number;"
 stop_client
 
 panel quit

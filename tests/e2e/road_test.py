@@ -144,6 +144,46 @@ class LocalTest(RoadTest):
             device.expect("(?i)no entries|empty")
 
 
+class DiscoveryTest(RoadTest):
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        self.path = pathlib.Path(folder.name, "print path")
+
+    def discover(self, device, *arguments):
+        client = self.client(device, "--on", "select", "--count", "1", "--discover", self.path, *arguments)
+        number = client.expect(r"discovery job number (\d+) written", "err").group(1)
+        self.assertIn(f"SRVQ={number};", client.next("eCT_SELECT_NOTIFY")["option"])
+        self.assertEqual(0, client.wait())
+
+    def test_a_plain_file_takes_job_after_job(self):
+        self.path.touch()
+        device = self.device("--print-path", self.path)
+        for arguments in ((), ("--local",), ()):
+            self.discover(device, *arguments)
+
+    @unittest.skipUnless(hasattr(os, "mkfifo"), "a pipe with a name in the file system is POSIX's")
+    def test_a_pipe_survives_malformed_jobs(self):
+        os.mkfifo(self.path)
+        device = self.device("--print-path", self.path)
+        head, tail = b"\x1b%-12345X@PJL SELECT=\"\x01\x15TYPE=<ECHO>;", b"\"\x1b%-12345X"
+        for job in (head, head + b"NETADDR=1.2.3.4:5;" + b"x" * (1 << 20) + tail, head + b"SRVQ=1;" + tail,
+                    head + b"NETADDR=not.a.number:x;SRVQ=1;" + tail):
+            self.path.write_bytes(job)
+            device.expect("job refused: ")
+        self.discover(device)
+
+    def test_targets_that_cannot_be_written(self):
+        device = self.device()
+        for target, words in ((self.path, "110"), (self.path.parent, "110"), ("/dev/full", "29")):
+            if target == "/dev/full" and not os.path.exists(target):
+                continue
+            client = self.client(device, "--discover", target, ready=False)
+            self.assertEqual(1, client.wait())
+            self.assertIn(words, client.lines["err"][-1])
+        self.assertFalse(self.path.exists(), "the target is never created")
+
+
 class ProgramTest(RoadTest):
     def run_to_end(self, variable, *arguments):
         program = self.start(Program, variable, *arguments)
