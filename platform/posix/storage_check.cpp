@@ -12,7 +12,9 @@ constexpr std::size_t kcbMiniSector = 64;
 constexpr std::uint64_t kcbMiniCutoff = 4096; // streams below it live in the mini stream
 constexpr std::size_t kcHeaderTable = 109;    // places of the sector table that the header holds
 
+constexpr std::uint32_t kFirstMark = 0xFFFFFFFCu; // from here on words of the table are no sectors
 constexpr std::uint32_t kEndOfChain = 0xFFFFFFFEu;
+constexpr std::uint32_t kFreeSector = 0xFFFFFFFFu;
 constexpr std::uint32_t kNoEntry = 0xFFFFFFFFu;
 
 enum EntryKind : std::uint8_t { eEK_UNUSED = 0, eEK_STORAGE = 1, eEK_STREAM = 2, eEK_ROOT = 5 };
@@ -124,21 +126,29 @@ bool CStorageCheck::TableSectors(std::vector<std::uint32_t> &anTable)
     if (cTable == 0 || cTable > m_sectors.m_cSectors) {
         return false;
     }
-    for (std::size_t i = 0; i < kcHeaderTable && anTable.size() < cTable; ++i) {
-        anTable.push_back(Dword(m_pb + 76 + i * 4));
+    auto const take = [&](std::uint32_t nSector) {
+        if (anTable.size() == cTable) {
+            return nSector == kFreeSector; // some readers go by this, others by the count
+        }
+        anTable.push_back(nSector);
+        return true;
+    };
+    bool fSound = true;
+    for (std::size_t i = 0; i < kcHeaderTable; ++i) {
+        fSound = take(Dword(m_pb + 76 + i * 4)) && fSound;
     }
     std::uint32_t n = Dword(m_pb + 68);
     std::size_t const cPerSector = m_cbSector / 4 - 1;
-    while (anTable.size() < cTable) {
-        if (!m_sectors.Take(n)) {
-            return false;
+    std::size_t const cFurther = (cTable - anTable.size() + cPerSector - 1) / cPerSector;
+    fSound = fSound && Dword(m_pb + 72) == cFurther;
+    for (std::size_t iSector = 0; fSound && iSector < cFurther; ++iSector) {
+        fSound = m_sectors.Take(n);
+        for (std::size_t i = 0; fSound && i < cPerSector; ++i) {
+            fSound = take(Dword(Sector(n) + i * 4));
         }
-        for (std::size_t i = 0; i < cPerSector && anTable.size() < cTable; ++i) {
-            anTable.push_back(Dword(Sector(n) + i * 4));
-        }
-        n = Dword(Sector(n) + cPerSector * 4);
+        n = fSound ? Dword(Sector(n) + cPerSector * 4) : n;
     }
-    return true;
+    return fSound;
 }
 
 bool CStorageCheck::Table()
@@ -152,7 +162,11 @@ bool CStorageCheck::Table()
             return false;
         }
         for (std::size_t i = 0; i < m_cbSector / 4; ++i) {
-            m_sectors.m_anNext.push_back(Dword(Sector(n) + i * 4));
+            std::uint32_t const nNext = Dword(Sector(n) + i * 4);
+            if (nNext >= m_sectors.m_cSectors && nNext < kFirstMark) {
+                return false;
+            }
+            m_sectors.m_anNext.push_back(nNext);
         }
     }
     return true;
@@ -272,7 +286,7 @@ bool CStorageCheck::Tree()
         aOpen.push_back({Dword(pb + 72), nDepth});
         if (pb[66] == eEK_STORAGE) {
             aOpen.push_back({Dword(pb + 76), nDepth + 1});
-        } else if (pb[66] != eEK_STREAM || !CheckStream(n)) {
+        } else if (pb[66] != eEK_STREAM || Dword(pb + 76) != kNoEntry || !CheckStream(n)) {
             return false;
         }
     }
