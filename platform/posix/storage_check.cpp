@@ -182,7 +182,9 @@ bool CStorageCheck::Directory()
         return false;
     }
     m_cEntries = static_cast<std::uint32_t>(cEntries);
-    return Entry(0)[66] == eEK_ROOT && CheckEntry(0);
+    std::uint8_t const *pbRoot = Entry(0);
+    return pbRoot[66] == eEK_ROOT && Dword(pbRoot + 68) == kNoEntry &&
+           Dword(pbRoot + 72) == kNoEntry && CheckEntry(0);
 }
 
 // The root's own stream holds the mini sectors, a table of its own says how they follow each other.
@@ -210,7 +212,11 @@ bool CStorageCheck::MiniTable()
     }
     for (std::uint32_t const n : m_anChain) {
         for (std::size_t i = 0; i < m_cbSector / 4; ++i) {
-            m_minis.m_anNext.push_back(Dword(Sector(n) + i * 4));
+            std::uint32_t const nNext = Dword(Sector(n) + i * 4);
+            if (nNext >= m_anChain.size() * (m_cbSector / 4) && nNext < kFirstMark) {
+                return false;
+            }
+            m_minis.m_anNext.push_back(nNext);
         }
     }
     return true;
