@@ -1,176 +1,116 @@
 // The double of CDolRtl, which keeps the promises of the real one's destructor, and the client.
-
 #include "tests/agent/agent_fixture.h"
 
 #include <algorithm>
-#include <cstring>
-
-CDolScript *CDolScript::s_pScript = nullptr;
-
-struct CDolScript::CLink {
-    DolRtlCallbackFn pfnCallback;
-    DWORD_PTR dwContext;
-    bool fRaising = false; // inside the callback, on idRaising
-    std::thread::id idRaising = {};
-};
+#include <new>
 
 class CDolRtlImpl {
 public:
-    std::shared_ptr<CDolScript::CLink> pLink;
+    DolRtlCallbackFn pfnCallback;
+    DWORD_PTR dwContext;
 };
-
-namespace {
-
-std::string OidText(unsigned char const *pOid, DWORD cbOid, int dataType = -1)
-{
-    std::string strOid;
-    for (DWORD i = 0; i < cbOid; ++i) {
-        strOid += (i != 0 ? "." : " ") + std::to_string(pOid[i]);
-    }
-    return dataType < 0 ? strOid : strOid + "/" + std::to_string(dataType) + " ";
-}
-
-std::string ValueText(void const *pValue, DWORD cbValue, int dataType)
-{
-    auto const *const pb = static_cast<unsigned char const *>(pValue);
-    std::string strValue(dataType == 4 ? pb : pb + cbValue, pb + cbValue);
-    for (DWORD i = 0; i < cbValue && dataType != 4; ++i) {
-        strValue += {"0123456789abcdef"[pb[i] >> 4], "0123456789abcdef"[pb[i] & 15]};
-    }
-    return strValue;
-}
-
-} // namespace
-
-Lines CDolScript::Take()
-{
-    std::lock_guard const lock(m_lock);
-    return std::exchange(m_calls, {});
-}
-
-void CDolScript::Fail(std::string const &strPrefix, DWORD dwCode)
-{
-    std::lock_guard const lock(m_lock);
-    m_failures[strPrefix] = dwCode;
-}
-
-void CDolScript::Push(unsigned short wTrapId, std::string const &strValue)
-{
-    std::lock_guard const lock(m_lock);
-    m_traps.emplace_back(wTrapId, strValue);
-}
 
 void CDolScript::Raise(DWORD dwEvent)
 {
     std::unique_lock lock(m_lock);
-    if (m_links.empty()) {
+    m_returned.wait(lock, [&] { return !m_bRaising; }); // one event at a time
+    if (m_pLink == nullptr) {
         return;
     }
-    std::shared_ptr<CLink> const pLink = m_links.back();
-    m_returned.wait(lock, [&] { return !pLink->fRaising; }); // one event at a time
-    pLink->fRaising = true;
-    pLink->idRaising = std::this_thread::get_id();
+    m_bRaising = true;
+    m_idRaising = std::this_thread::get_id();
+    CDolRtlImpl const link = *m_pLink;
     lock.unlock();
-    EXPECT_EQ(pLink->pfnCallback(dwEvent, pLink->dwContext), 0u);
+    EXPECT_EQ(link.pfnCallback(dwEvent, link.dwContext), 0u);
     lock.lock();
-    pLink->fRaising = false;
+    m_bRaising = false;
     m_returned.notify_all();
 }
 
-bool CDolScript::IsRaising()
-{
-    std::lock_guard const lock(m_lock);
-    return !m_links.empty() && m_links.back()->fRaising;
-}
-
-std::size_t CDolScript::Live()
-{
-    std::lock_guard const lock(m_lock);
-    return m_links.size();
-}
-
-DWORD CDolScript::TakeFailure(std::string const &strLine)
-{
-    std::lock_guard const lock(m_lock);
-    auto const it = std::find_if(m_failures.begin(), m_failures.end(),
-                                 [&](auto &failure) { return strLine.starts_with(failure.first); });
-    return it != m_failures.end() ? m_failures.extract(it).mapped() : 0;
-}
-
 // Memory that is missing for the record does not change what the library does.
-template <class Text>
-DWORD CDolScript::Call(Text fnText)
+DWORD CDolScript::Call(char const *pszName, unsigned char const *pOid, DWORD cbOid, int nType,
+                       void const *pValue, DWORD cbValue)
 {
+    CDolScript &script = *s_pScript;
     std::string strLine;
     try {
-        strLine = fnText();
-        std::lock_guard const lock(m_lock);
-        m_calls.push_back(strLine);
+        strLine = pszName;
+        for (DWORD i = 0; i < cbOid; ++i) {
+            strLine += (i != 0 ? "." : " ") + std::to_string(pOid[i]);
+        }
+        strLine += pValue == nullptr || cbOid == 0 ? "" : "/" + std::to_string(nType) + " ";
+        auto const *const pb = static_cast<unsigned char const *>(pValue);
+        for (DWORD i = 0; i < cbValue; ++i) {
+            char szByte[3];
+            std::snprintf(szByte, sizeof szByte, nType == 4 || cbValue == 1 ? "%c" : "%02x", pb[i]);
+            strLine += szByte;
+        }
+        script.Locked([&] { script.m_calls.push_back(strLine); });
     } catch (std::bad_alloc const &) {
     }
-    if (m_fnOnCall) {
-        m_fnOnCall(strLine);
-    }
-    return TakeFailure(strLine);
+    script.m_fnOnCall(strLine);
+    return script.Locked([&] {
+        auto const it = std::find_if(script.m_failures.begin(), script.m_failures.end(),
+                                     [&](auto &fail) { return strLine.starts_with(fail.first); });
+        return it != script.m_failures.end() ? script.m_failures.extract(it).mapped() : 0;
+    });
 }
 
-CDolRtl::CDolRtl(DolRtlCallbackFn pfnCallback, DWORD_PTR dwContext) : m_pImpl(nullptr)
+CDolRtl::CDolRtl(DolRtlCallbackFn pfnCallback, DWORD_PTR dwContext)
+    : m_pImpl(new CDolRtlImpl{pfnCallback, dwContext})
 {
-    auto pImpl = std::make_unique<CDolRtlImpl>();
-    pImpl->pLink = std::make_shared<CDolScript::CLink>(CDolScript::CLink{pfnCallback, dwContext});
-    std::lock_guard const lock(CDolScript::s_pScript->m_lock);
-    CDolScript::s_pScript->m_links.push_back(pImpl->pLink);
-    m_pImpl = pImpl.release();
+    ++CDolScript::s_pScript->m_cLive;
+    CDolScript::s_pScript->Locked([&] { CDolScript::s_pScript->m_pLink = m_pImpl; });
 }
 
 CDolRtl::~CDolRtl()
 {
-    std::unique_ptr<CDolRtlImpl> const pImpl(m_pImpl);
     CDolScript &script = *CDolScript::s_pScript;
-    script.Call([] { return "delete"; });
+    script.Call("delete");
     std::unique_lock lock(script.m_lock);
-    std::erase(script.m_links, pImpl->pLink);
+    script.m_pLink = script.m_pLink == m_pImpl ? nullptr : script.m_pLink;
+    --script.m_cLive;
     script.m_returned.wait(lock, [&] {
-        return !pImpl->pLink->fRaising || pImpl->pLink->idRaising == std::this_thread::get_id();
+        return !script.m_bRaising || script.m_idRaising == std::this_thread::get_id();
     });
+    delete m_pImpl;
 }
 
 DWORD CDolRtl::Init(char const *pszAddress, DWORD dwPort, DWORD dwTransport)
 {
-    return CDolScript::s_pScript->Call([&] {
-        return "Init " + std::string(pszAddress ? pszAddress : "null") + " " +
-               std::to_string(dwPort) + " " + std::to_string(dwTransport);
-    });
+    char szText[100];
+    int const cb =
+        std::snprintf(szText, sizeof szText, " %s %d %d", pszAddress ? pszAddress : "null",
+                      static_cast<int>(dwPort), static_cast<int>(dwTransport));
+    return CDolScript::Call("Init", nullptr, 0, 4, szText, static_cast<DWORD>(cb));
 }
 
 DWORD CDolRtl::GetDeviceId(unsigned char *pBuffer, DWORD cbBuffer, DWORD *pcbOut)
 {
-    CDolScript::s_pScript->Call([] { return "GetDeviceId"; });
     std::string const &strId = CDolScript::s_pScript->m_strDeviceId;
     *pcbOut = static_cast<DWORD>(strId.copy(reinterpret_cast<char *>(pBuffer), cbBuffer));
-    return CDolScript::s_pScript->m_dwDeviceIdResult;
+    return CDolScript::Call("GetDeviceId");
 }
 
-DWORD CDolRtl::Get(unsigned char *pOid, DWORD cbOid, unsigned char type)
+DWORD CDolRtl::Get(unsigned char *pOid, DWORD cbOid, unsigned char nType)
 {
-    return CDolScript::s_pScript->Call([&] { return "Get" + OidText(pOid, cbOid, type); });
+    return CDolScript::Call("Get", pOid, cbOid, nType, "", 0);
 }
 
-DWORD CDolRtl::Set(unsigned char *pOid, DWORD cbOid, unsigned char type, void *pValue, DWORD cb)
+DWORD CDolRtl::Set(unsigned char *pOid, DWORD cbOid, unsigned char nType, void *pValue, DWORD cb)
 {
-    return CDolScript::s_pScript->Call(
-        [&] { return "Set" + OidText(pOid, cbOid, type) + ValueText(pValue, cb, type); });
+    return CDolScript::Call("Set", pOid, cbOid, nType, pValue, cb);
 }
 
-DWORD CDolRtl::Trap(unsigned char *pOid, DWORD cbOid, unsigned char type, unsigned short wId)
+DWORD CDolRtl::Trap(unsigned char *pOid, DWORD cbOid, unsigned char nType, unsigned short wTrapId)
 {
-    return CDolScript::s_pScript->Call(
-        [&] { return "Trap" + OidText(pOid, cbOid, type) + std::to_string(wId); });
+    char const chTrapId = static_cast<char>('0' + wTrapId);
+    return CDolScript::Call("Trap", pOid, cbOid, nType, &chTrapId, 1);
 }
 
 DWORD CDolRtl::UnTrap(unsigned char *pOid, DWORD cbOid)
 {
-    return CDolScript::s_pScript->Call([&] { return "UnTrap" + OidText(pOid, cbOid); });
+    return CDolScript::Call("UnTrap", pOid, cbOid);
 }
 
 DWORD CDolRtl::ReadTrap(unsigned char *pBuffer, DWORD cbBuffer, DWORD *pcbOut, unsigned char *,
@@ -179,11 +119,10 @@ DWORD CDolRtl::ReadTrap(unsigned char *pBuffer, DWORD cbBuffer, DWORD *pcbOut, u
     CDolScript &script = *CDolScript::s_pScript;
     std::lock_guard const lock(script.m_lock);
     if (script.m_traps.empty()) {
-        DWORD const dwFailure = script.TakeFailure("ReadTrap");
-        return dwFailure != 0 ? dwFailure : 2;
+        return script.m_dwReadTrapEnd;
     }
-    auto const &[wTrapId, strValue] = script.m_traps.front();
-    *pwTrapId = wTrapId;
+    auto const &[nTrapId, strValue] = script.m_traps.front();
+    *pwTrapId = static_cast<unsigned short>(nTrapId);
     *pcbOut = static_cast<DWORD>(strValue.copy(reinterpret_cast<char *>(pBuffer), cbBuffer));
     script.m_traps.pop_front();
     return 0;
@@ -208,12 +147,12 @@ DWORD CClient::OnNotify(CallbackType eType, CallbackDataType *pData)
     for (DWORD const dw : {pData->dwNotifyCode, DWORD(pData->nValue), pData->dwValue}) {
         strLine += " " + std::to_string(dw);
     }
-    strLine +=
-        " [" + std::string(pData->strOption) + "] [" + std::string(pData->strSenderAddress) + "]";
+    for (char const *psz : {pData->strOption, pData->strSenderAddress}) {
+        strLine += std::string(" [") + psz + "]";
+    }
     {
         std::lock_guard const lock(s_pClient->m_lock);
         s_pClient->m_lines.push_back(strLine);
-        s_pClient->m_strSenderName = pData->strSenderName;
     }
     s_pClient->m_fnOnNotify();
     --s_pClient->m_cInside;

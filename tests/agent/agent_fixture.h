@@ -1,6 +1,5 @@
 // What every test of the agent needs: a script for the double of the access library, a client that
 // records its notifications, and a look into the agent.
-
 #pragma once
 
 #include "agent/callback_qthread.h"
@@ -13,7 +12,6 @@
 #include <functional>
 #include <latch>
 #include <map>
-#include <memory>
 #include <mutex>
 #include <utility>
 #include <vector>
@@ -21,43 +19,59 @@
 using Lines = std::vector<std::string>;
 using Counts = std::vector<DWORD>;
 
-// What the double of CDolRtl (dolrtl_double.cpp) does and has been asked. One at a time.
+class CDolRtlImpl;
+
+// What the double of CDolRtl (agent_fixture.cpp) does and has been asked. One at a time.
 class CDolScript {
+    template <class Work>
+    auto Locked(Work fnWork)
+    {
+        std::lock_guard const lock(m_lock);
+        return fnWork();
+    }
+
 public:
     CDolScript() { s_pScript = this; }
-    ~CDolScript() { EXPECT_EQ(Live(), 0u); }
+    ~CDolScript() { EXPECT_EQ(m_cLive, 0); }
 
-    // Each call as a line of text, since the last Take: "Init 10.0.0.9 80 4", "GetDeviceId",
-    // "Set 1.2.2.1.37/4 Paper;" (values but texts in hexadecimal), "Trap 1.2.2.1.38/4 1",
-    // "UnTrap 1.2.2.1.38", "delete". ReadTrap and the two questions are not recorded.
-    Lines Take();
-    // The next call whose line begins with strPrefix gives dwCode; ReadTrap when no trap is left.
-    void Fail(std::string const &strPrefix, DWORD dwCode);
-    void Push(unsigned short wTrapId, std::string const &strValue); // a trap that waits
-    // Calls the newest link's callback on this thread, as the library's would; nothing without a link.
+    // Each call as a line, since the last Take: "Init 10.0.0.9 80 4", "GetDeviceId", "delete",
+    // "Set 1.2.2.1.37/4 Paper;" (values but texts in hexadecimal), "Trap 1.2.2.1.38/4 1" (the id),
+    // "UnTrap 1.2.2.1.38". ReadTrap and the two questions are not recorded.
+    Lines Take()
+    {
+        return Locked([&] { return std::exchange(m_calls, {}); });
+    }
+    // The next call whose line begins with strPrefix gives dwCode.
+    void Fail(std::string strPrefix, DWORD dwCode)
+    {
+        Locked([&] { m_failures[strPrefix] = dwCode; });
+    }
+    // A trap that waits.
+    void Push(int nTrapId, std::string strValue)
+    {
+        Locked([&] { m_traps.emplace_back(nTrapId, strValue); });
+    }
+    // Calls the link's callback on this thread, as the library's would; nothing without a link.
     void Raise(DWORD dwEvent);
-    bool IsRaising();
-    std::size_t Live(); // links that exist
 
-    std::function<void(std::string const &)> m_fnOnCall; // run inside each recorded call
+    std::function<void(std::string const &)> m_fnOnCall = [](auto &) {}; // run inside each call
     std::string m_strDeviceId = "Norvale VelluMax 3";
-    DWORD m_dwDeviceIdResult = 0;
+    std::atomic<DWORD> m_dwReadTrapEnd{ERROR_FILE_NOT_FOUND}; // ReadTrap's code when none waits
+    std::atomic<int> m_cLive{0};                              // links that exist
+    std::atomic<bool> m_bRaising{false};                      // a thread is inside the callback
 
 private:
     friend class CDolRtl;
-    friend class CDolRtlImpl;
-    struct CLink;
-    template <class Text>
-    DWORD Call(Text fnText);
-    DWORD TakeFailure(std::string const &strLine);
-
-    static CDolScript *s_pScript;
-    std::recursive_mutex m_lock; // guards what follows
-    std::condition_variable_any m_returned;
+    static DWORD Call(char const *pszName, unsigned char const *pOid = nullptr, DWORD cbOid = 0,
+                      int nType = 4, void const *pValue = nullptr, DWORD cbValue = 0);
+    static inline CDolScript *s_pScript = nullptr;
+    std::mutex m_lock; // guards what follows
+    std::condition_variable m_returned;
+    std::thread::id m_idRaising;
+    CDolRtlImpl *m_pLink = nullptr;
     Lines m_calls;
     std::map<std::string, DWORD> m_failures;
-    std::deque<std::pair<unsigned short, std::string>> m_traps;
-    std::vector<std::shared_ptr<CLink>> m_links;
+    std::deque<std::pair<int, std::string>> m_traps;
 };
 
 // The client. Each notification becomes a line: "kind code nValue dwValue [option] [address]".
@@ -68,8 +82,6 @@ public:
     Lines Wait(std::size_t cLines); // until there are as many; takes them
 
     std::function<void()> m_fnOnNotify = [] {}; // run inside the callback, after recording
-    std::string m_strSenderName;                // of the last one
-
 private:
     static inline CClient *s_pClient = nullptr;
     std::mutex m_lock;
@@ -77,32 +89,27 @@ private:
     std::atomic<int> m_cInside{0};
 };
 
-// A look into the agent.
 struct CNotifyAgentProbe {
-    CNotifyAgent &agent;
-    CString &strNetAddr = agent.m_strNetAddr;
-    CString &strHostAddress = agent.m_strHostAddress;
-    std::atomic<WORD> &wPort = agent.m_wPort;
-    std::atomic<SOCKET> &socket = agent.m_socket;
-    std::atomic<DWORD> &dwLastKickSeq = agent.m_dwLastKickSeq;
-    std::atomic<int> &bStopDatagrams = agent.m_bStopDatagrams;
-    std::atomic<CCallbackQThread *> &pCallbackQThread = agent.m_pCallbackQThread;
+    CNotifyAgent &a;
+    CString &strNetAddr = a.m_strNetAddr, &strHostAddress = a.m_strHostAddress;
+    std::atomic<WORD> &wPort = a.m_wPort;
+    HANDLE &hMutex = a.m_hMutex;
+    std::atomic<SOCKET> &socket = a.m_socket;
+    std::atomic<DWORD> &dwLastKickSeq = a.m_dwLastKickSeq;
+    std::atomic<CCallbackQThread *> &pCallbackQThread = a.m_pCallbackQThread;
 
     Counts Traps() const // select, feeder, button, fax
     {
-        return {agent.m_cSelectTraps, agent.m_cAdfTraps, agent.m_cScannerButtonTraps,
-                agent.m_cFaxUploadTraps};
+        return {a.m_cSelectTraps, a.m_cAdfTraps, a.m_cScannerButtonTraps, a.m_cFaxUploadTraps};
     }
-    DWORD GetKickSeq(char *pszText, DWORD *pdw) { return agent.GetKickSeq(pszText, pdw); }
-    DWORD CloseSocket() { return agent.CloseSocket(); }
-    DWORD UISelectOption() { return agent.UISelectOption(0, nullptr); }
+    DWORD GetKickSeq(char *pszText, DWORD *pdw) { return a.GetKickSeq(pszText, pdw); }
+    DWORD UISelectOption() { return a.UISelectOption(0, nullptr); }
 };
 
 // An agent with a script and a client; the counters must come back to what they were.
 class AgentTest : public ::testing::Test {
 protected:
-    // Connects and forgets the calls that this made.
-    void Connect(int bNetwork)
+    void Connect(int bNetwork) // and forgets the calls that this made
     {
         ASSERT_EQ(m_agent.Init("10.0.0.9", kNotifyNoPort, bNetwork), 0u);
         m_script.Take();

@@ -6,82 +6,71 @@
 
 namespace {
 
-std::string Contents(std::string const &strFile)
-{
-    std::ifstream file(strFile, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
+class DiscoveryTest : public AgentTest {
+protected:
+    static std::string Contents(std::string const &strFile)
+    {
+        std::ifstream file(strFile, std::ios::binary);
+        return {std::istreambuf_iterator<char>(file), {}};
+    }
+    std::string Job(std::string const &strAddress) const
+    {
+        return "\x1B%-12345X@PJL SELECT=\"\x01\x15TYPE=<ECHO>;NETADDR=" + strAddress +
+               ";SRVQ=" + std::to_string(m_dw) + ";\"\x1B%-12345X";
+    }
+    DWORD Discover(std::string const &str)
+    {
+        return m_agent.InitiateSrvQDiscovery(&m_dw, str.c_str());
+    }
 
-std::string Job(std::string const &strAddress, DWORD dwSequence)
-{
-    return "\x1B%-12345X@PJL SELECT=\"\x01\x15TYPE=<ECHO>;NETADDR=" + strAddress +
-           ";SRVQ=" + std::to_string(dwSequence) + ";\"\x1B%-12345X";
-}
+    CTempDir m_dir;
+    std::string m_strTarget = m_dir.File("target");
+    DWORD m_dw = 99999;
+};
 
-TEST_F(AgentTest, TheDiscoveryJobNamesTheAgentToTheLetter)
+TEST_F(DiscoveryTest, TheJobNamesTheAgentToTheLetter)
 {
-    CTempDir const dir;
-    std::string const strTarget = dir.File("target");
-    for (int bNetwork : {0, 1}) {
-        std::ofstream{strTarget};
+    for (int const bNetwork : {0, 1}) {
+        std::ofstream{m_strTarget};
         Connect(bNetwork);
         m_probe.strHostAddress = "10.1.2.3";
         m_probe.wPort = 1037;
-        DWORD dwSequence = 99999;
-        EXPECT_EQ(m_agent.InitiateSrvQDiscovery(&dwSequence, strTarget.c_str()), 0u);
-        EXPECT_EQ(Contents(strTarget), Job(bNetwork ? "10.1.2.3:1037" : "LINK0", dwSequence));
+        EXPECT_EQ(Discover(m_strTarget), 0u);
+        EXPECT_EQ(Contents(m_strTarget), Job(bNetwork ? "10.1.2.3:1037" : "LINK0"));
         m_agent.Shutdown();
     }
 }
 
-TEST_F(AgentTest, ADiscoveryThatFailsGivesItsCodeAndNoNumber)
+TEST_F(DiscoveryTest, AFailureGivesItsCodeAndNoNumber)
 {
-    CTempDir const dir;
     Connect(0);
-    DWORD dwSequence = 5;
     EXPECT_EQ(m_agent.InitiateSrvQDiscovery(nullptr, "x"), 87u);
-    EXPECT_EQ(m_agent.InitiateSrvQDiscovery(&dwSequence, nullptr), 87u);
-    EXPECT_EQ(dwSequence, 5u);
-    EXPECT_EQ(m_agent.InitiateSrvQDiscovery(&dwSequence, dir.File("missing").c_str()), 110u);
-    EXPECT_EQ(dwSequence, 0u);
-    EXPECT_FALSE(std::filesystem::exists(dir.File("missing")));
-    EXPECT_EQ(m_agent.InitiateSrvQDiscovery(&dwSequence, dir.File("").c_str()), 110u);
+    EXPECT_EQ(m_agent.InitiateSrvQDiscovery(&m_dw, nullptr), 87u);
+    EXPECT_EQ(std::exchange(m_dw, 5), 99999u);
+    EXPECT_EQ(Discover(m_strTarget), 110u);
+    EXPECT_EQ(std::exchange(m_dw, 5), 0u);
+    EXPECT_FALSE(std::filesystem::exists(m_strTarget));
+    EXPECT_EQ(Discover(m_dir.File("")), 110u);
     if (kIsPosix) {
-        dwSequence = 5;
-        EXPECT_EQ(m_agent.InitiateSrvQDiscovery(&dwSequence, "/dev/full"), 29u);
-        EXPECT_EQ(dwSequence, 0u);
+        EXPECT_EQ(Discover("/dev/full"), 29u);
+        EXPECT_EQ(m_dw, 0u);
     }
 }
 
-TEST_F(AgentTest, ASlowTargetHoldsUpTheOtherOperations)
+TEST_F(DiscoveryTest, ASlowTargetHoldsUpTheOtherOperations)
 {
-    CTempDir const dir;
-    std::string const strTarget = dir.File("fifo");
-    if (!kIsPosix || std::system(("mkfifo " + strTarget).c_str()) != 0) {
+    if (!kIsPosix || std::system(("mkfifo " + m_strTarget).c_str()) != 0) {
         GTEST_SKIP() << "no named pipes among this system's files";
     }
     Connect(0);
-    std::atomic<bool> bRead{false};
-    std::atomic<int> cStarted{0};
-    m_script.m_fnOnCall = [&](std::string const &) { EXPECT_TRUE(bRead); };
-    DWORD dwSequence = 0;
-    std::thread writer([&] {
-        ++cStarted;
-        EXPECT_EQ(m_agent.InitiateSrvQDiscovery(&dwSequence, strTarget.c_str()), 0u);
-    });
-    EXPECT_TRUE(
-        WaitFor([&] { return *m_probe.strNetAddr != '\0'; })); // it is about to open the pipe
-    std::thread adder([&] {
-        ++cStarted;
-        EXPECT_EQ(m_agent.Add(nullptr, eNF_ADF, nullptr), 0u);
-    });
-    EXPECT_TRUE(WaitFor([&] { return cStarted == 2; }));
-    bRead = true;
-    std::string const strJob = Contents(strTarget);
+    std::thread writer([&] { EXPECT_EQ(Discover(m_strTarget), 0u); });
+    EXPECT_TRUE(WaitFor([&] { // the mutex is held for as long as nobody opens the other end
+        bool const bHeld = WaitForSingleObject(m_probe.hMutex, 50) == WAIT_TIMEOUT;
+        return bHeld || !ReleaseMutex(m_probe.hMutex);
+    }));
+    std::string const strJob = Contents(m_strTarget);
     writer.join();
-    adder.join();
-    m_script.m_fnOnCall = nullptr;
-    EXPECT_EQ(strJob, Job("LINK0", dwSequence));
+    EXPECT_EQ(strJob, Job("LINK0"));
 }
 
 } // namespace
