@@ -21,6 +21,8 @@ struct CNamedPage {
     EHandleKind m_eKind;
     bool m_fManual;
     std::atomic<std::uint32_t> m_state;
+    std::atomic<std::uint32_t> m_cTimedWaiters; // of a mutex: those asleep on m_cReleases
+    std::atomic<std::uint32_t> m_cReleases;
     std::atomic<bool> m_fAbandoned; // its owner's thread ended, and the process lives on
     char m_szName[MAX_PATH];        // for a person who looks at the file
     pthread_mutex_t m_mutex;
@@ -34,6 +36,9 @@ constexpr std::uint32_t knEventCall = 2;
 // A waiter of a shared auto-reset event can be killed between being woken and taking the signal. The
 // others look again after this time, in milliseconds.
 constexpr DWORD kdwRecheck = 1000;
+// The kernel wakes a wait without end when the owner is killed; one with an end looks this often, in
+// milliseconds.
+constexpr DWORD kdwRecheckOwner = 50;
 // A holder in another process is mostly done within this many looks (a line written to a log).
 constexpr int kcSpin = 100;
 
@@ -79,8 +84,9 @@ void InitMutex(pthread_mutex_t &mutex, bool fLocked)
     pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_RECURSIVE);
     pthread_mutex_init(&mutex, &attr);
     pthread_mutexattr_destroy(&attr);
+    // Nobody else knows it yet. Tried, as a thing that cannot wait: our own lock is held here.
     if (fLocked)
-        pthread_mutex_lock(&mutex);
+        pthread_mutex_trylock(&mutex);
 }
 
 void InitPage(CNamedPage &page, char const *pszName, EHandleKind eKind, bool fManual, bool fSet)
@@ -181,25 +187,6 @@ HANDLE OpenNamed(char const *pszName, DWORD dwAccess, DWORD dwAll)
     return MakeHandle<T>(pShared, GrantedAccess(dwAccess, dwAll));
 }
 
-// An owner holds a reference to the object, so that the page stays mapped while the mutex in it is on
-// the thread's list of robust ones.
-
-void ReleaseNamed(CNamedShared &shared)
-{
-    if (!shared.Leave())
-        return;
-    pthread_mutex_unlock(&shared.m_pPage->m_mutex);
-    shared.Release();
-}
-
-void AbandonNamed(COwnedLock &lock)
-{
-    auto &shared = static_cast<CNamedShared &>(lock);
-    shared.m_pPage->m_fAbandoned.store(true, std::memory_order_relaxed);
-    pthread_mutex_unlock(&shared.m_pPage->m_mutex);
-    shared.Release();
-}
-
 int LockSpinning(pthread_mutex_t &mutex)
 {
     int rc = EBUSY;
@@ -208,16 +195,62 @@ int LockSpinning(pthread_mutex_t &mutex)
     return rc;
 }
 
-int LockMutex(pthread_mutex_t &mutex, DWORD dwMilliseconds)
+/// For a wait with an end. The C library's own timed lock on the monotonic clock is unknown to the
+/// thread sanitizer, hence a word beside the mutex that says when to try again.
+int LockUntil(CNamedPage &page, CPlatDeadline const &deadline)
+{
+    int rc;
+    page.m_cTimedWaiters.fetch_add(1);
+    for (;;) {
+        std::uint32_t const cReleases = page.m_cReleases.load();
+        rc = pthread_mutex_trylock(&page.m_mutex);
+        if (rc != EBUSY || deadline.HasPassed())
+            break;
+        // A killed owner does not count its release.
+        CPlatDeadline const recheck(kdwRecheckOwner);
+        PlatFutexWait(page.m_cReleases, cReleases, deadline.Earlier(recheck), eFS_SHARED);
+    }
+    page.m_cTimedWaiters.fetch_sub(1);
+    return rc;
+}
+
+void UnlockPage(CNamedPage &page)
+{
+    pthread_mutex_unlock(&page.m_mutex);
+    if (page.m_cTimedWaiters.load() == 0) // may stay too high after a kill, which costs but a call
+        return;
+    page.m_cReleases.fetch_add(1);
+    PlatFutexWake(&page.m_cReleases, 1, eFS_SHARED);
+}
+
+int LockMutex(CNamedPage &page, DWORD dwMilliseconds)
 {
     if (dwMilliseconds == 0)
-        return pthread_mutex_trylock(&mutex);
-    int const rc = LockSpinning(mutex);
+        return pthread_mutex_trylock(&page.m_mutex);
+    int const rc = LockSpinning(page.m_mutex);
     if (rc != EBUSY)
         return rc;
     CPlatDeadline const deadline(dwMilliseconds);
-    return deadline.Time() ? pthread_mutex_clocklock(&mutex, CLOCK_MONOTONIC, deadline.Time())
-                           : pthread_mutex_lock(&mutex);
+    return deadline.Time() ? LockUntil(page, deadline) : pthread_mutex_lock(&page.m_mutex);
+}
+
+// An owner holds a reference to the object, so that the page stays mapped while the mutex in it is on
+// the thread's list of robust ones.
+
+void ReleaseNamed(CNamedShared &shared)
+{
+    if (!shared.Leave())
+        return;
+    UnlockPage(*shared.m_pPage);
+    shared.Release();
+}
+
+void AbandonNamed(COwnedLock &lock)
+{
+    auto &shared = static_cast<CNamedShared &>(lock);
+    shared.m_pPage->m_fAbandoned.store(true, std::memory_order_relaxed);
+    UnlockPage(*shared.m_pPage);
+    shared.Release();
 }
 
 /// Whether a wait is over, taking the signal of an auto-reset event. nSeen: the state when it began.
@@ -249,14 +282,20 @@ CNamedShared::~CNamedShared()
 
 void CNamedShared::AddRef()
 {
-    std::lock_guard guard(g_namedLock);
-    ++m_cRefs;
+    m_cRefs.fetch_add(1, std::memory_order_relaxed);
 }
 
 void CNamedShared::Release()
 {
+    // Every release of the mutex comes here, so only the last reference goes under the lock, where
+    // Find cannot meet an object that is about to go.
+    unsigned cRefs = m_cRefs.load(std::memory_order_relaxed);
+    while (cRefs > 1)
+        if (m_cRefs.compare_exchange_weak(cRefs, cRefs - 1, std::memory_order_release,
+                                          std::memory_order_relaxed))
+            return;
     std::lock_guard guard(g_namedLock);
-    if (--m_cRefs > 0)
+    if (m_cRefs.fetch_sub(1, std::memory_order_acq_rel) > 1)
         return;
     CNamedShared **ppLink = &g_pFirstNamed;
     while (*ppLink != this)
@@ -269,7 +308,7 @@ CNamedShared *CNamedShared::Find(std::string const &strPath)
 {
     for (CNamedShared *p = g_pFirstNamed; p; p = p->m_pNextNamed)
         if (p->m_strPath == strPath) {
-            ++p->m_cRefs;
+            p->AddRef();
             return p;
         }
     return nullptr;
@@ -426,8 +465,8 @@ DWORD CNamedMutex::Wait(DWORD dwMilliseconds)
     if (m_pShared->Reenter())
         return WAIT_OBJECT_0;
     CNamedPage &page = *m_pShared->m_pPage;
-    int const rc = LockMutex(page.m_mutex, dwMilliseconds);
-    if (rc == EBUSY || rc == ETIMEDOUT)
+    int const rc = LockMutex(page, dwMilliseconds);
+    if (rc == EBUSY)
         return WAIT_TIMEOUT;
     if (rc != 0 && rc != EOWNERDEAD) {
         SetLastError(PlatErrorFromErrno(rc));

@@ -24,7 +24,7 @@ public:
     /// that a new mutex begins locked. dwError: 0, or why there is none.
     static CNamedShared *Acquire(char const *pszName, EHandleKind eKind, bool fCreate, bool fManual,
                                  bool fSet, bool &fExisted, DWORD &dwError);
-    void AddRef();
+    void AddRef();  // by who holds a reference
     void Release(); // the last one closes, and removes the file if no process has it open
 
 private:
@@ -42,9 +42,8 @@ private:
 
     std::string m_strPath;
     int m_fd;
-    // Both under the list's lock.
-    unsigned m_cRefs = 1;
-    CNamedShared *m_pNextNamed = nullptr;
+    std::atomic<unsigned> m_cRefs{1};
+    CNamedShared *m_pNextNamed = nullptr; // under the list's lock
 };
 
 /// A handle to a named object, with the rights that were asked for.
