@@ -113,6 +113,9 @@ bool CLinkClient::StartThreads()
     try {
         m_thCallback = std::thread([pSelf = shared_from_this()] { pSelf->RunCallbacks(); });
         m_thLink = std::thread([this] { RunLink(); });
+        Lock lock(m_mx);
+        m_fMayCall = true;
+        m_cv.notify_all();
         return true;
     } catch (std::system_error const &) {
         LoseLink(eDR_LINK_LOST);
@@ -460,7 +463,8 @@ void CLinkClient::RunCallbacks()
 {
     Lock lock(m_mx);
     for (;;) {
-        m_cv.wait(lock, [&] { return m_fEnding || m_fTrapEvent || m_fRestartEvent; });
+        m_cv.wait(lock,
+                  [&] { return m_fEnding || (m_fMayCall && (m_fTrapEvent || m_fRestartEvent)); });
         if (m_fEnding)
             return;
         // Traps first: what came before the break is read before the object is replaced.

@@ -124,6 +124,7 @@ private:
     std::map<DWORD, PendingRequest *> m_pending;
     std::shared_ptr<NameLookup> m_pLookup;
     std::deque<WaitingTrap> m_traps;
+    bool m_fMayCall = false; // both threads are in their members, so that a callback may run End
     bool m_fTrapEvent = false;
     bool m_fRestartEvent = false;
 };

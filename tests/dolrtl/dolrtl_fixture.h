@@ -88,7 +88,6 @@ public:
         return WaitFor([&] { return Events(event) >= c; });
     }
 
-    std::optional<CDolRtl> dol;
     std::function<void(DWORD)> onEvent; // set before Init
 
 private:
@@ -104,4 +103,7 @@ private:
 
     std::mutex m_mx;
     std::map<DWORD, int> m_events;
+
+public:
+    std::optional<CDolRtl> dol; // the last, so that its end comes first and waits for a callback
 };

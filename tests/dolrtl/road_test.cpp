@@ -140,6 +140,7 @@ TEST_F(Road, NothingIsSentToWhatIsNoAddress)
         ASSERT_TRUE(device->Pick(++n));
         EXPECT_TRUE(Logged("not sent, the entry has no address a.b.c.d:port: " + std::string(psz)));
     }
+    device->Stop();
     EXPECT_TRUE(std::none_of(log.begin(), log.end(), [](std::string const &str) {
         return str.find("kick") != std::string::npos;
     }));
