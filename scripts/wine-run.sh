@@ -70,6 +70,13 @@ make_prefix() {
     local code=0
     timeout 300 "${enter[@]}" "$inside" "$loader" wineboot --init </dev/null >"$home/log" 2>&1 || code=$?
     if [[ $code -eq 0 ]]; then
+        # Windows without a display: they are made, found and get their messages, and are never drawn.
+        timeout 60 "${enter[@]}" "$inside" "$loader" reg add 'HKCU\Software\Wine\Drivers' /v Graphics /d null /f \
+            </dev/null >>"$home/log" 2>&1 || code=$?
+    fi
+    # The desktop of this server came up without.
+    stop
+    if [[ $code -eq 0 ]]; then
         timeout 60 "${enter[@]}" "$inside" "$loader" cmd /c exit 42 </dev/null >>"$home/log" 2>&1 || code=$?
     fi
     if [[ $code -ne 42 ]]; then

@@ -10,6 +10,7 @@
 #include <random>
 #include <string>
 #include <thread>
+#include <type_traits>
 #include <vector>
 
 /// Defines what the program does in a role; the result is its exit code.
@@ -80,11 +81,26 @@ inline std::string UniqueName(char const *pszWhat)
            std::to_string(random());
 }
 
+template <class Code>
+unsigned __stdcall RunThreadCode(void *pvArgument)
+{
+    return Code{}(pvArgument);
+}
+
 inline HANDLE StartThread(unsigned(__stdcall *pfnStart)(void *), void *pvArgument = nullptr,
                           unsigned fwFlags = 0, unsigned *pidThread = nullptr)
 {
     return reinterpret_cast<HANDLE>(
         _beginthreadex(nullptr, 0, pfnStart, pvArgument, fwFlags, pidThread));
+}
+
+/// A lambda without captures as a thread's code: by itself it lacks the calling convention.
+template <class Code>
+    requires std::is_empty_v<Code>
+HANDLE StartThread(Code, void *pvArgument = nullptr, unsigned fwFlags = 0,
+                   unsigned *pidThread = nullptr)
+{
+    return StartThread(&RunThreadCode<Code>, pvArgument, fwFlags, pidThread);
 }
 
 /// The result of a call on a thread of its own.

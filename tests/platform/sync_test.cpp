@@ -66,7 +66,7 @@ TEST_P(MutexTest, RecursiveForItsOwnerAndOfNoUseToOthers)
 TEST_P(MutexTest, GoesOnAsAbandonedOnceWhenItsOwnerEnds)
 {
     CTestHandle const hMutex(Make(FALSE));
-    unsigned(__stdcall * pfnKeep)(void *) = [](void *pv) -> unsigned {
+    auto const pfnKeep = [](void *pv) -> unsigned {
         WaitForSingleObject(pv, INFINITE);
         WaitForSingleObject(pv, INFINITE);
         _endthreadex(0);
