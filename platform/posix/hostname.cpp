@@ -9,6 +9,7 @@
 #include <ifaddrs.h>
 #include <mutex>
 #include <net/if.h>
+#include <memory>
 #include <new>
 #include <string>
 #include <strings.h>
@@ -127,6 +128,7 @@ std::vector<in_addr> OwnAddresses()
     if (::getifaddrs(&pList) != 0) {
         return {};
     }
+    std::unique_ptr<ifaddrs, void (*)(ifaddrs *)> const list(pList, ::freeifaddrs);
     in_addr_t const nRoute = DefaultRouteAddress();
     std::vector<CRanked> ranked;
     for (ifaddrs const *p = pList; p != nullptr; p = p->ifa_next) {
@@ -138,7 +140,6 @@ std::vector<in_addr> OwnAddresses()
         std::memcpy(&address, p->ifa_addr, sizeof(address));
         ranked.push_back({RankOf(address.sin_addr, p->ifa_flags, nRoute), address.sin_addr});
     }
-    ::freeifaddrs(pList);
     std::ranges::stable_sort(ranked, {}, &CRanked::nRank);
     std::vector<in_addr> result;
     for (CRanked const &entry : ranked) {
@@ -160,6 +161,7 @@ hostent *Resolve(char const *pszName)
     if (nResult != 0) {
         return FailLookup(LookupError(nResult));
     }
+    std::unique_ptr<addrinfo, void (*)(addrinfo *)> const list(pList, ::freeaddrinfo);
     std::string strName = pList->ai_canonname != nullptr ? pList->ai_canonname : pszName;
     std::vector<in_addr> addresses;
     for (addrinfo const *p = pList; p != nullptr; p = p->ai_next) {
@@ -167,7 +169,6 @@ hostent *Resolve(char const *pszName)
         std::memcpy(&address, p->ai_addr, sizeof(address));
         addresses.push_back(address.sin_addr);
     }
-    ::freeaddrinfo(pList);
     return t_answer.Fill(std::move(strName), std::move(addresses));
 }
 
