@@ -153,7 +153,8 @@ DWORD CDatagramQThread::ProcessEntry(CNode *pNode, CGQThread *, DWORD)
     try {
         pMsg->pAgent->ReceiveDatagrams();
     } catch (std::bad_alloc const &) {
-        // The loop has closed its socket; like any other end of the listener, nobody is told.
+        // The listener ends, as after a failed receive; nobody is told.
+        DropSocket(pMsg->pAgent->m_socket, pMsg->pAgent->m_wPort);
     }
     return 0;
 }
@@ -224,7 +225,6 @@ DWORD CNotifyAgent::ReceiveDatagrams()
     Buffer const pszSenderAddress = NewBuffer(kcbSenderAddress);
     Buffer const pszSenderName = NewBuffer(kcbSenderName);
     if (pszText == nullptr || pszSenderAddress == nullptr || pszSenderName == nullptr) {
-        DropSocket(m_socket, m_wPort);
         AfxThrowMemoryException();
     }
     DWORD dwSequence = 0; // a datagram without a number is judged by the one before it

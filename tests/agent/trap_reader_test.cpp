@@ -49,6 +49,7 @@ TEST_F(AgentTest, AButtonPressIsClaimedResetAndFreedBeforeTheClientHears)
     m_script.Push(4, "\2");
     m_script.Raise(0);
     EXPECT_EQ(m_client.Wait(1), Lines{"2 16 0 2 [] []"});
+    m_agent.Shutdown(); // the callback has returned
 }
 
 } // namespace
