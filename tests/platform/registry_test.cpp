@@ -436,7 +436,7 @@ TEST_F(Registry, RandomDamageIsReadOrRefused)
     SCOPED_TRACE(nSeed);
     std::mt19937 random(nSeed);
     int cGood = 0;
-    for (int i = 0; i < 2000; ++i) {
+    for (int i = 0; i < 1000; ++i) {
         std::string str = i % 2 == 0 ? strGood : InUtf16(strGood);
         for (auto n = random() % 4; n > 0; --n) {
             std::size_t const nAt = random() % str.size();
@@ -455,7 +455,7 @@ TEST_F(Registry, RandomDamageIsReadOrRefused)
         cGood += Use(str) == 0 ? 1 : 0;
     }
     EXPECT_GT(cGood, 0);
-    EXPECT_LT(cGood, 2000);
+    EXPECT_LT(cGood, 1000);
 }
 
 TEST_F(Registry, NoMemoryIsAnErrorAndNothingIsLost)
@@ -504,7 +504,9 @@ TEST_F(Registry, ManyThreadsReadWhileTheFileChanges)
     }
     for (int n = 1; n < 50; ++n) {
         std::ofstream(m_strPath + ".new", std::ios::binary) << text(n % 10);
-        std::filesystem::rename(m_strPath + ".new", m_strPath);
+        std::error_code
+            inUse; // Windows may refuse to replace a file that is being read; the next round does it
+        std::filesystem::rename(m_strPath + ".new", m_strPath, inUse);
         std::this_thread::yield();
     }
     bStop = true;
