@@ -63,6 +63,7 @@ void AddOptions(CLI::App &app, Options &options)
 {
     app.footer(Footer());
     app.add_option("--listen", options.config.strListen, "dotted address to listen at")
+        ->check(CLI::ValidIPV4)
         ->capture_default_str();
     app.add_option("--port", options.nPort, "TCP port to listen at, 0 for any that is free")
         ->check(CLI::Range(0, 65535))
