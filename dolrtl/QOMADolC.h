@@ -26,13 +26,10 @@
  * read.
  */
 #include "platform/base.h"
+#include "platform/export.h"
 
 #ifdef QOMADOLC_BUILD
-#ifdef _WIN32
-#define QOMADOLC_API __declspec(dllexport)
-#else
-#define QOMADOLC_API __attribute__((visibility("default")))
-#endif
+#define QOMADOLC_API PLAT_EXPORT
 #else
 #define QOMADOLC_API
 #endif
