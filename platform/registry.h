@@ -73,14 +73,12 @@ LONG RegCloseKey(HKEY hKey);
 // ---- Which file
 
 // Chooses the file that HKEY_LOCAL_MACHINE is read from, from now on; null chooses the default
-// again:
-// `$XDG_CONFIG_HOME/qoma/registry.reg`, else `~/.config/qoma/registry.reg`; on Windows the default
-// is the system's registry itself, and a chosen file covers it for
-// the callers of this header only. A file that
-// does not exist is an empty registry, and may appear later. 0; ERROR_INVALID_PARAMETER for an
-// empty path; ERROR_INVALID_DATA or the reason of the system when the file cannot be read:
-// PlatRegistryProblem then tells why, and the registry is empty until the file is right. Any
-// thread; keys that are open stay as they are.
+// again: `$XDG_CONFIG_HOME/qoma/registry.reg`, else `~/.config/qoma/registry.reg`; on Windows the
+// default is the system's registry itself, and a chosen file covers it for the callers of this
+// header only. A file that does not exist is an empty registry, and may appear later. 0;
+// ERROR_INVALID_PARAMETER for an empty path; ERROR_INVALID_DATA or the reason of the system when
+// the file cannot be read: PlatRegistryProblem then tells why, and the registry is empty until the
+// file is right. Any thread; keys that are open stay as they are.
 DWORD PlatSetRegistryFile(char const *pszPath);
 
 // Copies the path of the file in use into pszPath, cut to cbPath bytes and always terminated.

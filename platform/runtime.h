@@ -65,8 +65,7 @@ char *_strdup(char const *psz);
 char *_itoa(int nValue, char *pszOut, int nRadix);
 
 // As Win32: each part may be null when it is not wanted; a longer part is cut to its _MAX_... size.
-// Both
-// '/' and '\\' separate folders.
+// Both '/' and '\\' separate folders.
 void _splitpath(char const *pszPath, char *pszDrive, char *pszDir, char *pszName, char *pszExt);
 
 // As Win32, except: `timezone` and `dstflag` are always 0.

@@ -213,7 +213,8 @@ int PlatConnect(SOCKET s, sockaddr const *pAddress, int cbAddress, DWORD dwMilli
 // Waits until s can be read (a datagram, bytes, the end of the stream, or a connection to accept)
 // or, with bWrite, until it can be written. dwMilliseconds: 0 only asks, INFINITE has no limit. 1
 // when it can (also when the next call would fail at once), 0 when the time was up, SOCKET_ERROR
-// with WSAGetLastError otherwise: WSAEINTR or WSAENOTSOCK when s was closed meanwhile.
+// with WSAGetLastError otherwise: WSAEINTR or WSAENOTSOCK when s was closed meanwhile
+// (on Windows 1 as well, and the next call fails).
 int PlatSocketWait(SOCKET s, bool bWrite, DWORD dwMilliseconds);
 
 // Sockets that are open in this process, for tests of leaks. Always 0 on Windows, which keeps no

@@ -7,9 +7,9 @@
 #include <cstdio>
 #include <cstring>
 #include <ifaddrs.h>
+#include <memory>
 #include <mutex>
 #include <net/if.h>
-#include <memory>
 #include <new>
 #include <string>
 #include <strings.h>

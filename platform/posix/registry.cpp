@@ -8,7 +8,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <deque>
 #include <fcntl.h>
 #include <mutex>
 #include <pwd.h>
@@ -66,14 +65,15 @@ public:
 
     LONG Add(COpenKey key, HKEY *phKey)
     {
-        std::size_t const nIndex = m_free.empty() ? m_slots.size() : m_free.front();
+        std::size_t const nIndex = m_cFree == 0 ? m_slots.size() : m_nFirstFree;
         if (nIndex == kMaxKeys) {
             return ERROR_NO_SYSTEM_RESOURCES;
         }
-        if (nIndex == m_slots.size()) {
+        if (m_cFree == 0) {
             m_slots.emplace_back();
         } else {
-            m_free.pop_front();
+            m_nFirstFree = m_slots[nIndex].nNextFree;
+            --m_cFree;
         }
         CSlot &slot = m_slots[nIndex];
         slot.dwGeneration = slot.dwGeneration % (kGenerations - 1) + 1;
@@ -89,12 +89,15 @@ public:
         if (pSlot == nullptr) {
             return ERROR_INVALID_HANDLE;
         }
-        m_free.push_back(static_cast<std::size_t>(pSlot - m_slots.data()));
+        auto const nIndex = static_cast<std::size_t>(pSlot - m_slots.data());
+        (m_cFree == 0 ? m_nFirstFree : m_slots[m_nLastFree].nNextFree) = nIndex;
+        m_nLastFree = nIndex;
+        ++m_cFree;
         pSlot->key = {};
         return ERROR_SUCCESS;
     }
 
-    DWORD LiveKeys() const { return static_cast<DWORD>(m_slots.size() - m_free.size()); }
+    DWORD LiveKeys() const { return static_cast<DWORD>(m_slots.size() - m_cFree); }
 
 protected:
     std::optional<CRegProblem> Load(std::string_view bytes) override
@@ -113,7 +116,8 @@ protected:
 private:
     struct CSlot {
         std::uint32_t dwGeneration = 0;
-        COpenKey key; // without a pKey while the slot is free
+        std::size_t nNextFree = 0; // in the list of free slots
+        COpenKey key;              // without a pKey while the slot is free
     };
 
     CSlot *SlotOf(HKEY hKey)
@@ -261,6 +265,12 @@ bool ReadAll(int fd, std::string &strBytes)
     }
 }
 
+// Closes a descriptor at the end of its block, also when there is no memory.
+struct CFileCloser {
+    int const fd;
+    ~CFileCloser() { ::close(fd); }
+};
+
 CRegFileLook ReadOpenFile(int fd, std::string &strBytes)
 {
     struct stat file {};
@@ -292,9 +302,8 @@ CRegFileLook LookAtRegFile(std::string const &strPath, std::string *pstrBytes)
     if (fd < 0) {
         return Unreadable({}, errno);
     }
-    CRegFileLook const look = ReadOpenFile(fd, *pstrBytes);
-    ::close(fd);
-    return look;
+    CFileCloser const closer{fd};
+    return ReadOpenFile(fd, *pstrBytes);
 }
 
 LONG RegOpenKeyExA(HKEY hKey, char const *pszSubKey, DWORD dwOptions, REGSAM dwAccess, HKEY *phKey)

@@ -253,6 +253,12 @@ bool ReadAll(HANDLE hFile, std::string &strBytes)
     }
 }
 
+// Closes a handle at the end of its block, also when there is no memory.
+struct CFileCloser {
+    HANDLE const hFile;
+    ~CFileCloser() { CloseHandle(hFile); }
+};
+
 CRegFileLook LookAtOpenFile(HANDLE hFile, std::string *pstrBytes)
 {
     BY_HANDLE_FILE_INFORMATION info;
@@ -278,9 +284,8 @@ CRegFileLook LookAtRegFile(std::string const &strPath, std::string *pstrBytes)
                                      FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
                                      nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
     if (hFile != INVALID_HANDLE_VALUE) {
-        CRegFileLook const look = LookAtOpenFile(hFile, pstrBytes);
-        CloseHandle(hFile);
-        return look;
+        CFileCloser const closer{hFile};
+        return LookAtOpenFile(hFile, pstrBytes);
     }
     DWORD const dwError = GetLastError();
     if (dwError != ERROR_FILE_NOT_FOUND && dwError != ERROR_PATH_NOT_FOUND) {
