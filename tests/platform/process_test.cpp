@@ -165,7 +165,9 @@ TEST(ProcessTest, ExitCodesAndWaits)
     EXPECT_EQ(WaitForSingleObject(hThread, kdwLimit), DWORD{WAIT_OBJECT_0});
     EXPECT_TRUE(GetExitCodeProcess(hProcess, &dwCode));
     EXPECT_EQ(dwCode, 1234u);
-    EXPECT_FAILS(TerminateProcess(hProcess, 1), ERROR_ACCESS_DENIED);
+    if (kIsPosix) { // Windows says the same, Wine does not
+        EXPECT_FAILS(TerminateProcess(hProcess, 1), ERROR_ACCESS_DENIED);
+    }
     EXPECT_FAILS(TerminateProcess(nullptr, 1), ERROR_INVALID_HANDLE);
     EXPECT_FAILS(GetExitCodeProcess(nullptr, &dwCode), ERROR_INVALID_HANDLE);
 }
@@ -195,7 +197,9 @@ TEST(ProcessTest, OwnProgramNameIsCutToItsBuffer)
     SetLastError(0xDEADBEEF);
     EXPECT_EQ(GetModuleFileNameA(nullptr, szShort, sizeof szShort), sizeof szShort);
     EXPECT_EQ(GetLastError(), DWORD{ERROR_INSUFFICIENT_BUFFER});
-    EXPECT_EQ(strName.substr(0, 4), szShort);
+    // Systems differ in whether the cut name has its terminator; the layer's has.
+    EXPECT_EQ(strName.substr(0, 4), std::string(szShort, 4));
+    EXPECT_TRUE(!kIsPosix || szShort[4] == '\0');
 }
 
 TEST(ProcessTest, CommandsGetForeignTextAsVariablesOnly)

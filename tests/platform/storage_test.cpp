@@ -13,6 +13,13 @@ constexpr DWORD kdwCreate = STGM_CREATE | STGM_SHARE_EXCLUSIVE | STGM_WRITE;
 constexpr DWORD kdwOpen = STGM_SHARE_EXCLUSIVE | STGM_READWRITE;
 constexpr CLSID kClsid = {0x12345678, 0x9ABC, 0xDEF0, {1, 2, 3, 4, 5, 6, 7, 8}};
 
+/// The code is ole32's own; who stands in for it may fail in words of its own.
+#define EXPECT_REFUSED(call, hrExpected)                                                           \
+    do {                                                                                           \
+        HRESULT const hrGot = (call);                                                              \
+        EXPECT_TRUE(kIsPosix ? hrGot == (hrExpected) : FAILED(hrGot)) << std::hex << hrGot;        \
+    } while (false)
+
 struct ComRelease {
     template <class T>
     void operator()(T *pObject) const
@@ -132,10 +139,15 @@ HRESULT Seek(StreamPtr const &pStream, std::int64_t nMove, DWORD dwOrigin,
 
 std::string Pattern(std::size_t cb)
 {
-    std::string str(cb, '\0');
-    for (std::size_t i = 0; i < cb; ++i) {
-        str[i] = static_cast<char>(i * 7 + i / 251);
+    std::string strUnit; // its length has nothing in common with that of a sector
+    for (int i = 0; i < 1009; ++i) {
+        strUnit += static_cast<char>(i * 7 + i / 251);
     }
+    std::string str;
+    while (str.size() < cb) {
+        str += strUnit;
+    }
+    str.resize(cb);
     return str;
 }
 
@@ -180,10 +192,9 @@ bool Survives(std::string const &strName)
 
 CTestRole const g_try("try-storage", [](std::string const &strName) {
     StoragePtr pStorage;
-    return Open(strName, pStorage) == STG_E_SHAREVIOLATION &&
-                   Create(strName, pStorage) == STG_E_SHAREVIOLATION
-               ? 0
-               : 1;
+    EXPECT_REFUSED(Open(strName, pStorage), STG_E_SHAREVIOLATION);
+    EXPECT_REFUSED(Create(strName, pStorage), STG_E_SHAREVIOLATION);
+    return testing::Test::HasFailure() ? 1 : 0;
 });
 
 CTestRole const g_writer("write-storage", [](std::string const &strName) {
@@ -226,8 +237,9 @@ TEST(StorageTest, OtherReadersListTheStreams)
     for (char const *pszCommand :
          {"gsf cat \"$FILE\" CONTENTS > \"$OUT\"", "7z e -so \"$FILE\" CONTENTS > \"$OUT\""}) {
         DWORD dwExit = 99;
-        PlatRunCommand((std::string("command -v ") + std::string(pszCommand).substr(0, 3)).c_str(),
-                       nullptr, 0, kdwLimit, &dwExit);
+        PlatRunCommand(
+            ((kIsPosix ? "command -v " : "where ") + std::string(pszCommand).substr(0, 3)).c_str(),
+            nullptr, 0, kdwLimit, &dwExit);
         if (dwExit == 0) {
             ++cReaders;
             EXPECT_TRUE(PlatRunCommand(pszCommand, aVariables, 2, kdwLimit, &dwExit));
@@ -254,8 +266,8 @@ TEST(StorageTest, TheTypeRecordIsTheOneThatOthersRead)
     EXPECT_EQ(str.substr(12, 16), strClass);
     EXPECT_EQ(str.substr(28, 11), std::string("\x09\0\0\0A type ", 11));
     EXPECT_EQ(str[40], '\0');
-    EXPECT_EQ(str.substr(41, 8), std::string("\xFF\xFF\xFF\xFF\1\0\0\0", 8));
     if (kIsPosix) {
+        EXPECT_EQ(str.substr(41, 8), std::string("\xFF\xFF\xFF\xFF\1\0\0\0", 8));
         EXPECT_EQ(str.substr(49),
                   std::string("\0\0\0\0\xF4\x39\xB2\x71\x09\0\0\0A\0 \0t\0y\0p\0e\0 \0\xAC\x20\0\0"
                               "\xFF\xFF\xFF\xFF\1\0\0\0\0\0\0\0",
@@ -283,7 +295,9 @@ TEST(StorageTest, WritingToAFileKeepsTheRestOfIt)
     EXPECT_TRUE(Write(pStream, "end"));
     EXPECT_EQ(Seek(pStream, -5, STREAM_SEEK_END, &nPosition), S_OK);
     EXPECT_EQ(Read(pStream, 10), std::string("\0\0end", 5));
-    EXPECT_EQ(Seek(pStream, -1, STREAM_SEEK_SET, &nPosition), STG_E_INVALIDFUNCTION);
+    if (kIsPosix) { // not every ole32 minds
+        EXPECT_EQ(Seek(pStream, -1, STREAM_SEEK_SET, &nPosition), STG_E_INVALIDFUNCTION);
+    }
     EXPECT_EQ(Seek(pStream, -1, STREAM_SEEK_CUR, &nPosition), S_OK);
     EXPECT_EQ(nPosition, 200'002u);
     pStream.reset();
@@ -305,30 +319,30 @@ TEST(StorageTest, RefusalsTellWhatIsWrong)
     std::filesystem::create_directory(dir.File("folder"));
     Fill(dir.File("text"), "This is no compound file, however long one looks at it.");
     Fill(dir.File("empty"), "");
-    EXPECT_EQ(Open(dir.File("none"), pStorage), STG_E_FILENOTFOUND);
-    EXPECT_EQ(Open(dir.File("none/none"), pStorage), STG_E_PATHNOTFOUND);
-    EXPECT_EQ(Create(dir.File("none/none"), pStorage), STG_E_PATHNOTFOUND);
-    EXPECT_EQ(Open(dir.File("folder"), pStorage), STG_E_ACCESSDENIED);
-    EXPECT_EQ(Create(dir.File("folder"), pStorage), STG_E_ACCESSDENIED);
-    EXPECT_EQ(Open(dir.File("text"), pStorage), STG_E_FILEALREADYEXISTS);
-    EXPECT_EQ(Open(dir.File("empty"), pStorage), STG_E_FILEALREADYEXISTS);
-    EXPECT_EQ(Create(dir.File("text"), pStorage, STGM_SHARE_EXCLUSIVE | STGM_WRITE),
-              STG_E_FILEALREADYEXISTS);
+    EXPECT_REFUSED(Open(dir.File("none"), pStorage), STG_E_FILENOTFOUND);
+    EXPECT_REFUSED(Open(dir.File("none/none"), pStorage), STG_E_PATHNOTFOUND);
+    EXPECT_REFUSED(Create(dir.File("none/none"), pStorage), STG_E_PATHNOTFOUND);
+    EXPECT_REFUSED(Open(dir.File("folder"), pStorage), STG_E_ACCESSDENIED);
+    EXPECT_REFUSED(Create(dir.File("folder"), pStorage), STG_E_ACCESSDENIED);
+    EXPECT_REFUSED(Open(dir.File("text"), pStorage), STG_E_FILEALREADYEXISTS);
+    EXPECT_REFUSED(Open(dir.File("empty"), pStorage), STG_E_FILEALREADYEXISTS);
+    EXPECT_REFUSED(Create(dir.File("text"), pStorage, STGM_SHARE_EXCLUSIVE | STGM_WRITE),
+                   STG_E_FILEALREADYEXISTS);
     EXPECT_EQ(Contents(dir.File("text")).substr(0, 7), "This is");
 
     WriteFile(strName, "abc");
     StreamPtr pStream;
     StreamPtr pOther;
     ASSERT_EQ(Open(strName, pStorage), S_OK);
-    EXPECT_EQ(OpenStream(pStorage, L"none", pStream), STG_E_FILENOTFOUND);
-    EXPECT_EQ(CreateStream(pStorage, L"CONTENTS", pStream, kdwOpen), STG_E_FILEALREADYEXISTS);
-    EXPECT_EQ(CreateStream(pStorage, L"a/b", pStream), STG_E_INVALIDNAME);
-    EXPECT_EQ(CreateStream(pStorage, L"12345678901234567890123456789012", pStream),
-              STG_E_INVALIDNAME);
-    EXPECT_EQ(OpenStream(pStorage, L"CONTENTS", pStream, STGM_READWRITE), STG_E_INVALIDFLAG);
+    EXPECT_REFUSED(OpenStream(pStorage, L"none", pStream), STG_E_FILENOTFOUND);
+    EXPECT_REFUSED(CreateStream(pStorage, L"CONTENTS", pStream, kdwOpen), STG_E_FILEALREADYEXISTS);
+    EXPECT_REFUSED(CreateStream(pStorage, L"12345678901234567890123456789012", pStream),
+                   STG_E_INVALIDNAME);
+    EXPECT_REFUSED(OpenStream(pStorage, L"CONTENTS", pStream, STGM_READWRITE), STG_E_INVALIDFLAG);
     ASSERT_EQ(OpenStream(pStorage, L"CONTENTS", pStream), S_OK);
-    EXPECT_EQ(OpenStream(pStorage, L"CONTENTS", pOther), STG_E_ACCESSDENIED);
+    EXPECT_REFUSED(OpenStream(pStorage, L"CONTENTS", pOther), STG_E_ACCESSDENIED);
     if (kIsPosix) {
+        EXPECT_REFUSED(CreateStream(pStorage, L"a/b", pStream), STG_E_INVALIDNAME);
         std::uint64_t nPosition = 0;
         EXPECT_EQ(Seek(pStream, std::int64_t{1} << 40, STREAM_SEEK_SET, &nPosition), S_OK);
         EXPECT_FALSE(Write(pStream, "x")); // of a file this long we could not read again
@@ -337,12 +351,12 @@ TEST(StorageTest, RefusalsTellWhatIsWrong)
     }
     pStorage.reset();
     char ch;
-    EXPECT_EQ(pStream->Read(&ch, 1, nullptr), STG_E_REVERTED);
-    EXPECT_EQ(pStream->Write("x", 1, nullptr), STG_E_REVERTED);
+    EXPECT_REFUSED(pStream->Read(&ch, 1, nullptr), STG_E_REVERTED);
+    EXPECT_REFUSED(pStream->Write("x", 1, nullptr), STG_E_REVERTED);
 
     ASSERT_EQ(Open(strName, pStorage, STGM_SHARE_EXCLUSIVE | STGM_READ), S_OK);
-    EXPECT_EQ(CreateStream(pStorage, L"new", pStream), STG_E_ACCESSDENIED);
-    EXPECT_EQ(WriteClassStg(pStorage.get(), kClsid), STG_E_ACCESSDENIED);
+    EXPECT_REFUSED(CreateStream(pStorage, L"new", pStream), STG_E_ACCESSDENIED);
+    EXPECT_REFUSED(WriteClassStg(pStorage.get(), kClsid), STG_E_ACCESSDENIED);
 }
 
 TEST(StorageTest, AnOpenFileIsNobodyElses)
@@ -353,8 +367,8 @@ TEST(StorageTest, AnOpenFileIsNobodyElses)
     for (bool const fNew : {true, false}) {
         StoragePtr pStorage;
         ASSERT_EQ(fNew ? Create(strName, pStorage) : Open(strName, pStorage), S_OK);
-        EXPECT_EQ(Open(strName, pOther), STG_E_SHAREVIOLATION);
-        EXPECT_EQ(Create(strName, pOther), STG_E_SHAREVIOLATION);
+        EXPECT_REFUSED(Open(strName, pOther), STG_E_SHAREVIOLATION);
+        EXPECT_REFUSED(Create(strName, pOther), STG_E_SHAREVIOLATION);
         EXPECT_EQ(CRoleProcess("try-storage", strName).ExitCode(), 0u);
     }
     EXPECT_EQ(Open(strName, pOther), S_OK);
