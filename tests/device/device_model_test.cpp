@@ -93,22 +93,6 @@ TEST_F(DeviceModel, APressIsClaimedOnce)
     EXPECT_EQ(Token(1, 7), eLR_OK);
 }
 
-TEST_F(DeviceModel, OnlyChangesAreTold)
-{
-    auto const status = [&](DWORD dw) {
-        changes.clear();
-        EXPECT_EQ(model.Set(1, false, eDO_SCANNER_BUTTON_STATUS, eLD_WORD, WordValue(dw), &changes),
-                  eLR_OK);
-        return changes.size();
-    };
-    EXPECT_EQ(status(kButtonOff), 0u) << "off already";
-    model.PressButton();
-    EXPECT_EQ(status(kButtonOff), 1u);
-    EXPECT_EQ(changes[0].value, WordValue(1));
-    EXPECT_EQ(model.SetFeeder(true).value, (LinkBytes{0x10, 0, 0, 0}));
-    EXPECT_EQ(model.AnnounceFax().value, (LinkBytes{6, 0, 0, 0}));
-}
-
 TEST(HostAndPort, TakesNothingButSingleHosts)
 {
     LinkAddress address;

@@ -61,6 +61,9 @@ TEST(DiscoveryScanner, JobsAndRefusals)
          GoodJob(4711) + "\r\n" + GoodJob(-1),
          {strGood, "10.1.2.3:1037 -1"}},
         {"a local address", Job("TYPE=<ECHO>;NETADDR=LINK0;SRVQ=0;"), {"LINK0 0"}},
+        {"two addresses, and one that is none",
+         Job("TYPE=<ECHO>;NETADDR=a;xNETADDR=b;NETADDR=c;SRVQ=0;"),
+         {"c 0"}},
         {"cut off at the end", GoodJob(1).substr(0, 40), {"it was cut off"}},
         {"cut off inside the exit sequence", GoodJob(1).substr(0, 6), {"it was cut off"}},
         {"without its end, then a good one",
@@ -112,12 +115,4 @@ TEST(DiscoveryScanner, FindsTheJobBehindRandomBytes)
         ASSERT_FALSE(told.empty()) << strNoise;
         EXPECT_EQ(told.back(), "10.1.2.3:1037 4711") << strNoise;
     }
-}
-
-TEST(FindClause, TakesTheLastOfItsKind)
-{
-    std::string str;
-    EXPECT_TRUE(FindClause("a;NETADDR=1;xNETADDR=2;NETADDR=3;b;", "NETADDR=", &str));
-    EXPECT_EQ(str, "3");
-    EXPECT_FALSE(FindClause("aNETADDR=1;NETADDR=2", "NETADDR=", &str));
 }

@@ -81,19 +81,6 @@ TEST_F(KickSender, TakesNoTextThatWouldNotFitADatagram)
     EXPECT_EQ(sent.at(0).size() + 9, CKickSender::kMaxDatagram);
 }
 
-TEST_F(KickSender, DropsAndRepeatsAsTold)
-{
-    sender.Drop(2);
-    sender.Add(kA, "x;");
-    Pass(milliseconds(0));
-    Pass(milliseconds(500));
-    EXPECT_EQ(sent.size(), 0u);
-    sender.Repeat(1);
-    Pass(milliseconds(500));
-    EXPECT_EQ(sent, Sent(2, "x;KICKSEQ=1;"));
-    EXPECT_EQ(log.back(), "kick 1 repeated");
-}
-
 TEST_F(KickSender, ReorderLetsTheNextGoFirst)
 {
     sender.Reorder(1);

@@ -73,22 +73,3 @@ TEST(LinkDecoder, RandomBytesGiveFramesOrGarbage)
         EXPECT_LE(cb, bytes.size());
     }
 }
-
-TEST(LinkReader, MissingBytesShowAtTheEnd)
-{
-    CLinkWriter writer;
-    writer.Byte(7).Word16(0x1234).Word32(0x89ABCDEF).Bytes8("ab", 2).Bytes32("cde", 3);
-    LinkBytes const bytes = writer.Take();
-    for (size_t cb = 0; cb <= bytes.size() + 1; ++cb) {
-        LinkBytes part = bytes;
-        part.resize(cb);
-        CLinkReader reader(part);
-        bool fAll = reader.Byte() == 7;
-        fAll = reader.Word16() == 0x1234 && fAll;
-        fAll = reader.Word32() == 0x89ABCDEF && fAll;
-        fAll = reader.Text8() == "ab" && fAll;
-        fAll = reader.Bytes32() == LinkBytes{'c', 'd', 'e'} && fAll;
-        EXPECT_EQ(reader.IsComplete(), cb == bytes.size()) << cb;
-        EXPECT_EQ(fAll, cb >= bytes.size()) << cb;
-    }
-}
