@@ -19,6 +19,9 @@ char const *const kszSep = g_aszText[eGT_BACKSLASH];
 /// a line that WriteText may use.
 constexpr std::size_t kcbLevelField = 40;
 
+/// CR and LF.
+constexpr DWORD kcbLineEnd = 2;
+
 /// What one table adds to a line. Without a table all is empty and hidden.
 struct LinePart {
     char const *m_pszShort = "";
@@ -153,7 +156,9 @@ DWORD CGBaseEvtHandler::WriteLine(LONG cb, char const *pszText)
 {
     if (cb < 1)
         return eGE_OUT_OF_MEMORY;
-    auto *pszCopy = static_cast<char *>(GMemAlloc(static_cast<DWORD>(cb), __LINE__, __FILE__));
+    // A text that fills cb leaves no room for the line end that WriteText may append.
+    DWORD const cbCopy = static_cast<DWORD>(cb) + kcbLineEnd;
+    auto *pszCopy = static_cast<char *>(GMemAlloc(cbCopy, __LINE__, __FILE__));
     if (pszCopy == nullptr)
         return eGE_OUT_OF_MEMORY;
     *pszCopy = '\0';
@@ -162,6 +167,6 @@ DWORD CGBaseEvtHandler::WriteLine(LONG cb, char const *pszText)
     else
         lstrcpynA(pszCopy, pszText, static_cast<int>(cb) - 1);
     DWORD const dwResult = WriteText(pszCopy);
-    GMemFree(&pszCopy, static_cast<DWORD>(cb), __LINE__, __FILE__);
+    GMemFree(&pszCopy, cbCopy, __LINE__, __FILE__);
     return dwResult;
 }

@@ -37,8 +37,8 @@ public:
     /// Not 0 when the handler can take events now.
     virtual LONG IsOn() = 0;
     /// Delivers one finished line.
-    /// @param pszText may be extended in place by a line end: a line of WriteEvent leaves 27 bytes and
-    /// more behind its terminator. Null is accepted and delivers nothing.
+    /// @param pszText may be extended in place by a line end of two bytes. Null is accepted and delivers
+    /// nothing.
     /// @return a foundation result code, dropped by all callers above WriteLine.
     virtual DWORD WriteText(char *pszText) = 0;
 
@@ -59,9 +59,9 @@ public:
         return WriteEvent(pszText, base, 0, 0);
     }
 
-    /// Hands a text to WriteText in a copy of its own, whose room WriteText may use.
-    /// @param cb bytes of the copy, room for a line end included. A text that does not fit keeps its
-    /// first cb - 2 characters. @param pszText not null.
+    /// Hands a text to WriteText in a copy of its own, with room for a line end behind it.
+    /// @param cb bytes for the text and its terminator. A text that does not fit keeps its first cb - 2
+    /// characters. @param pszText not null.
     /// @return that of WriteText; eGE_OUT_OF_MEMORY when the copy cannot be had, or cb is below 1.
     DWORD WriteLine(LONG cb, char const *pszText);
 

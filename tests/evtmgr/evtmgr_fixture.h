@@ -1,43 +1,31 @@
-// What the tests of the event manager share: registry, log, a handler that keeps its lines.
+// What the tests of the event manager share: a registry file and a log.
 
 #pragma once
 
 #include "evtmgr/g_evthost.h"
 #include "evtmgr/g_evtmgr.h"
+#include "evtmgr/g_filehandler.h"
 #include "tests/support/guards.h"
 #include "tests/support/reg_file.h"
 
-#include <functional>
 #include <iterator>
-
-class CRecordingHandler : public CGBaseEvtHandler {
-public:
-    explicit CRecordingHandler(CGEvtMgr *pEvtMgr) : CGBaseEvtHandler(pEvtMgr, "CRecordingHandler")
-    {
-    }
-    char const *GetModuleName() override { return "Rec"; }
-    DWORD LoadModuleParams() override { return 0; }
-    LONG IsOn() override { return m_fOn; }
-    DWORD WriteText(char *pszText) override
-    {
-        m_lines.emplace_back(pszText);
-        m_fnOnText();
-        return 0;
-    }
-
-    LONG m_fOn = 1;
-    std::vector<std::string> m_lines;
-    std::function<void()> m_fnOnText = [] {};
-};
 
 class CEvtMgrTest : public testing::Test {
 protected:
+    ~CEvtMgrTest() override { GRemoveEvtMgr("mgr"); }
     // $M stands for the key of the manager "mgr", $B for that of the base categories, $LOG for the log.
     void Reg(std::string const &strBody)
     {
         std::string str = ReplaceAll(strBody, "$M", std::string(kszModulesKey) + "\\mgr");
         str = ReplaceAll(str, "$B", kszBaseCategoryKey);
         m_reg.Write(ReplaceAll(str, "$LOG", ReplaceAll(m_strLog, "\\", "\\\\")));
+    }
+    CGFileEvtHandler *Install(std::string const &strBody)
+    {
+        Reg(strBody);
+        EXPECT_EQ(GInstallEvtMgr("mgr"), DWORD{eGE_OK});
+        void *pHandler = g_pEvtMgr.load()->GetHead()->m_pNext->m_pData;
+        return static_cast<CGFileEvtHandler *>(static_cast<CGBaseEvtHandler *>(pHandler));
     }
     std::string ReadLog() const
     {
@@ -55,25 +43,4 @@ protected:
     CTempDir m_dir;
     CRegFile m_reg{m_dir.File("test.reg")};
     std::string const m_strLog = m_dir.File("Test.LOG");
-};
-
-// A manager outside g_pEvtMgr, and a recording handler at the end of its list, on up to level 1.
-class CMgrWithRecorder {
-public:
-    CMgrWithRecorder()
-    {
-        std::atomic<CGEvtMgr *> pHolder{nullptr};
-        NewEvtMgr(&pHolder, "mgr", eEM_NORMAL);
-        m_pMgr = pHolder;
-        m_pHandler = new CRecordingHandler(m_pMgr);
-        ++g_cObjects;
-        m_pMgr->AddNode("CRecordingHandler", m_pHandler, 0, 1);
-        m_pHandler->AddRef();
-        m_pHandler->m_State = m_pHandler->m_Level = 1;
-        m_pHandler->m_BaseCategoryMask = 8;
-    }
-    ~CMgrWithRecorder() { EXPECT_EQ(m_pMgr->Release(), 0); }
-
-    CGEvtMgr *m_pMgr;
-    CRecordingHandler *m_pHandler;
 };

@@ -2,13 +2,14 @@
 
 #include "platform/process.h"
 #include "platform/sync.h"
+#include "platform/window.h"
 #include "tests/evtmgr/evtmgr_fixture.h"
-#include "tests/support/test_viewer.h"
 #include "trace/g_trace.h"
 
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <future>
 #include <map>
 #include <sstream>
 
@@ -73,8 +74,7 @@ TEST_F(CFileHandlerTest, LinesOfManyProcessesAreWholeAndOnce)
 
 TEST_F(CFileHandlerTest, LineThatADeadWriterCutIsEnded)
 {
-    Reg(m_strOn);
-    GInstallEvtMgr("mgr");
+    Install(m_strOn);
     std::string strMutex =
         ReplaceAll(m_strLog, "\\", "/"); // the name to which every spelling leads
     HANDLE const hMutex = OpenMutexA(SYNCHRONIZE, FALSE, GStrLower(strMutex.data()));
@@ -86,27 +86,48 @@ TEST_F(CFileHandlerTest, LineThatADeadWriterCutIsEnded)
     Site("two");
     EXPECT_EQ(ReadLog(), "[T]: one\r\ncut\r\n[T]: two\r\n");
     CloseHandle(hMutex);
-    GRemoveEvtMgr("mgr");
 }
 
-TEST_F(CFileHandlerTest, TraceHandlerIsOnOnceTheWindowIsKnown)
+// A trace viewer: a window on a thread of its own that keeps what it is sent, terminators included.
+LRESULT KeepLine(void *pLines, COPYDATASTRUCT const *pData)
 {
-    CTestViewer viewer;
-    Reg("\n[SOFTWARE\\Norvale\\TraceDeck]\n\"Title\"=\"" + viewer.m_strTitle + "\"\n" +
-        ReplaceAll(m_strOn, "File]", "TD]"));
-    GInstallEvtMgr("mgr");
+    static_cast<std::string *>(pLines)->append(static_cast<char const *>(pData->lpData),
+                                               pData->cbData);
+    return 1;
+}
+
+TEST_F(CFileHandlerTest, ViewerThatIsThereGetsTheLines)
+{
+    std::string const strTitle = "qoma test viewer " + std::to_string(GetCurrentProcessId());
+    std::string strLines;
+    std::promise<HWND> made;
+    std::thread viewer([&] {
+        HWND const hWnd = PlatCreateViewerWindow(strTitle.c_str(), KeepLine, &strLines);
+        made.set_value(hWnd);
+        EXPECT_TRUE(PlatRunViewerWindow(hWnd));
+        PlatDestroyViewerWindow(hWnd);
+    });
+    HWND const hWnd = made.get_future().get();
+    std::string const strReg = "\n[SOFTWARE\\Norvale\\TraceDeck]\n\"Level Mask\"=dword:1\n\"Module "
+                               "Mask\"=hex:1\n\"Title\"=";
+    Install(strReg + "\"no such window\"\n" + ReplaceAll(m_strOn, "File]", "TD]"));
     EXPECT_EQ(g_TdMode, std::uint64_t{eTM_DEBUGGER});
-    Site("before the viewer is known");
+    TdConnect();
+    Site("no window yet");
+    Reg(strReg + "\"" + strTitle + "\"\n");
+    TdConnect(); // the attempt is not repeated
+    EXPECT_EQ(g_TdMode.exchange(eTM_DEBUGGER), std::uint64_t{eTM_DEBUGGER | eTM_VIEWER});
     TdConnect();
     Site("live");
+    TdSetCurrent(1, 1);
+    TdLog("line %d", 1);
     Reg("\n[$M\\TD]\n\"State\"=dword:2\n");
-    LoadParameters(); // says so first
+    g_pEvtMgr.load()->ReloadParameters();
     Site("off");
-    GRemoveEvtMgr("mgr");
+    PlatCloseViewerWindow(hWnd);
+    viewer.join();
+    EXPECT_EQ(ReplaceAll(strLines, std::string(1, '\0'), "$"), "[T]: live$[OTHER]- line 1$");
     g_hTdWindow = nullptr;
-    std::vector<std::string> const lines = viewer.End();
-    ASSERT_EQ(lines.size(), 2u);
-    EXPECT_EQ(lines[0], std::string("[T]: live") + '\0');
 }
 
 TEST_F(CFileHandlerTest, ExampleFileWorksAsItStands)

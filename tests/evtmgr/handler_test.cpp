@@ -29,7 +29,7 @@ TEST_F(CHandlerTest, TableTakesWhatTheRegistryHasAndKeepsTheRest)
 TEST_F(CHandlerTest, Filter)
 {
     struct Case {
-        LONG fOn, nState;
+        LONG nState;
         std::uint64_t baseMask, customMask;
         LONG nMaxLevel;
         std::uint64_t base, custom;
@@ -37,59 +37,54 @@ TEST_F(CHandlerTest, Filter)
     };
     // No mask of its own; base does not fit, fits by one bit; custom; level; a negative limit; levels -1
     // and -2, the error bit, and -3, which is ordinary; off; a state other than 1.
-    Case const cases[] = {{1, 1, 0, 0, 0, 0, 0, 0, 1},     {1, 1, 7, 0, 2, 8, 0, 0, 0},
-                          {1, 1, 9, 0, 2, 8, 0, 0, 1},     {1, 1, 9, 4, 2, 8, 3, 0, 0},
-                          {1, 1, 9, 4, 2, 8, 6, 0, 1},     {1, 1, 9, 0, 2, 8, 0, 3, 0},
-                          {1, 1, 9, 0, 3, 8, 0, 3, 1},     {1, 1, 1, 1, -1, 1, 0, 0, 0},
-                          {1, 1, 0, 0, -9, 1, 1, -1, 1},   {1, 1, 0, 0, -9, 1, 1, -2, 1},
-                          {1, 1, 0, 0, 0, 0x21, 1, 5, 1},  {1, 1, 1, 1, -4, 1, 0, -3, 0},
-                          {0, 1, 1, 1, 9, 0x20, 0, -1, 0}, {1, 0, 0, 0, 0, 0x20, 0, 5, 1},
-                          {1, 2, 1, 1, 9, 1, 0, -2, 0}};
-    CMgrWithRecorder mgr;
-    CRecordingHandler &handler = *mgr.m_pHandler;
+    Case const cases[] = {
+        {1, 0, 0, 0, 0, 0, 0, 1},   {1, 7, 0, 2, 8, 0, 0, 0},    {1, 9, 0, 2, 8, 0, 0, 1},
+        {1, 9, 4, 2, 8, 3, 0, 0},   {1, 9, 4, 2, 8, 6, 0, 1},    {1, 9, 0, 2, 8, 0, 3, 0},
+        {1, 9, 0, 3, 8, 0, 3, 1},   {1, 1, 1, -1, 1, 0, 0, 0},   {1, 0, 0, -9, 1, 1, -1, 1},
+        {1, 0, 0, -9, 1, 1, -2, 1}, {1, 0, 0, 0, 0x21, 1, 5, 1}, {1, 1, 1, -4, 1, 0, -3, 0},
+        {0, 1, 1, 9, 1, 0, -1, 0},  {0, 1, 1, 9, 0x20, 0, 0, 0}, {2, 1, 1, 9, 1, 0, -2, 0}};
+    CGFileEvtHandler *pHandler = Install("");
     for (Case const &c : cases) {
-        handler.m_fOn = c.fOn;
-        handler.m_State = c.nState;
-        handler.m_BaseCategoryMask = c.baseMask;
-        handler.m_CustomCategoryMask = c.customMask;
-        handler.m_Level = c.nMaxLevel;
-        EXPECT_EQ(handler.IsEventOn(c.base, c.custom, c.nLevel), c.fExpected) << &c - cases;
+        pHandler->m_State = c.nState;
+        pHandler->m_BaseCategoryMask = c.baseMask;
+        pHandler->m_CustomCategoryMask = c.customMask;
+        pHandler->m_Level = c.nMaxLevel;
+        EXPECT_EQ(pHandler->IsEventOn(c.base, c.custom, c.nLevel), c.fExpected) << &c - cases;
     }
+    pHandler->m_State = 0;
 }
 
 TEST_F(CHandlerTest, Line)
 {
-    Reg("\n[$B\\4]\n\"Short Name\"=\"I\"\n\"Long Name\"=\"Info\"\n"
+    CGFileEvtHandler *pHandler = Install(
+        "\n[$B\\4]\n\"Short Name\"=\"I\"\n\"Long Name\"=\"Info\"\n"
         "\n[$B\\6]\n\"Long Name\"=\"ERR \"\n\"Display Long Name\"=dword:0\n"
         "\n[$M\\Custom Category\\64]\n\"Short Name\"=\"c\"\n\"Long Name\"=\"Cust\"\n"
-        "\n[$M\\Custom Category\\1]\n\"Long Name\"=\"hidden\"\n\"Display Long Name\"=dword:0\n");
-    CMgrWithRecorder mgr;
-    CRecordingHandler *pHandler = mgr.m_pHandler;
-    CCategory *&pBase = mgr.m_pMgr->m_pBaseCategory;
-    pHandler->LoadParams();
+        "\n[$M\\Custom Category\\1]\n\"Long Name\"=\"hidden\"\n\"Display Long Name\"=dword:0\n"
+        "\n[$M\\File]\n\"File Name\"=\"$LOG\"\n\"State\"=dword:1\n");
+    CCategory *&pBase = g_pEvtMgr.load()->m_pBaseCategory;
     auto line = [&](std::uint64_t base, std::uint64_t custom, LONG nLevel) {
+        pHandler->OpenLogFile(eOF_TRUNCATE);
         pHandler->WriteEvent("hello", base, custom, nLevel);
-        return pHandler->m_lines.back();
+        return ReadLog();
     };
-    EXPECT_EQ(line(8, 0, 2), "[UNKWN]: I Infohello");
-    EXPECT_EQ(line(8, 1ull << 63, 2), "[UNKWN]: Ic InfoCusthello");
-    EXPECT_EQ(line(0x20, 1, 0), "[UNKWN]:  ERR hello"); // forced; the custom name is not
+    EXPECT_EQ(line(8, 0, 2), "[UNKWN]: I Infohello\r\n");
+    EXPECT_EQ(line(8, 1ull << 63, 2), "[UNKWN]: Ic InfoCusthello\r\n");
+    EXPECT_EQ(line(0x20, 1, 0), "[UNKWN]:  ERR hello\r\n"); // forced; the custom name is not
     pBase->m_fDisplayShortName = pBase->m_fDisplayLongName = 0;
     pHandler->m_pCustomCategory->m_fDisplayLevel = 1; // one table is enough
-    EXPECT_EQ(line(8, 0, 2), "[UNKWN]: [ 2] hello");
-    EXPECT_EQ(line(0x30, 0, -1), "[UNKWN]:      ERR hello");
-    EXPECT_EQ(line(0, 0, -2), "[UNKWN]:      hello");
-    EXPECT_EQ(line(0, 0, -3), "[UNKWN]: [-3] hello");
+    EXPECT_EQ(line(8, 0, 2), "[UNKWN]: [ 2] hello\r\n");
+    EXPECT_EQ(line(0x30, 0, -1), "[UNKWN]:      ERR hello\r\n");
+    EXPECT_EQ(line(0, 0, -2), "[UNKWN]:      hello\r\n");
+    EXPECT_EQ(line(0, 0, -3), "[UNKWN]: [-3] hello\r\n");
     for (CCategory **ppTable : {&pHandler->m_pCustomCategory, &pBase}) {
         (*ppTable)->Release();
         *ppTable = nullptr; // as if there had been no memory: a table without names
     }
-    EXPECT_EQ(mgr.m_pMgr->ReloadParameters(), 1u);
-    EXPECT_EQ(line(0x20, 1, -1), "[UNKWN]:  hello");
-    for (LONG cb : {6, 5, 2, 1}) // the size counts the terminator; one more goes when it is cut
-        EXPECT_EQ(pHandler->WriteLine(cb, "12345"), 0u);
-    EXPECT_EQ(std::vector(pHandler->m_lines.end() - 4, pHandler->m_lines.end()),
-              (std::vector<std::string>{"12345", "123", "", ""}));
+    EXPECT_EQ(g_pEvtMgr.load()->ReloadParameters(), 1u);
+    EXPECT_EQ(line(0x20, 1, -1), "[UNKWN]:  hello\r\n");
+    pHandler->WriteLine(20, "12345678901234567890123"); // one more character goes when it is cut
+    EXPECT_TRUE(ReadLog().ends_with("hello\r\n123456789012345678\r\n")) << ReadLog();
 }
 
 } // namespace
