@@ -8,7 +8,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <deque>
 #include <fcntl.h>
 #include <mutex>
 #include <pwd.h>
@@ -160,8 +159,10 @@ private:
     bool m_bPathChosen = false;
     std::shared_ptr<CRegKey const> m_pRoot = std::make_shared<CRegKey>();
     std::vector<CSlot> m_slots;
-    std::deque<std::size_t>
-        m_free; // in the order of their closing, so that stale handles stay known
+    // The free slots in a chain, in the order of their closing, so that stale handles stay known.
+    std::size_t m_cFree = 0;
+    std::size_t m_nFirstFree = 0; // with the next, of no meaning while there are none
+    std::size_t m_nLastFree = 0;
 };
 
 CRegistry &Registry()
