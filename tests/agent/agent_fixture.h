@@ -102,7 +102,6 @@ struct CNotifyAgentProbe {
     {
         return {a.m_cSelectTraps, a.m_cAdfTraps, a.m_cScannerButtonTraps, a.m_cFaxUploadTraps};
     }
-    DWORD GetKickSeq(char *pszText, DWORD *pdw) { return a.GetKickSeq(pszText, pdw); }
     DWORD UISelectOption() { return a.UISelectOption(0, nullptr); }
 };
 
