@@ -37,6 +37,8 @@ CGQThread::~CGQThread()
     if (!HasWorker()) {
         Flush();
     } else if (m_eKind == eTK_BEGINTHREADEX) {
+        // Behind the done event come the worker's last steps, in code that a host may unload next.
+        WaitForSingleObject(m_hThread, INFINITE);
         CloseHandle(m_hThread); // the other kind's handle belongs to its thread object
     }
     m_hThread = INVALID_HANDLE_VALUE;
