@@ -189,19 +189,6 @@ TEST(ProcessTest, ChildrenGetNoHandleButTheirStreams)
     CloseHandle(hFile);
 }
 
-TEST(ProcessTest, OwnProgramNameIsCutToItsBuffer)
-{
-    std::string const strName = OwnProgram();
-    EXPECT_TRUE(std::filesystem::exists(strName)) << strName;
-    char szShort[5] = "????";
-    SetLastError(0xDEADBEEF);
-    EXPECT_EQ(GetModuleFileNameA(nullptr, szShort, sizeof szShort), sizeof szShort);
-    EXPECT_EQ(GetLastError(), DWORD{ERROR_INSUFFICIENT_BUFFER});
-    // Systems differ in whether the cut name has its terminator; the layer's has.
-    EXPECT_EQ(strName.substr(0, 4), std::string(szShort, 4));
-    EXPECT_TRUE(!kIsPosix || szShort[4] == '\0');
-}
-
 TEST(ProcessTest, CommandsGetForeignTextAsVariablesOnly)
 {
     CTempDir const dir;
