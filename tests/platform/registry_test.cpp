@@ -431,7 +431,8 @@ TEST_F(Registry, RandomDamageIsReadOrRefused)
     std::string const strGood =
         std::string(kHeader) +
         "[HKEY_LOCAL_MACHINE\\K\\L]\n@=\"a\\\\b\"\n\"w\"=dword:12\n\"h\"=hex(7):61,00,\\\n"
-        "  00,00\n[-HKEY_LOCAL_MACHINE\\M]\n\"x\"=-\n";
+        "  00,00\n\"x\"=-\n[-HKEY_LOCAL_MACHINE\\M]\n";
+    ASSERT_EQ(Use(strGood), 0u) << Problem();
     unsigned const nSeed = std::random_device{}();
     SCOPED_TRACE(nSeed);
     std::mt19937 random(nSeed);

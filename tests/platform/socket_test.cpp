@@ -323,6 +323,7 @@ void CloseUnder(CSocket &socket, std::function<bool(SOCKET)> const &fnFails)
         nError = ErrorOf([&] { return fnFails(s); });
     });
     while (!bCalling) {
+        std::this_thread::yield();
     }
     socket.Close();
     caller.join(); // would not return if the wake-up were lost
@@ -362,7 +363,7 @@ TEST_F(Sockets, CloseWakesEveryOtherKindOfWait)
         CStreamPair reading;
         CloseUnder(reading.one, [](SOCKET s) {
             char ch;
-            return ws::recv(s, &ch, 1, 0) == SOCKET_ERROR;
+            return ws::recv(s, &ch, 1, 0) < (kIsPosix ? 0 : 1); // Wine may call it the end
         });
 
         CStreamPair writing;
@@ -424,6 +425,7 @@ TEST_F(Sockets, AReceiverNeverGetsADatagramOfAnotherSocket)
             }
         });
         while (!bRunning) {
+            std::this_thread::yield();
         }
         old.Close();
         CSocket fresh(SOCK_DGRAM); // would get the number of the old one, were it free already
