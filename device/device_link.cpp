@@ -77,10 +77,11 @@ void CDeviceLink::Receive()
             break;
         m_owner.OnFrame(*this, frame);
     }
-    Close();
+    // Before the connection closes: a client that hears us hang up may rely on being forgotten.
     m_owner.OnEnd(*this, eReceive == eRX_GARBAGE   ? "it sends garbage"
                          : eReceive == eRX_TIMEOUT ? "it is silent"
                                                    : "closed");
+    Close();
     --m_cRunning;
 }
 

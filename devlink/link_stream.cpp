@@ -151,6 +151,11 @@ int CLinkStream::Connect(LinkAddress const &address, LinkTime deadline)
     return 0;
 }
 
+void CLinkStream::FinishSending()
+{
+    static_cast<void>(ws::shutdown(m_socket.Get(), SD_SEND)); // fails when the link is gone anyway
+}
+
 void CLinkStream::Close()
 {
     m_fClosed = true;

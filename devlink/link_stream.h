@@ -84,6 +84,8 @@ public:
 
     LinkReceive Receive(LinkFrame *pFrame, LinkTime deadline);
 
+    // Tells the peer that nothing more comes; what it still sends can be received.
+    void FinishSending();
     // For good: a Connect that comes later, or is under way, fails.
     void Close();
     LinkAddress Peer() const; // zeroes when not connected

@@ -89,7 +89,8 @@ public:
     CDolRtl(DolRtlCallbackFn pfnCallback, DWORD_PTR dwContext);
 
     /*
-     * Ends the link, and with it every registration. Waits for a callback that is running and makes
+     * Ends the link, and with it every registration: unless the device takes more than half a second
+     * for it, it has forgotten this client when the destructor returns. Waits for a callback that is running and makes
      * sure that none follows, except on the thread that is inside the callback: there it does not
      * wait, and that thread ends by itself once the callback has returned. No other thread may be
      * inside an operation of the object.

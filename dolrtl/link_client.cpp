@@ -15,6 +15,7 @@ constexpr milliseconds kInitTime{4000};
 constexpr milliseconds kRequestTime{3500};
 constexpr milliseconds kProbeTime{3000};
 constexpr milliseconds kPingSendTime{1000};
+constexpr milliseconds kGoodbyeTime{500};
 constexpr DWORD kFirstProbeMs = 100;
 constexpr DWORD kLongestProbeMs = 2000;
 constexpr size_t kMaxWaitingTraps = 1024;
@@ -478,14 +479,25 @@ void CLinkClient::RunCallbacks()
     }
 }
 
+// So that the device has forgotten this link, and its address text is free, before another one is made:
+// the device hangs up in return.
+void CLinkClient::SayGoodbye(Lock &lock)
+{
+    if (m_eState != eLS_UP || !m_thLink.joinable())
+        return;
+    m_pStream->FinishSending();
+    m_cv.wait_for(lock, kGoodbyeTime, [&] { return m_eState != eLS_UP; });
+}
+
 void CLinkClient::End()
 {
     {
         Lock lock(m_mx);
         m_fEnding = true;
+        m_cv.notify_all();
+        SayGoodbye(lock);
         if (m_pStream)
             m_pStream->Close();
-        m_cv.notify_all();
     }
     if (m_thLink.joinable())
         m_thLink.join();

@@ -96,6 +96,8 @@ private:
     // The callback thread.
     void RunCallbacks();
 
+    void SayGoodbye(Lock &lock);
+
     // Constant after construction.
     CSocketLibrary m_library;
     DolRtlCallbackFn const m_pfnCallback;

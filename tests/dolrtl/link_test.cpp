@@ -306,8 +306,8 @@ TEST_F(Link, CallsMayComeFromManyThreads)
     CTestClient client;
     client.onEvent = [&](DWORD) {
         while (client.Read()) {
-            ++cTraps;
             EXPECT_EQ(client.SetWord(g_button, 1), eDR_OK); // from inside the callback
+            ++cTraps;
         }
     };
     ASSERT_EQ(client.InitLocal(dwPort), eDR_OK);
