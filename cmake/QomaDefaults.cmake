@@ -25,6 +25,7 @@ target_include_directories(qoma_options INTERFACE ${CMAKE_SOURCE_DIR})
 # Texts that snprintf cuts are cut on purpose; what it would overrun it cannot.
 target_compile_options(qoma_options INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Woverloaded-virtual -Wcast-qual
+  -fmacro-prefix-map=${CMAKE_SOURCE_DIR}/= # reports name a source by its place in the tree
   $<$<CXX_COMPILER_ID:GNU>:-Wno-format-truncation>
   $<$<BOOL:${QOMA_WARNINGS_AS_ERRORS}>:-Werror>)
 if(CMAKE_CXX_COMPILER_ID STREQUAL GNU AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
