@@ -642,8 +642,7 @@ int closesocket(SOCKET s)
         return Fail(WSAENOTSOCK);
     }
     if ((qwBefore & kUses) != 0) {
-        ::shutdown(pSocket->fd,
-                   SHUT_RDWR); // wakes them; an unconnected socket reports ENOTCONN as well
+        ::shutdown(pSocket->fd, SHUT_RDWR); // what it returns says nothing, see above
     }
     GiveUse(*pSocket);
     return 0;
