@@ -20,7 +20,9 @@ TEST(Handle, WhatIsNoneFailsEverywhere)
 {
     HANDLE const hClosed = MakeEvent();
     CloseHandle(hClosed);
-    HANDLE const aNone[] = {nullptr, hClosed, reinterpret_cast<HANDLE>(0x7FFFFFF0),
+    // Windows gives a number again at once, to anything that the system opens for itself.
+    HANDLE const aNone[] = {nullptr, kIsPosix ? hClosed : nullptr,
+                            reinterpret_cast<HANDLE>(0x7FFFFFF0),
                             reinterpret_cast<HANDLE>(0x7FFF0000)};
     for (HANDLE hNone : aNone) {
         SCOPED_TRACE(hNone);

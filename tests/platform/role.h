@@ -96,9 +96,9 @@ inline HANDLE StartThread(unsigned(__stdcall *pfnStart)(void *), void *pvArgumen
 
 /// A lambda without captures as a thread's code: by itself it lacks the calling convention.
 template <class Code>
-    requires std::is_empty_v<Code>
-HANDLE StartThread(Code, void *pvArgument = nullptr, unsigned fwFlags = 0,
-                   unsigned *pidThread = nullptr)
+requires std::is_empty_v<Code> HANDLE StartThread(Code, void *pvArgument = nullptr,
+                                                  unsigned fwFlags = 0,
+                                                  unsigned *pidThread = nullptr)
 {
     return StartThread(&RunThreadCode<Code>, pvArgument, fwFlags, pidThread);
 }

@@ -290,7 +290,9 @@ TEST(Named, LastErrorsOfCreationAndOpening)
     EXPECT_FAILS(OpenMutexA(MUTEX_ALL_ACCESS, FALSE, strUpper.c_str()), ERROR_FILE_NOT_FOUND);
     EXPECT_FAILS(OpenMutexA(MUTEX_ALL_ACCESS, FALSE, nullptr), ERROR_INVALID_PARAMETER);
     EXPECT_FAILS(CreateMutexA(nullptr, FALSE, ("a\\" + strName).c_str()), ERROR_PATH_NOT_FOUND);
-    EXPECT_FAILS(CreateMutexA(nullptr, FALSE, strLong.c_str()), ERROR_FILENAME_EXCED_RANGE);
+    if (kIsPosix) { // Windows says the same, Wine takes any length
+        EXPECT_FAILS(CreateMutexA(nullptr, FALSE, strLong.c_str()), ERROR_FILENAME_EXCED_RANGE);
+    }
     hMutex.Close();
     EXPECT_FAILS(OpenMutexA(MUTEX_ALL_ACCESS, FALSE, strName.c_str()), ERROR_FILE_NOT_FOUND);
     for (char const *pszNone : {static_cast<char const *>(nullptr), ""}) {

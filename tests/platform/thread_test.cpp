@@ -151,12 +151,15 @@ TEST(Thread, WhatCannotBeStarted)
 
 TEST(Thread, LastErrorIsItsOwn)
 {
+    CTestHandle const hThread(StartThread(
+        [](void *) -> unsigned {
+            SetLastError(2);
+            return GetLastError();
+        },
+        nullptr, CREATE_SUSPENDED));
     SetLastError(1);
-    EXPECT_EQ(OnOtherThread([] {
-                  SetLastError(2);
-                  return GetLastError();
-              }),
-              2u);
+    EXPECT_EQ(ResumeThread(hThread), 1u);
+    EXPECT_EQ(ExitCodeOf(hThread), 2u);
     EXPECT_EQ(GetLastError(), 1u);
 }
 
