@@ -29,27 +29,3 @@ void PlatHookThreadExit()
         },
         nullptr, &__dso_handle);
 }
-
-void COwnedLock::Own(void (*pfnAbandon)(COwnedLock &))
-{
-    PlatHookThreadExit();
-    m_pOwner.store(&t_plThread, std::memory_order_relaxed);
-    m_cRecursion = 1;
-    m_pfnAbandon = pfnAbandon;
-    m_pPrevOwned = nullptr;
-    m_pNextOwned = t_plThread.m_pFirstOwned;
-    if (m_pNextOwned)
-        m_pNextOwned->m_pPrevOwned = this;
-    t_plThread.m_pFirstOwned = this;
-}
-
-bool COwnedLock::Leave()
-{
-    if (--m_cRecursion > 0)
-        return false;
-    (m_pPrevOwned ? m_pPrevOwned->m_pNextOwned : t_plThread.m_pFirstOwned) = m_pNextOwned;
-    if (m_pNextOwned)
-        m_pNextOwned->m_pPrevOwned = m_pPrevOwned;
-    m_pOwner.store(nullptr, std::memory_order_relaxed);
-    return true;
-}

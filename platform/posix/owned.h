@@ -43,10 +43,31 @@ public:
 
     /// The first hold, by the thread that has just acquired the mutex. pfnAbandon gives it up, marked as
     /// abandoned; it is called if the thread ends as the owner.
-    void Own(void (*pfnAbandon)(COwnedLock &));
+    void Own(void (*pfnAbandon)(COwnedLock &))
+    {
+        if (!t_plThread.m_fExitHooked)
+            PlatHookThreadExit();
+        m_pOwner.store(&t_plThread, std::memory_order_relaxed);
+        m_cRecursion = 1;
+        m_pfnAbandon = pfnAbandon;
+        m_pPrevOwned = nullptr;
+        m_pNextOwned = t_plThread.m_pFirstOwned;
+        if (m_pNextOwned)
+            m_pNextOwned->m_pPrevOwned = this;
+        t_plThread.m_pFirstOwned = this;
+    }
 
     /// One hold less; the caller owns it. True when that was the last, and the mutex is to be let go.
-    bool Leave();
+    bool Leave()
+    {
+        if (--m_cRecursion > 0)
+            return false;
+        (m_pPrevOwned ? m_pPrevOwned->m_pNextOwned : t_plThread.m_pFirstOwned) = m_pNextOwned;
+        if (m_pNextOwned)
+            m_pNextOwned->m_pPrevOwned = m_pPrevOwned;
+        m_pOwner.store(nullptr, std::memory_order_relaxed);
+        return true;
+    }
 
 protected:
     constexpr COwnedLock() = default;

@@ -57,12 +57,14 @@ private:
     std::atomic<std::uint32_t> m_start{eTS_SUSPENDED};
     std::atomic<DWORD> m_dwExitCode{0};
 
-    std::mutex m_lock; // the fields below; a leaf but for the join
+    std::mutex m_joining; // held by the one who joins, and so for as long as the thread runs
+    bool m_fJoined = false;
+
+    std::mutex m_lock; // the fields below; a leaf
     DWORD m_cSuspended;
     int m_nPriority = THREAD_PRIORITY_NORMAL;
     bool m_fEnded = false;
     bool m_fCreated = false;
-    bool m_fJoined = false;
 };
 
 // The thread object of a thread that _beginthreadex started, null on all others.
@@ -87,10 +89,11 @@ int NiceOf(int nPriority)
 /// once, so one below the default changes nothing.
 bool SetStack(pthread_attr_t &attr, unsigned cbStack, unsigned fwFlags)
 {
-    std::size_t cbDefault = 0;
+    std::size_t cb = cbStack, cbDefault = 0;
+    if (cb == 0)
+        return true;
     pthread_attr_getstacksize(&attr, &cbDefault);
-    std::size_t cb = cbStack;
-    if (cb == 0 || ((fwFlags & STACK_SIZE_PARAM_IS_A_RESERVATION) == 0 && cb <= cbDefault))
+    if ((fwFlags & STACK_SIZE_PARAM_IS_A_RESERVATION) == 0 && cb <= cbDefault)
         return true;
     auto const cbMin = static_cast<std::size_t>(sysconf(_SC_THREAD_STACK_MIN));
     std::size_t const cbPage = 4096;
@@ -118,8 +121,8 @@ bool CThreadObject::Start(CHandleSlot &slot, unsigned cbStack, unsigned fwFlags)
         m_start.store(eTS_STARTED, std::memory_order_relaxed);
     pthread_attr_t attr;
     pthread_attr_init(&attr);
-    // Under the lock, since the thread itself may be quick to ask for its priority.
-    std::lock_guard guard(m_lock);
+    // No lock: until the caller has its handle the thread itself is the only other to be here, and it
+    // does not look at these two.
     m_fCreated = SetStack(attr, cbStack, fwFlags) &&
                  pthread_create(&m_thread, &attr, &CThreadObject::Main, this) == 0;
     pthread_attr_destroy(&attr);
@@ -174,14 +177,19 @@ void CThreadObject::End()
 
 DWORD CThreadObject::Wait(DWORD dwMilliseconds)
 {
-    DWORD const dwResult = SlotWait(*m_pSlot, dwMilliseconds);
-    if (dwResult != WAIT_OBJECT_0)
-        return dwResult;
-    // The last steps of the thread are still to come, but nothing of its owner's any more.
-    std::lock_guard guard(m_lock);
-    if (!m_fJoined && !pthread_equal(m_thread, pthread_self()))
+    // The first who waits for as long as it takes sleeps in the join itself, which saves waking it at
+    // the thread's last steps only to have it wait for those too.
+    bool const fSelf = pthread_equal(m_thread, pthread_self());
+    std::unique_lock joining(m_joining, std::defer_lock);
+    if (dwMilliseconds != INFINITE || fSelf || !joining.try_lock()) {
+        DWORD const dwResult = SlotWait(*m_pSlot, dwMilliseconds);
+        if (dwResult != WAIT_OBJECT_0 || fSelf)
+            return dwResult;
+        joining.lock(); // short: the thread has ended
+    }
+    if (!m_fJoined)
         m_fJoined = pthread_join(m_thread, nullptr) == 0;
-    return dwResult;
+    return WAIT_OBJECT_0;
 }
 
 void CThreadObject::LetGo(std::uint32_t eStart)
