@@ -51,7 +51,7 @@ LONG RegOpenKeyExA(HKEY hKey, char const *pszSubKey, DWORD dwOptions, REGSAM dwA
 // As Win32: pszValue null or "" is the key's own value; pdwReserved must be null; pdwType may be
 // null. *pcbData is the size of pData in bytes before and of the value after the call; sizes of
 // texts count their terminator. A null pData only asks for the size. ERROR_MORE_DATA: pData is too
-// small, *pcbData is the size needed and pData is as it was. ERROR_FILE_NOT_FOUND: no such value.
+// small, *pcbData is the size needed and pData is as it was. ERROR_FILE_NOT_FOUND: no such value, nothing is changed.
 LONG RegQueryValueExA(HKEY hKey, char const *pszValue, DWORD *pdwReserved, DWORD *pdwType,
                       BYTE *pData, DWORD *pcbData);
 

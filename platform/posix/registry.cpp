@@ -352,13 +352,8 @@ LONG RegQueryValueExA(HKEY hKey, char const *pszValue, DWORD *pdwReserved, DWORD
             return ERROR_ACCESS_DENIED;
         }
         auto const i = key.pKey->values.find(Utf8Fold(pszValue != nullptr ? pszValue : ""));
-        if (i != key.pKey->values.end()) {
-            return CopyValue(i->second, pdwType, pData, pcbData);
-        }
-        if (pcbData != nullptr) {
-            *pcbData = 0;
-        }
-        return ERROR_FILE_NOT_FOUND;
+        return i != key.pKey->values.end() ? CopyValue(i->second, pdwType, pData, pcbData)
+                                           : LONG{ERROR_FILE_NOT_FOUND};
     });
 }
 

