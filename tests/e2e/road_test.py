@@ -195,16 +195,18 @@ class ProgramTest(RoadTest):
                 ("QOMA_NOTIFYMON", ["--on", "sun"]), ("QOMA_NOTIFYMON", ["--option", ""]),
                 ("QOMA_NOTIFYMON", ["--nonsense"]), ("QOMA_NOTIFYMON", ["stray"]),
                 ("QOMA_MFPSIM", ["--port", "65536"]), ("QOMA_MFPSIM", ["--listen", "not an address"]),
-                ("QOMA_MFPSIM", ["--script", "/does/not/exist"]), ("QOMA_MFPSIM", ["--nonsense"])):
+                ("QOMA_MFPSIM", ["--script", "/does/not/exist"]), ("QOMA_MFPSIM", ["--nonsense"]),
+                ("QOMA_TRACEDECK", ["--bogus"]), ("QOMA_TRACEDECK", ["--title"]), ("QOMA_TRACEDECK", ["stray"])):
             with self.subTest(variable=variable, arguments=arguments):
                 code, lines = self.run_to_end(variable, *arguments)
                 self.assertEqual((2, 1, 0), (code, len(lines["err"]), len(lines["out"])), lines)
 
     def test_help_is_not_an_error(self):
-        for variable in ("QOMA_NOTIFYMON", "QOMA_MFPSIM"):
+        for variable, option in (("QOMA_NOTIFYMON", "--port"), ("QOMA_MFPSIM", "--port"),
+                                 ("QOMA_TRACEDECK", "--title")):
             code, lines = self.run_to_end(variable, "--help")
             self.assertEqual(0, code)
-            self.assertIn("--port", "\n".join(lines["out"]))
+            self.assertIn(option, "\n".join(lines["out"]))
 
     def test_failures_are_named(self):
         with socket.socket() as closed:

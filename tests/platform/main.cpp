@@ -1,5 +1,7 @@
 #include "tests/platform/role.h"
 
+#include "platform/file.h"
+
 #include <cstring>
 #include <map>
 
@@ -18,16 +20,38 @@ CTestRole::CTestRole(char const *pszName, int (*pfnRun)(std::string const &))
     Roles()[pszName] = pfnRun;
 }
 
-CRoleProcess::CRoleProcess(char const *pszRole, std::string const &strArgument)
+std::string OwnProgram()
 {
     char szProgram[MAX_PATH * 4] = "";
-    GetModuleFileNameA(nullptr, szProgram, sizeof szProgram);
-    std::string strLine =
-        std::string("\"") + szProgram + "\" --role " + pszRole + " \"" + strArgument + "\"";
+    EXPECT_NE(GetModuleFileNameA(nullptr, szProgram, sizeof szProgram), 0u);
+    return szProgram;
+}
+
+PROCESS_INFORMATION StartProgram(std::string strLine, HANDLE hOut, HANDLE hErr, DWORD dwFlags,
+                                 char *pszEnvironment, char const *pszFolder)
+{
     STARTUPINFOA startup{};
     startup.cb = sizeof startup;
-    EXPECT_TRUE(CreateProcessA(nullptr, strLine.data(), nullptr, nullptr, FALSE, 0, nullptr,
-                               nullptr, &startup, &m_info));
+    startup.dwFlags = hOut != nullptr ? STARTF_USESTDHANDLES : 0;
+    startup.hStdOutput = hOut;
+    startup.hStdError = hErr;
+    for (HANDLE const hStream : {hOut, hErr}) {
+        EXPECT_TRUE(!hStream ||
+                    SetHandleInformation(hStream, HANDLE_FLAG_INHERIT, HANDLE_FLAG_INHERIT));
+    }
+    PROCESS_INFORMATION info{};
+    EXPECT_TRUE(CreateProcessA(nullptr, strLine.data(), nullptr, nullptr, hOut != nullptr, dwFlags,
+                               pszEnvironment, pszFolder, &startup, &info))
+        << strLine << ": " << GetLastError();
+    for (HANDLE const hStream : {hOut, hErr})
+        EXPECT_TRUE(!hStream || CloseHandle(hStream));
+    return info;
+}
+
+CRoleProcess::CRoleProcess(char const *pszRole, std::string const &strArgument)
+    : CRoleProcess(
+          StartProgram("\"" + OwnProgram() + "\" --role " + pszRole + " \"" + strArgument + "\""))
+{
 }
 
 CRoleProcess::~CRoleProcess()

@@ -5,11 +5,10 @@
 #include "platform/process.h"
 #include "platform/sync.h"
 #include "platform/thread.h"
+#include "tests/support/guards.h"
 
-#include <gtest/gtest.h>
-#include <random>
-#include <string>
-#include <thread>
+#include <fstream>
+#include <iterator>
 #include <type_traits>
 #include <vector>
 
@@ -18,10 +17,19 @@ struct CTestRole {
     CTestRole(char const *pszName, int (*pfnRun)(std::string const &strArgument));
 };
 
-/// The program in a role, ended at the latest with the block.
+/// Where this program lies.
+std::string OwnProgram();
+
+/// Starts a command line, with its output and errors in the given files or pipes, which it closes.
+PROCESS_INFORMATION StartProgram(std::string strLine, HANDLE hOut = nullptr, HANDLE hErr = nullptr,
+                                 DWORD dwFlags = 0, char *pszEnvironment = nullptr,
+                                 char const *pszFolder = nullptr);
+
+/// A program, mostly this one in a role, ended at the latest with the block.
 class CRoleProcess {
 public:
     CRoleProcess(char const *pszRole, std::string const &strArgument);
+    explicit CRoleProcess(PROCESS_INFORMATION const &info) : m_info(info) {}
     ~CRoleProcess();
     CRoleProcess(CRoleProcess const &) = delete;
     CRoleProcess &operator=(CRoleProcess const &) = delete;
@@ -30,8 +38,7 @@ public:
     /// Waits for its end.
     DWORD ExitCode();
 
-private:
-    PROCESS_INFORMATION m_info{};
+    PROCESS_INFORMATION const m_info;
 };
 
 /// How long a wait may take that a broken build alone lets run out, in milliseconds.
@@ -79,6 +86,23 @@ inline std::string UniqueName(char const *pszWhat)
     std::random_device random;
     return std::string("qoma test/") + pszWhat + " " + std::to_string(random()) +
            std::to_string(random());
+}
+
+inline std::string Contents(std::string const &strName)
+{
+    std::ifstream file(strName, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+inline void Fill(std::string const &strName, std::string const &strContents)
+{
+    std::ofstream(strName, std::ios::binary) << strContents;
+}
+
+/// Processes tell each other by files how far they are.
+inline bool WaitForFile(std::string const &strName)
+{
+    return WaitFor([&] { return std::filesystem::exists(strName); });
 }
 
 template <class Code>

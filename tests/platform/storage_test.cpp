@@ -1,10 +1,6 @@
 #include "platform/storage.h"
 
 #include "tests/platform/role.h"
-#include "tests/support/guards.h"
-
-#include <fstream>
-#include <iterator>
 
 namespace {
 
@@ -19,15 +15,25 @@ constexpr CLSID kClsid = {0x12345678, 0x9ABC, 0xDEF0, {1, 2, 3, 4, 5, 6, 7, 8}};
         EXPECT_TRUE(kIsPosix ? hrGot == (hrExpected) : FAILED(hrGot)) << std::hex << hrGot;        \
     } while (false)
 
-struct ComRelease {
-    template <class T>
-    void operator()(T *pObject) const
+template <class T>
+class CComPtr {
+public:
+    ~CComPtr() { Reset(); }
+    void Reset()
     {
-        pObject->Release();
+        if (T *p = std::exchange(m_p, nullptr))
+            p->Release();
     }
+    T **Out()
+    {
+        Reset();
+        return &m_p;
+    }
+    T *operator->() const { return m_p; }
+    T *m_p = nullptr;
 };
-using StoragePtr = std::unique_ptr<IStorage, ComRelease>;
-using StreamPtr = std::unique_ptr<IStream, ComRelease>;
+using Storage = CComPtr<IStorage>;
+using Stream = CComPtr<IStream>;
 
 // Test paths are ASCII.
 std::basic_string<OLECHAR> Wide(std::string const &str)
@@ -35,369 +41,273 @@ std::basic_string<OLECHAR> Wide(std::string const &str)
     return {str.begin(), str.end()};
 }
 
-std::string Contents(std::string const &strName)
-{
-    std::ifstream file(strName, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
-
-void Fill(std::string const &strName, std::string const &strContents)
-{
-    std::ofstream(strName, std::ios::binary) << strContents;
-}
-
+// Numbers in the file have this machine's order of bytes.
 std::uint32_t Dword(std::string const &str, std::size_t n)
 {
     std::uint32_t dw = 0;
-    for (std::size_t i = 4; i-- != 0;) {
-        dw = dw << 8 | static_cast<unsigned char>(str.at(n + i));
-    }
+    str.copy(reinterpret_cast<char *>(&dw), sizeof dw, n);
     return dw;
 }
 
 void Patch(std::string const &strName, std::size_t n, std::uint32_t dw)
 {
     std::fstream file(strName, std::ios::binary | std::ios::in | std::ios::out);
-    file.seekp(static_cast<std::streamoff>(n));
-    for (int i = 0; i < 4; ++i) {
-        file.put(static_cast<char>(dw >> 8 * i));
-    }
+    file.seekp(static_cast<std::streamoff>(n)).write(reinterpret_cast<char const *>(&dw), 4);
 }
 
-HRESULT Create(std::string const &strName, StoragePtr &pStorage, DWORD dwMode = kdwCreate)
+HRESULT Create(std::string const &strName, Storage &storage, DWORD dwMode = kdwCreate)
 {
-    IStorage *p = nullptr;
-    HRESULT const hr = StgCreateDocfile(Wide(strName).c_str(), dwMode, 0, &p);
-    pStorage.reset(p);
-    return hr;
+    return StgCreateDocfile(Wide(strName).c_str(), dwMode, 0, storage.Out());
 }
 
-HRESULT Open(std::string const &strName, StoragePtr &pStorage, DWORD dwMode = kdwOpen)
+HRESULT Open(std::string const &strName, Storage &storage, DWORD dwMode = kdwOpen)
 {
-    IStorage *p = nullptr;
-    HRESULT const hr = StgOpenStorage(Wide(strName).c_str(), nullptr, dwMode, nullptr, 0, &p);
-    pStorage.reset(p);
-    return hr;
+    return StgOpenStorage(Wide(strName).c_str(), nullptr, dwMode, nullptr, 0, storage.Out());
 }
 
-HRESULT CreateStream(StoragePtr const &pStorage, OLECHAR const *pszName, StreamPtr &pStream,
+HRESULT CreateStream(Storage const &storage, OLECHAR const *pszName, Stream &stream,
                      DWORD dwMode = kdwCreate)
 {
-    IStream *p = nullptr;
-    HRESULT const hr = pStorage->CreateStream(pszName, dwMode, 0, 0, &p);
-    pStream.reset(p);
-    return hr;
+    return storage->CreateStream(pszName, dwMode, 0, 0, stream.Out());
 }
 
-HRESULT OpenStream(StoragePtr const &pStorage, OLECHAR const *pszName, StreamPtr &pStream,
+HRESULT OpenStream(Storage const &storage, OLECHAR const *pszName, Stream &stream,
                    DWORD dwMode = kdwOpen)
 {
-    IStream *p = nullptr;
-    HRESULT const hr = pStorage->OpenStream(pszName, nullptr, dwMode, 0, &p);
-    pStream.reset(p);
-    return hr;
+    return storage->OpenStream(pszName, nullptr, dwMode, 0, stream.Out());
 }
 
-bool Write(StreamPtr const &pStream, std::string const &str)
+bool Write(Stream const &stream, std::string const &str)
 {
     ULONG cb = 99;
-    return pStream->Write(str.data(), static_cast<ULONG>(str.size()), &cb) == S_OK &&
+    return stream->Write(str.data(), static_cast<ULONG>(str.size()), &cb) == S_OK &&
            cb == str.size();
 }
 
-std::string Read(StreamPtr const &pStream, std::size_t cb = std::size_t{1} << 27)
+std::string Read(Stream const &stream)
 {
     std::string str;
-    std::string strPart(std::min<std::size_t>(cb, 1 << 20), '?');
-    ULONG cbRead = 1;
-    while (str.size() < cb && cbRead != 0 &&
-           SUCCEEDED(pStream->Read(strPart.data(), static_cast<ULONG>(strPart.size()), &cbRead))) {
-        str.append(strPart, 0, cbRead);
-    }
+    std::string strPart(1 << 20, '?');
+    ULONG cb = 1;
+    while (cb != 0 && SUCCEEDED(stream->Read(strPart.data(), 1 << 20, &cb)))
+        str.append(strPart, 0, cb);
     return str;
 }
 
-std::string StreamOf(StoragePtr const &pStorage, OLECHAR const *pszName)
+std::string StreamOf(Storage const &storage, OLECHAR const *pszName)
 {
-    StreamPtr pStream;
-    EXPECT_EQ(OpenStream(pStorage, pszName, pStream), S_OK);
-    return pStream ? Read(pStream) : "(none)";
+    Stream stream;
+    return OpenStream(storage, pszName, stream) == S_OK ? Read(stream) : "(none)";
 }
 
-HRESULT Seek(StreamPtr const &pStream, std::int64_t nMove, DWORD dwOrigin,
-             std::uint64_t *pnPosition)
+/// The new position, or the failure.
+std::int64_t Seek(Stream const &stream, std::int64_t nMove, DWORD dwOrigin)
 {
     LARGE_INTEGER move;
     move.QuadPart = nMove;
     ULARGE_INTEGER position;
-    position.QuadPart = *pnPosition;
-    HRESULT const hr = pStream->Seek(move, dwOrigin, &position);
-    *pnPosition = position.QuadPart;
-    return hr;
+    HRESULT const hr = stream->Seek(move, dwOrigin, &position);
+    return FAILED(hr) ? hr : static_cast<std::int64_t>(position.QuadPart);
 }
 
 std::string Pattern(std::size_t cb)
 {
-    std::string strUnit; // its length has nothing in common with that of a sector
-    for (int i = 0; i < 1009; ++i) {
-        strUnit += static_cast<char>(i * 7 + i / 251);
-    }
-    std::string str;
-    while (str.size() < cb) {
-        str += strUnit;
-    }
-    str.resize(cb);
+    std::string str(cb, '?');
+    for (std::size_t i = 0; i < cb; ++i)
+        str[i] = static_cast<char>(i % 1009 * 7 + i % 1009 / 251); // no multiple of a sector
     return str;
 }
 
-void WriteFile(std::string const &strName, std::string const &strContents)
+void MakeFile(std::string const &strName, std::string const &strContents)
 {
-    StoragePtr pStorage;
-    StreamPtr pStream;
-    ASSERT_EQ(Create(strName, pStorage), S_OK);
-    ASSERT_EQ(CreateStream(pStorage, L"CONTENTS", pStream), S_OK);
-    EXPECT_TRUE(Write(pStream, strContents));
-    EXPECT_EQ(WriteClassStg(pStorage.get(), kClsid), S_OK);
+    Storage storage;
+    Stream stream;
+    ASSERT_EQ(Create(strName, storage), S_OK);
+    ASSERT_EQ(CreateStream(storage, L"CONTENTS", stream), S_OK);
+    EXPECT_TRUE(Write(stream, strContents));
+    EXPECT_EQ(WriteClassStg(storage.m_p, kClsid), S_OK);
     OLECHAR szType[] = L"A type \x20AC";
-    EXPECT_EQ(WriteFmtUserTypeStg(pStorage.get(), 1, szType), S_OK);
-    pStream.reset();
+    EXPECT_EQ(WriteFmtUserTypeStg(storage.m_p, 1, szType), S_OK);
+    stream.Reset();
 }
 
 void CheckFile(std::string const &strName, std::string const &strContents)
 {
-    StoragePtr pStorage;
-    ASSERT_EQ(Open(strName, pStorage), S_OK);
-    EXPECT_TRUE(StreamOf(pStorage, L"CONTENTS") == strContents) << strContents.size();
+    Storage storage;
+    ASSERT_EQ(Open(strName, storage), S_OK);
+    EXPECT_TRUE(StreamOf(storage, L"CONTENTS") == strContents) << strContents.size();
     CLSID clsid = {};
-    EXPECT_EQ(ReadClassStg(pStorage.get(), &clsid), S_OK);
+    EXPECT_EQ(ReadClassStg(storage.m_p, &clsid), S_OK);
     EXPECT_TRUE(clsid == kClsid);
 }
 
 /// Opens what may be damaged and reads what it says it holds. Whether it opened.
 bool Survives(std::string const &strName)
 {
-    StoragePtr pStorage;
-    if (FAILED(Open(strName, pStorage))) {
+    Storage storage;
+    if (FAILED(Open(strName, storage)))
         return false;
-    }
-    for (OLECHAR const *pszName : {L"CONTENTS", L"\1CompObj", L"small"}) {
-        StreamPtr pStream;
-        if (SUCCEEDED(OpenStream(pStorage, pszName, pStream))) {
-            Read(pStream);
-        }
-    }
+    for (OLECHAR const *pszName : {L"CONTENTS", L"\1CompObj"})
+        StreamOf(storage, pszName);
     return true;
 }
 
 CTestRole const g_try("try-storage", [](std::string const &strName) {
-    StoragePtr pStorage;
-    EXPECT_REFUSED(Open(strName, pStorage), STG_E_SHAREVIOLATION);
-    EXPECT_REFUSED(Create(strName, pStorage), STG_E_SHAREVIOLATION);
+    Storage storage;
+    EXPECT_REFUSED(Open(strName, storage), STG_E_SHAREVIOLATION);
+    EXPECT_REFUSED(Create(strName, storage), STG_E_SHAREVIOLATION);
     return testing::Test::HasFailure() ? 1 : 0;
 });
 
 CTestRole const g_writer("write-storage", [](std::string const &strName) {
-    StoragePtr pStorage;
-    StreamPtr pStream;
-    bool const fNew = Open(strName, pStorage) != S_OK;
-    if (fNew) {
-        Create(strName, pStorage);
-        CreateStream(pStorage, L"CONTENTS", pStream);
-    } else {
-        OpenStream(pStorage, L"CONTENTS", pStream);
-    }
-    bool const fWritten = Write(pStream, Pattern(500'000));
-    Fill(strName + ".written", fWritten ? "yes" : "no");
+    Storage storage;
+    Stream stream;
+    if (Open(strName, storage) != S_OK)
+        Create(strName, storage);
+    if (OpenStream(storage, L"CONTENTS", stream) != S_OK)
+        CreateStream(storage, L"CONTENTS", stream);
+    if (Write(stream, Pattern(500'000)))
+        Fill(strName + ".written", "");
     Sleep(INFINITE);
     return 0;
 });
 
+class StorageTest : public testing::Test {
+protected:
+    CTempDir dir;
+    std::string const strName = dir.File("file.cfb");
+};
+
 } // namespace
 
-TEST(StorageTest, ContentsOfEverySizeComeBack)
+TEST_F(StorageTest, ContentsOfEverySizeComeBack)
 {
-    CTempDir const dir;
     for (std::size_t const cb : {0u, 1u, 63u, 64u, 4095u, 4096u, 1u << 20, 64u << 20}) {
-        std::string const strContents = Pattern(cb);
-        std::string const strName = dir.File("file.cfb");
-        WriteFile(strName, strContents);
-        CheckFile(strName, strContents);
+        MakeFile(strName, Pattern(cb));
+        CheckFile(strName, Pattern(cb));
     }
 }
 
-TEST(StorageTest, OtherReadersListTheStreams)
+TEST_F(StorageTest, TheTypeRecordIsTheOneThatOthersRead)
 {
-    CTempDir const dir;
-    std::string const strName = dir.File("file.cfb");
-    std::string const strOut = dir.File("out");
-    WriteFile(strName, Pattern(5000));
-    PlatEnvType const aVariables[] = {{"FILE", strName.c_str()}, {"OUT", strOut.c_str()}};
-    DWORD dwExit = 99;
-    ASSERT_TRUE(
-        PlatRunCommand("(gsf cat \"$FILE\" CONTENTS || 7z e -so \"$FILE\" CONTENTS) > \"$OUT\"",
-                       aVariables, 2, kdwLimit, &dwExit));
-    if (!kIsPosix || dwExit == 127) {
-        GTEST_SKIP() << "neither gsf nor 7z is installed";
-    }
-    EXPECT_EQ(dwExit, 0u);
-    EXPECT_TRUE(Contents(strOut) == Pattern(5000));
-}
-
-TEST(StorageTest, TheTypeRecordIsTheOneThatOthersRead)
-{
-    CTempDir const dir;
-    WriteFile(dir.File("file.cfb"), "");
-    StoragePtr pStorage;
-    ASSERT_EQ(Open(dir.File("file.cfb"), pStorage), S_OK);
-    std::string const str = StreamOf(pStorage, L"\1CompObj");
+    MakeFile(strName, "");
+    Storage storage;
+    ASSERT_EQ(Open(strName, storage), S_OK);
+    std::string const str = StreamOf(storage, L"\1CompObj");
     // Header and class, then the text in the old character set (whose euro sign depends on the system).
-    std::string const strClass("\x78\x56\x34\x12\xBC\x9A\xF0\xDE\1\2\3\4\5\6\7\x08", 16);
-    ASSERT_GE(str.size(), 28u + 13);
-    EXPECT_EQ(str.substr(8, 4), "\xFF\xFF\xFF\xFF");
-    EXPECT_EQ(str.substr(12, 16), strClass);
-    EXPECT_EQ(str.substr(28, 11), std::string("\x09\0\0\0A type ", 11));
-    EXPECT_EQ(str[40], '\0');
+    std::string const strHead("\xFF\xFF\xFF\xFF\x78\x56\x34\x12\xBC\x9A\xF0\xDE\1\2\3\4\5\6\7\x08"
+                              "\x09\0\0\0A type ",
+                              31);
+    ASSERT_GE(str.size(), 41u);
+    EXPECT_EQ(str.substr(8, 31), strHead);
     if (kIsPosix) {
-        EXPECT_EQ(str.substr(41, 8), std::string("\xFF\xFF\xFF\xFF\1\0\0\0", 8));
-        EXPECT_EQ(str.substr(49),
-                  std::string("\0\0\0\0\xF4\x39\xB2\x71\x09\0\0\0A\0 \0t\0y\0p\0e\0 \0\xAC\x20\0\0"
-                              "\xFF\xFF\xFF\xFF\1\0\0\0\0\0\0\0",
-                              42));
+        EXPECT_EQ(str.substr(40), std::string("\0\xFF\xFF\xFF\xFF\1\0\0\0\0\0\0\0\xF4\x39\xB2\x71"
+                                              "\x09\0\0\0A\0 \0t\0y\0p\0e\0 \0\xAC\x20\0\0"
+                                              "\xFF\xFF\xFF\xFF\1\0\0\0\0\0\0\0",
+                                              51));
     }
 }
 
-TEST(StorageTest, WritingToAFileKeepsTheRestOfIt)
+TEST_F(StorageTest, WritingToAFileKeepsTheRestOfIt)
 {
-    CTempDir const dir;
-    std::string const strName = dir.File("file.cfb");
-    WriteFile(strName, Pattern(10'000));
-    StoragePtr pStorage;
-    StreamPtr pStream;
-    ASSERT_EQ(Open(strName, pStorage), S_OK);
-    std::string const strType = StreamOf(pStorage, L"\1CompObj");
-    ASSERT_EQ(CreateStream(pStorage, L"small", pStream, STGM_SHARE_EXCLUSIVE | STGM_READWRITE),
-              S_OK);
-    EXPECT_TRUE(Write(pStream, "one two"));
-    ASSERT_EQ(OpenStream(pStorage, L"contents", pStream), S_OK); // names have no case
-    EXPECT_TRUE(Write(pStream, "start"));
-    std::uint64_t nPosition = 0;
-    EXPECT_EQ(Seek(pStream, 200'000, STREAM_SEEK_SET, &nPosition), S_OK);
-    EXPECT_EQ(nPosition, 200'000u);
-    EXPECT_TRUE(Write(pStream, "end"));
-    EXPECT_EQ(Seek(pStream, -5, STREAM_SEEK_END, &nPosition), S_OK);
-    EXPECT_EQ(Read(pStream, 10), std::string("\0\0end", 5));
+    MakeFile(strName, Pattern(10'000));
+    Storage storage;
+    Stream stream;
+    ASSERT_EQ(Open(strName, storage), S_OK);
+    std::string const strType = StreamOf(storage, L"\1CompObj");
+    ASSERT_EQ(CreateStream(storage, L"small", stream, STGM_SHARE_EXCLUSIVE | STGM_READWRITE), S_OK);
+    EXPECT_TRUE(Write(stream, "one two"));
+    ASSERT_EQ(OpenStream(storage, L"contents", stream), S_OK) << "names have no case";
+    EXPECT_TRUE(Write(stream, "start"));
+    EXPECT_EQ(Seek(stream, 200'000, STREAM_SEEK_SET), 200'000);
+    EXPECT_TRUE(Write(stream, "end"));
+    EXPECT_EQ(Seek(stream, -5, STREAM_SEEK_END), 199'998);
+    EXPECT_EQ(Read(stream), std::string("\0\0end", 5));
     if (kIsPosix) { // not every ole32 minds
-        EXPECT_EQ(Seek(pStream, -1, STREAM_SEEK_SET, &nPosition), STG_E_INVALIDFUNCTION);
+        EXPECT_EQ(Seek(stream, -1, STREAM_SEEK_SET), STG_E_INVALIDFUNCTION);
     }
-    EXPECT_EQ(Seek(pStream, -1, STREAM_SEEK_CUR, &nPosition), S_OK);
-    EXPECT_EQ(nPosition, 200'002u);
-    pStream.reset();
-    pStorage.reset();
+    EXPECT_EQ(Seek(stream, -1, STREAM_SEEK_CUR), 200'002);
+    stream.Reset();
 
-    ASSERT_EQ(Open(strName, pStorage), S_OK);
+    ASSERT_EQ(Open(strName, storage), S_OK);
     std::string strExpected = "start" + Pattern(10'000).substr(5);
     strExpected.resize(200'000);
-    EXPECT_TRUE(StreamOf(pStorage, L"CONTENTS") == strExpected + "end");
-    EXPECT_EQ(StreamOf(pStorage, L"small"), "one two");
-    EXPECT_EQ(StreamOf(pStorage, L"\1CompObj"), strType);
+    EXPECT_TRUE(StreamOf(storage, L"CONTENTS") == strExpected + "end");
+    EXPECT_EQ(StreamOf(storage, L"small"), "one two");
+    EXPECT_EQ(StreamOf(storage, L"\1CompObj"), strType);
 }
 
-TEST(StorageTest, RefusalsTellWhatIsWrong)
+TEST_F(StorageTest, RefusalsTellWhatIsWrong)
 {
-    CTempDir const dir;
-    std::string const strName = dir.File("file.cfb");
-    StoragePtr pStorage;
+    Storage storage;
     std::filesystem::create_directory(dir.File("folder"));
     Fill(dir.File("text"), "This is no compound file, however long one looks at it.");
-    Fill(dir.File("empty"), "");
-    EXPECT_REFUSED(Open(dir.File("none"), pStorage), STG_E_FILENOTFOUND);
-    EXPECT_REFUSED(Open(dir.File("none/none"), pStorage), STG_E_PATHNOTFOUND);
-    EXPECT_REFUSED(Create(dir.File("folder"), pStorage), STG_E_ACCESSDENIED);
-    EXPECT_REFUSED(Open(dir.File("text"), pStorage), STG_E_FILEALREADYEXISTS);
-    EXPECT_REFUSED(Open(dir.File("empty"), pStorage), STG_E_FILEALREADYEXISTS);
-    EXPECT_REFUSED(Create(dir.File("text"), pStorage, STGM_SHARE_EXCLUSIVE | STGM_WRITE),
+    EXPECT_REFUSED(Open(dir.File("none/none"), storage), STG_E_PATHNOTFOUND);
+    EXPECT_REFUSED(Create(dir.File("folder"), storage), STG_E_ACCESSDENIED);
+    EXPECT_REFUSED(Open(dir.File("text"), storage), STG_E_FILEALREADYEXISTS);
+    EXPECT_REFUSED(Create(dir.File("text"), storage, STGM_SHARE_EXCLUSIVE | STGM_WRITE),
                    STG_E_FILEALREADYEXISTS);
     EXPECT_EQ(Contents(dir.File("text")).substr(0, 7), "This is");
 
-    WriteFile(strName, "abc");
-    StreamPtr pStream;
-    StreamPtr pOther;
-    ASSERT_EQ(Open(strName, pStorage), S_OK);
-    EXPECT_REFUSED(OpenStream(pStorage, L"none", pStream), STG_E_FILENOTFOUND);
-    EXPECT_REFUSED(CreateStream(pStorage, L"CONTENTS", pStream, kdwOpen), STG_E_FILEALREADYEXISTS);
-    EXPECT_REFUSED(CreateStream(pStorage, L"12345678901234567890123456789012", pStream),
+    MakeFile(strName, "abc");
+    Stream stream;
+    Stream other;
+    ASSERT_EQ(Open(strName, storage), S_OK);
+    EXPECT_REFUSED(CreateStream(storage, L"CONTENTS", stream, kdwOpen), STG_E_FILEALREADYEXISTS);
+    EXPECT_REFUSED(CreateStream(storage, L"12345678901234567890123456789012", stream),
                    STG_E_INVALIDNAME);
-    EXPECT_REFUSED(OpenStream(pStorage, L"CONTENTS", pStream, STGM_READWRITE), STG_E_INVALIDFLAG);
-    ASSERT_EQ(OpenStream(pStorage, L"CONTENTS", pStream), S_OK);
-    EXPECT_REFUSED(OpenStream(pStorage, L"CONTENTS", pOther), STG_E_ACCESSDENIED);
-    if (kIsPosix) {
-        EXPECT_REFUSED(CreateStream(pStorage, L"a/b", pOther), STG_E_INVALIDNAME);
-        std::uint64_t nPosition = 0;
-        EXPECT_EQ(Seek(pStream, std::int64_t{1} << 40, STREAM_SEEK_SET, &nPosition), S_OK);
-        EXPECT_FALSE(Write(pStream, "x")); // of a file this long we could not read again
-        OLECHAR szType[] = L"type";
-        EXPECT_EQ(WriteFmtUserTypeStg(pStorage.get(), 0xC123, szType), DV_E_CLIPFORMAT);
-    }
-    pStorage.reset();
+    EXPECT_REFUSED(OpenStream(storage, L"CONTENTS", stream, STGM_READWRITE), STG_E_INVALIDFLAG);
+    ASSERT_EQ(OpenStream(storage, L"CONTENTS", stream), S_OK);
+    EXPECT_REFUSED(OpenStream(storage, L"CONTENTS", other), STG_E_ACCESSDENIED);
+    storage.Reset();
     char ch;
-    EXPECT_REFUSED(pStream->Read(&ch, 1, nullptr), STG_E_REVERTED);
-    EXPECT_REFUSED(pStream->Write("x", 1, nullptr), STG_E_REVERTED);
+    EXPECT_REFUSED(stream->Read(&ch, 1, nullptr), STG_E_REVERTED);
+    EXPECT_REFUSED(stream->Write("x", 1, nullptr), STG_E_REVERTED);
 
-    ASSERT_EQ(Open(strName, pStorage, STGM_SHARE_EXCLUSIVE | STGM_READ), S_OK);
-    EXPECT_REFUSED(CreateStream(pStorage, L"new", pStream), STG_E_ACCESSDENIED);
-    EXPECT_REFUSED(WriteClassStg(pStorage.get(), kClsid), STG_E_ACCESSDENIED);
+    ASSERT_EQ(Open(strName, storage, STGM_SHARE_EXCLUSIVE | STGM_READ), S_OK);
+    EXPECT_REFUSED(CreateStream(storage, L"new", stream), STG_E_ACCESSDENIED);
+    EXPECT_REFUSED(WriteClassStg(storage.m_p, kClsid), STG_E_ACCESSDENIED);
 }
 
-TEST(StorageTest, AnOpenFileIsNobodyElses)
+TEST_F(StorageTest, AnOpenFileIsNobodyElses)
 {
-    CTempDir const dir;
-    std::string const strName = dir.File("file.cfb");
-    StoragePtr pOther;
+    Storage other;
     for (bool const fNew : {true, false}) {
-        StoragePtr pStorage;
-        ASSERT_EQ(fNew ? Create(strName, pStorage) : Open(strName, pStorage), S_OK);
-        EXPECT_REFUSED(Open(strName, pOther), STG_E_SHAREVIOLATION);
-        EXPECT_REFUSED(Create(strName, pOther), STG_E_SHAREVIOLATION);
+        Storage storage;
+        ASSERT_EQ(fNew ? Create(strName, storage) : Open(strName, storage), S_OK);
+        EXPECT_REFUSED(Open(strName, other), STG_E_SHAREVIOLATION);
+        EXPECT_REFUSED(Create(strName, other), STG_E_SHAREVIOLATION);
         EXPECT_EQ(CRoleProcess("try-storage", strName).ExitCode(), 0u);
     }
-    EXPECT_EQ(Open(strName, pOther), S_OK);
+    EXPECT_EQ(Open(strName, other), S_OK);
 }
 
-TEST(StorageTest, AKilledWriterLeavesTheOldFileOrARefusedOne)
+TEST_F(StorageTest, AKilledWriterLeavesTheOldFileOrARefusedOne)
 {
-    if (!kIsPosix) {
+    if (!kIsPosix)
         GTEST_SKIP() << "Windows writes in place";
-    }
-    CTempDir const dir;
-    std::string const strOld = dir.File("old.cfb");
-    WriteFile(strOld, "old contents");
-    for (std::string const &strName : {strOld, dir.File("new.cfb")}) {
-        CRoleProcess writer("write-storage", strName);
-        ASSERT_TRUE(WaitFor([&] { return Contents(strName + ".written") == "yes"; }));
+    MakeFile(strName, "old contents");
+    for (std::string const &str : {strName, dir.File("new.cfb")}) {
+        CRoleProcess writer("write-storage", str);
+        ASSERT_TRUE(WaitForFile(str + ".written"));
         writer.Kill();
     }
-    CheckFile(strOld, "old contents");
-    StoragePtr pStorage;
-    EXPECT_EQ(Open(dir.File("new.cfb"), pStorage), STG_E_FILEALREADYEXISTS);
+    CheckFile(strName, "old contents");
+    Storage storage;
+    EXPECT_EQ(Open(dir.File("new.cfb"), storage), STG_E_FILEALREADYEXISTS);
     // What the killed ones left beside is taken up and gone after the next writer.
-    WriteFile(strOld, "newer");
-    WriteFile(dir.File("new.cfb"), "newer");
-    CheckFile(strOld, "newer");
-    std::size_t cFiles = 0;
-    for (auto const &entry : std::filesystem::directory_iterator(dir.File(""))) {
-        cFiles += entry.path().extension() == ".written" ? 0 : 1;
-    }
-    EXPECT_EQ(cFiles, 2u);
+    MakeFile(strName, "newer");
+    MakeFile(dir.File("new.cfb"), "newer");
+    CheckFile(strName, "newer");
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.File("")), {}),
+              4); // the two, and what they told
 }
 
-TEST(StorageTest, DamagedFilesAreRefusedOrHarmless)
+TEST_F(StorageTest, DamagedFilesAreRefusedOrHarmless)
 {
-    if (!kIsPosix) {
+    if (!kIsPosix)
         GTEST_SKIP() << "the system's own reader is not ours to test";
-    }
-    CTempDir const dir;
-    std::string const strName = dir.File("file.cfb");
-    WriteFile(strName, Pattern(100'000));
+    MakeFile(strName, Pattern(100'000));
     std::string const strWhole = Contents(strName);
     for (std::size_t cb = 0; cb < strWhole.size(); cb += 1021) {
         Fill(strName, strWhole.substr(0, cb));
@@ -416,34 +326,30 @@ TEST(StorageTest, DamagedFilesAreRefusedOrHarmless)
     }
     EXPECT_TRUE(Contents(strName) == strWhole);
     EXPECT_GT(cRefused, 500u);
-}
 
-TEST(StorageTest, LoopsAndSharedSectorsAreRefused)
-{
-    if (!kIsPosix) {
-        GTEST_SKIP() << "the system's own reader is not ours to test";
-    }
-    CTempDir const dir;
-    std::string const strName = dir.File("file.cfb");
-    WriteFile(strName, Pattern(100'000));
-    std::string const strWhole = Contents(strName);
-    auto const dword = [&](std::size_t n) { return Dword(strWhole, n); };
-    auto const refusal = [&](std::size_t n, std::uint32_t dw) {
-        Patch(strName, n, dw);
-        StoragePtr pStorage;
-        HRESULT const hr = Open(strName, pStorage);
-        Patch(strName, n, dword(n));
-        return hr;
+    // Loops, and sectors of more than one owner.
+    std::uint32_t const dwDirectory = Dword(strWhole, 48);
+    std::size_t const nTable = (Dword(strWhole, 76) + 1) * 512; // from sector 0: the large stream
+    std::size_t const nDirectory = (dwDirectory + 1) * 512; // of 128 bytes: the root, its streams
+    struct {
+        char const *pszWhat;
+        std::size_t n;
+        std::uint32_t dw;
+        HRESULT hrExpected = STG_E_DOCFILECORRUPT;
+    } const aCases[] = {
+        {"nothing changed", nTable + 40, Dword(strWhole, nTable + 40), S_OK},
+        {"a sector that follows itself", nTable + 40, 10},
+        {"a way back", nTable + 40, 3},
+        {"into the directory", nTable + 40, dwDirectory},
+        {"a directory that follows itself", nTable + 4 * dwDirectory, dwDirectory},
+        {"an entry beside itself", nDirectory + 128 + 68, 1},
+        {"the root within itself", nDirectory + 76, 0},
+        {"too long", nDirectory + 128 + 120, 0x7FFFFFFF},
     };
-    std::size_t const nTable = (dword(76) + 1) * 512; // sector 0 and following: the large stream
-    std::size_t const nDirectory =
-        (dword(48) + 1) * 512; // of 128 bytes: the root, then its streams
-    EXPECT_EQ(refusal(nTable + 4 * 10, dword(nTable + 4 * 10)), S_OK); // nothing changed
-    EXPECT_EQ(refusal(nTable + 4 * 10, 10), STG_E_DOCFILECORRUPT); // a sector that follows itself
-    EXPECT_EQ(refusal(nTable + 4 * 10, 3), STG_E_DOCFILECORRUPT);  // a way back
-    EXPECT_EQ(refusal(nTable + 4 * 10, dword(48)), STG_E_DOCFILECORRUPT); // into the directory
-    EXPECT_EQ(refusal(nTable + 4 * dword(48), dword(48)), STG_E_DOCFILECORRUPT);
-    EXPECT_EQ(refusal(nDirectory + 128 + 68, 1), STG_E_DOCFILECORRUPT); // an entry beside itself
-    EXPECT_EQ(refusal(nDirectory + 76, 0), STG_E_DOCFILECORRUPT);       // the root within itself
-    EXPECT_EQ(refusal(nDirectory + 128 + 120, 0x7FFFFFFF), STG_E_DOCFILECORRUPT);
+    for (auto const &test : aCases) {
+        Patch(strName, test.n, test.dw);
+        Storage storage;
+        EXPECT_EQ(Open(strName, storage), test.hrExpected) << test.pszWhat;
+        Patch(strName, test.n, Dword(strWhole, test.n));
+    }
 }

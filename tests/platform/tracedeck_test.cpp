@@ -4,68 +4,34 @@
 #include "platform/file.h"
 #include "platform/window.h"
 #include "tests/platform/role.h"
-#include "tests/support/guards.h"
-
-#include <fstream>
-#include <iterator>
 
 namespace {
-
-std::string Contents(std::string const &strName)
-{
-    std::ifstream file(strName, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
 
 class TraceDeckTest : public testing::Test {
 protected:
     void SetUp() override
     {
-        char szProgram[MAX_PATH * 4] = "";
-        GetModuleFileNameA(nullptr, szProgram, sizeof szProgram);
-        m_path = std::filesystem::path(szProgram).replace_filename(kIsPosix ? "tracedeck"
-                                                                            : "tracedeck.exe");
-        if (!std::filesystem::exists(m_path)) {
+        m_path = std::filesystem::path(OwnProgram())
+                     .replace_filename(kIsPosix ? "tracedeck" : "tracedeck.exe");
+        if (!std::filesystem::exists(m_path))
             GTEST_SKIP() << "tracedeck has not been built";
-        }
     }
 
     /// Starts the program with its streams in the files out and err.
     PROCESS_INFORMATION Start(std::string const &strArguments)
     {
-        std::string strLine = "\"" + m_path.string() + "\" " + strArguments;
-        HANDLE ahStreams[2];
-        for (int i = 0; i < 2; ++i) {
-            ahStreams[i] = CreateFileA(m_dir.File(i == 0 ? "out" : "err").c_str(), GENERIC_WRITE, 3,
-                                       nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
-            EXPECT_TRUE(
-                SetHandleInformation(ahStreams[i], HANDLE_FLAG_INHERIT, HANDLE_FLAG_INHERIT));
-        }
-        STARTUPINFOA startup{};
-        startup.cb = sizeof startup;
-        startup.dwFlags = STARTF_USESTDHANDLES;
-        startup.hStdOutput = ahStreams[0];
-        startup.hStdError = ahStreams[1];
-        PROCESS_INFORMATION info{};
-        EXPECT_TRUE(CreateProcessA(nullptr, strLine.data(), nullptr, nullptr, TRUE,
-                                   CREATE_NEW_PROCESS_GROUP, nullptr, nullptr, &startup, &info));
-        CloseHandle(ahStreams[0]);
-        CloseHandle(ahStreams[1]);
-        CloseHandle(info.hThread);
-        return info;
+        auto const open = [this](char const *pszName) {
+            return CreateFileA(m_dir.File(pszName).c_str(), GENERIC_WRITE, 3, nullptr,
+                               CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+        };
+        return StartProgram("\"" + m_path.string() + "\" " + strArguments, open("out"), open("err"),
+                            CREATE_NEW_PROCESS_GROUP);
     }
-
-    DWORD End(PROCESS_INFORMATION const &info)
+    void ExpectFailure(std::string const &strArguments, char const *pszWords)
     {
-        DWORD dwCode = STILL_ACTIVE;
-        EXPECT_EQ(WaitForSingleObject(info.hProcess, kdwLimit), DWORD{WAIT_OBJECT_0});
-        GetExitCodeProcess(info.hProcess, &dwCode);
-        TerminateProcess(info.hProcess, 1);
-        CloseHandle(info.hProcess);
-        return dwCode;
+        EXPECT_EQ(CRoleProcess(Start(strArguments)).ExitCode(), 1u);
+        EXPECT_NE(Contents(m_dir.File("err")).find(pszWords), std::string::npos);
     }
-
-    std::string Errors() { return Contents(m_dir.File("err")); }
 
     CTempDir m_dir;
     std::filesystem::path m_path;
@@ -76,9 +42,8 @@ protected:
 TEST_F(TraceDeckTest, ShowsLinesSafelyAndKeepsThemInAFile)
 {
     std::string const strTitle = UniqueName("deck");
-    std::ofstream(m_dir.File("log"), std::ios::binary) << "before\n";
-    PROCESS_INFORMATION const info =
-        Start("--title \"" + strTitle + "\" --out \"" + m_dir.File("log") + "\"");
+    Fill(m_dir.File("log"), "before\n");
+    CRoleProcess deck(Start("--title \"" + strTitle + "\" --out \"" + m_dir.File("log") + "\""));
     HWND hWnd = nullptr;
     ASSERT_TRUE(
         WaitFor([&] { return (hWnd = FindWindowA(nullptr, strTitle.c_str())) != nullptr; }));
@@ -98,28 +63,13 @@ TEST_F(TraceDeckTest, ShowsLinesSafelyAndKeepsThemInAFile)
         EXPECT_EQ(Contents(m_dir.File("out")), strShown);
     }
 
-    EXPECT_EQ(End(Start("--title \"" + strTitle + "\"")), 1u);
-    EXPECT_NE(Errors().find("in use"), std::string::npos) << Errors();
-
+    ExpectFailure("--title \"" + strTitle + "\"", "in use");
+    ExpectFailure("--out \"" + m_dir.File("none/log") + "\"", "cannot open");
     if (kIsPosix) {
-        EXPECT_TRUE(GenerateConsoleCtrlEvent(CTRL_C_EVENT, info.dwProcessId));
+        EXPECT_TRUE(GenerateConsoleCtrlEvent(CTRL_C_EVENT, deck.m_info.dwProcessId));
     } else {
         PlatCloseViewerWindow(hWnd); // there may be no console to send Ctrl-C through
     }
-    EXPECT_EQ(End(info), 0u);
+    EXPECT_EQ(deck.ExitCode(), 0u);
     EXPECT_EQ(FindWindowA(nullptr, strTitle.c_str()), nullptr);
-}
-
-TEST_F(TraceDeckTest, BadArgumentsGiveOneClearLine)
-{
-    for (char const *pszArguments : {"--bogus", "--title", "stray"}) {
-        EXPECT_EQ(End(Start(pszArguments)), 2u) << pszArguments;
-        std::string const strErrors = Errors();
-        EXPECT_TRUE(strErrors.starts_with("tracedeck: ")) << strErrors;
-        EXPECT_EQ(std::count(strErrors.begin(), strErrors.end(), '\n'), 1) << strErrors;
-    }
-    EXPECT_EQ(End(Start("--out \"" + m_dir.File("none/log") + "\"")), 1u);
-    EXPECT_NE(Errors().find("cannot open"), std::string::npos) << Errors();
-    EXPECT_EQ(End(Start("--help")), 0u);
-    EXPECT_NE(Contents(m_dir.File("out")).find("--title"), std::string::npos);
 }
