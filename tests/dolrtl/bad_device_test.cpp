@@ -88,21 +88,15 @@ void SayNothing(CLinkStream &stream)
     }
 }
 
-// Says hello, then leaves the first request to the script.
-CBadDevice::Script AfterHello(std::function<void(CLinkStream &, LinkFrame const &)> script)
+CBadDevice::Script Says(LinkBytes bytes)
 {
-    return [script](CLinkStream &stream) {
-        LinkFrame frame;
-        if (stream.Receive(&frame, Soon()) != eRX_FRAME)
-            return;
-        stream.Send(Answer(frame, HelloPayload(kLinkVersion)), Soon());
-        if (stream.Receive(&frame, Soon()) == eRX_FRAME)
-            script(stream, frame);
+    return [bytes](CLinkStream &stream) {
+        stream.Send(bytes, Soon());
         SayNothing(stream);
     };
 }
 
-CBadDevice::Script HelloAnswer(LinkBytes payload)
+CBadDevice::Script AnswersHello(LinkBytes payload)
 {
     return [payload](CLinkStream &stream) {
         LinkFrame frame;
@@ -112,117 +106,120 @@ CBadDevice::Script HelloAnswer(LinkBytes payload)
     };
 }
 
-} // namespace
-
-TEST(BadDevice, InitEndsInTimeWithACode)
+// Says hello, and to the first request what is given for it; nothing given, it hangs up.
+CBadDevice::Script Answers(std::function<LinkBytes(LinkFrame const &)> answer)
 {
-    CLinkWriter refusal;
-    LinkBytes longer = HelloPayload(kLinkVersion);
-    longer.push_back(0);
-    struct {
-        char const *pszWhat;
-        CBadDevice::Script script;
-        DWORD dwExpected;
-    } const cases[] = {
-        {"says nothing", SayNothing, eDR_TIMEOUT},
-        {"hangs up", [](CLinkStream &stream) { stream.Close(); }, eDR_LINK_LOST},
-        {"another protocol",
-         [](CLinkStream &stream) {
-             std::string const str = "220 mail.example ESMTP ready\r\n";
-             stream.Send(LinkBytes(str.begin(), str.end()), Soon());
-             SayNothing(stream);
-         },
-         eDR_BAD_ANSWER},
-        {"a frame without end",
-         [](CLinkStream &stream) {
-             stream.Send({100, 0, 0, 0, 1, 2, 3}, Soon());
-             SayNothing(stream);
-         },
-         eDR_TIMEOUT},
-        {"another version", HelloAnswer(HelloPayload(kLinkVersion + 1)), eDR_VERSION_MISMATCH},
-        {"a refusal", HelloAnswer(refusal.Word32(eLR_REFUSED).Take()), eDR_REFUSED},
-        {"an empty answer", HelloAnswer({}), eDR_BAD_ANSWER},
-        {"too long an answer", HelloAnswer(longer), eDR_BAD_ANSWER},
-        {"an answer to something else",
-         [](CLinkStream &stream) {
-             stream.Send(Answer({eLK_SET, 0, {}}, HelloPayload(kLinkVersion)), Soon());
-             SayNothing(stream);
-         },
-         eDR_BAD_ANSWER},
+    return [answer](CLinkStream &stream) {
+        LinkFrame frame;
+        if (stream.Receive(&frame, Soon()) != eRX_FRAME)
+            return;
+        stream.Send(Answer(frame, HelloPayload(kLinkVersion)), Soon());
+        if (stream.Receive(&frame, Soon()) != eRX_FRAME)
+            return;
+        LinkBytes const bytes = answer(frame);
+        if (bytes.empty())
+            stream.Close();
+        stream.Send(bytes, Soon());
+        SayNothing(stream);
     };
-    std::list<std::thread> threads; // side by side, since some take their full time
-    for (auto const &c : cases) {
-        threads.emplace_back([&c] {
+}
+
+CBadDevice::Script AnswersCode(DWORD dwResult)
+{
+    return Answers([dwResult](LinkFrame const &request) {
+        return Answer(request, CLinkWriter().Word32(dwResult).Take());
+    });
+}
+
+struct BadCase {
+    char const *pszWhat;
+    CBadDevice::Script script;
+    DWORD dwExpected;
+};
+
+// Side by side, since some take their full time.
+void ForAll(std::vector<BadCase> const &cases, std::function<DWORD(CTestClient &, DWORD)> call,
+            std::function<void(CTestClient &)> then)
+{
+    std::list<std::thread> threads;
+    for (BadCase const &c : cases) {
+        threads.emplace_back([&] {
+            SCOPED_TRACE(c.pszWhat);
             CBadDevice device(c.script);
             CTestClient client;
             auto const start = steady_clock::now();
-            EXPECT_EQ(client.InitLocal(device.dwPort), c.dwExpected) << c.pszWhat;
-            EXPECT_LT(steady_clock::now() - start, std::chrono::seconds(5)) << c.pszWhat;
-            EXPECT_EQ(client.SetWord(g_button, 1), eDR_LINK_LOST) << c.pszWhat;
-            auto const end = steady_clock::now();
-            client.dol.reset(); // in the middle of its search for the device
-            EXPECT_LT(steady_clock::now() - end, std::chrono::seconds(2)) << c.pszWhat;
-            EXPECT_EQ(client.Events(eDE_RESTART_LINK), 0) << c.pszWhat;
+            EXPECT_EQ(call(client, device.dwPort), c.dwExpected);
+            EXPECT_LT(steady_clock::now() - start, std::chrono::seconds(5));
+            then(client);
         });
     }
     for (std::thread &thread : threads)
         thread.join();
 }
 
+} // namespace
+
+TEST(BadDevice, InitEndsInTimeWithACode)
+{
+    std::string const strMail = "220 mail.example ESMTP ready\r\n";
+    LinkBytes longer = HelloPayload(kLinkVersion);
+    longer.push_back(0);
+    ForAll(
+        {
+            {"says nothing", SayNothing, eDR_TIMEOUT},
+            {"hangs up", [](CLinkStream &stream) { stream.Close(); }, eDR_LINK_LOST},
+            {"another protocol", Says({strMail.begin(), strMail.end()}), eDR_BAD_ANSWER},
+            {"a frame without end", Says({100, 0, 0, 0, 1, 2, 3}), eDR_TIMEOUT},
+            {"another version", AnswersHello(HelloPayload(kLinkVersion + 1)), eDR_VERSION_MISMATCH},
+            {"a refusal", AnswersHello(CLinkWriter().Word32(eLR_REFUSED).Take()), eDR_REFUSED},
+            {"an empty answer", AnswersHello({}), eDR_BAD_ANSWER},
+            {"too long an answer", AnswersHello(longer), eDR_BAD_ANSWER},
+            {"an answer to something else",
+             Says(Answer({eLK_SET, 0, {}}, HelloPayload(kLinkVersion))), eDR_BAD_ANSWER},
+        },
+        [](CTestClient &client, DWORD dwPort) { return client.InitLocal(dwPort); },
+        [](CTestClient &client) {
+            EXPECT_EQ(client.SetWord(g_button, 1), eDR_LINK_LOST);
+            auto const end = steady_clock::now();
+            client.dol.reset(); // in the middle of its search for the device
+            EXPECT_LT(steady_clock::now() - end, std::chrono::seconds(2));
+            EXPECT_EQ(client.Events(eDE_RESTART_LINK), 0);
+        });
+}
+
 TEST(BadDevice, RequestsEndInTimeWithACode)
 {
-    auto const result = [](DWORD dwResult) {
-        return AfterHello([dwResult](CLinkStream &stream, LinkFrame const &request) {
-            CLinkWriter writer;
-            stream.Send(Answer(request, writer.Word32(dwResult).Take()), Soon());
-        });
+    auto const trapsFirst = [](LinkFrame const &request) {
+        LinkBytes result;
+        for (LinkBytes const &bytes :
+             {EncodeLinkFrame({eLK_TRAP_VALUE, 0, {1, 0, 4, 9, 0, 0, 0, 'x'}}),
+              EncodeLinkFrame({eLK_TRAP_VALUE, 0, {}}), EncodeLinkFrame({99, 0, {1, 2, 3}}),
+              Answer(request, {0, 0, 0, 0})})
+            result.insert(result.end(), bytes.begin(), bytes.end());
+        return result;
     };
-    struct {
-        char const *pszWhat;
-        CBadDevice::Script script;
-        DWORD dwExpected;
-    } const cases[] = {
-        {"a good answer", result(0), eDR_OK},
-        {"the code that ends a drain of traps", result(2), eDR_DEVICE_FAILED},
-        {"a code of this library's own", result(eDR_LINK_LOST), eDR_DEVICE_FAILED},
-        {"half a code", AfterHello([](CLinkStream &stream, LinkFrame const &request) {
-             stream.Send(Answer(request, {0, 0}), Soon());
-         }),
-         eDR_BAD_ANSWER},
-        {"an answer to another request",
-         AfterHello([](CLinkStream &stream, LinkFrame const &request) {
-             stream.Send(Answer({request.kind, request.dwNumber + 1, {}}, {0, 0, 0, 0}), Soon());
-         }),
-         eDR_TIMEOUT},
-        {"bad traps, then a good answer",
-         AfterHello([](CLinkStream &stream, LinkFrame const &request) {
-             stream.Send(EncodeLinkFrame({eLK_TRAP_VALUE, 0, {1, 0, 4, 9, 0, 0, 0, 'x'}}), Soon());
-             stream.Send(EncodeLinkFrame({eLK_TRAP_VALUE, 0, {}}), Soon());
-             stream.Send(EncodeLinkFrame({99, 0, {1, 2, 3}}), Soon());
-             stream.Send(Answer(request, {0, 0, 0, 0}), Soon());
-         }),
-         eDR_OK},
-        {"garbage", AfterHello([](CLinkStream &stream, LinkFrame const &) {
-             stream.Send(LinkBytes(20, 0xFF), Soon());
-         }),
-         eDR_BAD_ANSWER},
-        {"the line goes dead",
-         AfterHello([](CLinkStream &stream, LinkFrame const &) { stream.Close(); }), eDR_LINK_LOST},
+    auto const other = [](LinkFrame const &request) {
+        return Answer({request.kind, request.dwNumber + 1, {}}, {0, 0, 0, 0});
     };
-    std::list<std::thread> threads;
-    for (auto const &c : cases) {
-        threads.emplace_back([&c] {
-            CBadDevice device(c.script);
-            CTestClient client;
-            ASSERT_EQ(client.InitLocal(device.dwPort), eDR_OK) << c.pszWhat;
-            auto const start = steady_clock::now();
-            EXPECT_EQ(client.SetWord(g_button, 1), c.dwExpected) << c.pszWhat;
-            EXPECT_LT(steady_clock::now() - start, std::chrono::seconds(5)) << c.pszWhat;
-            EXPECT_EQ(client.Read(), std::nullopt) << c.pszWhat;
-        });
-    }
-    for (std::thread &thread : threads)
-        thread.join();
+    ForAll(
+        {
+            {"a good answer", AnswersCode(0), eDR_OK},
+            {"the code that ends a drain of traps", AnswersCode(2), eDR_DEVICE_FAILED},
+            {"a code of this library's own", AnswersCode(eDR_LINK_LOST), eDR_DEVICE_FAILED},
+            {"half a code", Answers([](auto &request) {
+                 return Answer(request, {0, 0});
+             }),
+             eDR_BAD_ANSWER},
+            {"an answer to another request", Answers(other), eDR_TIMEOUT},
+            {"bad traps, then a good answer", Answers(trapsFirst), eDR_OK},
+            {"garbage", Answers([](auto &) { return LinkBytes(20, 0xFF); }), eDR_BAD_ANSWER},
+            {"the line goes dead", Answers([](auto &) { return LinkBytes(); }), eDR_LINK_LOST},
+        },
+        [](CTestClient &client, DWORD dwPort) {
+            EXPECT_EQ(client.InitLocal(dwPort), eDR_OK);
+            return client.SetWord(g_button, 1);
+        },
+        [](CTestClient &client) { EXPECT_EQ(client.Read(), std::nullopt); });
 }
 
 // A device that stops reading: what is sent piles up until nothing goes out any more.

@@ -45,6 +45,7 @@ struct ReadValue {
 class CTestClient {
 public:
     CTestClient() : dol(std::in_place, OnEvent, reinterpret_cast<DWORD_PTR>(this)) {}
+    explicit CTestClient(DWORD dwPort) : CTestClient() { EXPECT_EQ(InitLocal(dwPort), eDR_OK); }
 
     DWORD Init(char const *pszAddress, DWORD dwPort, DWORD dwLink)
     {

@@ -3,8 +3,10 @@
 #include "device/soft_device.h"
 #include "tests/dolrtl/dolrtl_fixture.h"
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <fstream>
 #include <thread>
 
 using std::chrono::steady_clock;
@@ -18,12 +20,35 @@ protected:
     void SetUp() override
     {
         std::string strError;
+        config.strPrintPath = dir.File("path");
+        config.log = [this](std::string const &str) {
+            std::lock_guard lock(mx);
+            log.push_back(str);
+        };
         device.emplace(config);
         ASSERT_TRUE(device->Start(&strError)) << strError;
         dwPort = device->Port();
     }
+    bool WaitForLog(std::string const &strPart)
+    {
+        return WaitFor([&] {
+            std::lock_guard lock(mx);
+            return std::any_of(log.begin(), log.end(), [&](std::string const &str) {
+                return str.find(strPart) != std::string::npos;
+            });
+        });
+    }
+    void Print(std::string const &strClauses)
+    {
+        ASSERT_TRUE(WaitFor([&] { return std::filesystem::file_size(config.strPrintPath) == 0; }));
+        std::ofstream(config.strPrintPath, std::ios::binary)
+            << "\x1B%-12345X@PJL SELECT=\"\x01\x15TYPE=<ECHO>;" << strClauses << "\"\x1B%-12345X";
+    }
 
+    CTempDir dir;
     SoftDeviceConfig config;
+    std::mutex mx;
+    std::vector<std::string> log;
     std::optional<CSoftDevice> device;
     DWORD dwPort = 0;
 };
@@ -32,30 +57,26 @@ protected:
 
 TEST_F(Link, ReadsTheIdentificationIntoAnyBuffer)
 {
-    CTestClient client;
-    ASSERT_EQ(client.InitLocal(dwPort), eDR_OK);
+    std::string const strId = "MFG:Norvale;CLS:MFP;MDL:VELLUMAX 4000;";
+    CTestClient client(dwPort);
     unsigned char buffer[260];
     DWORD cb = 99;
-    EXPECT_EQ(client.dol->GetDeviceId(buffer, sizeof buffer, &cb), eDR_OK);
-    EXPECT_STREQ(reinterpret_cast<char *>(buffer), "MFG:Norvale;CLS:MFP;MDL:VELLUMAX 4000;");
-    EXPECT_EQ(cb, 38u);
-    EXPECT_EQ(client.dol->GetDeviceId(buffer, 8, &cb), eDR_OK);
-    EXPECT_STREQ(reinterpret_cast<char *>(buffer), "MFG:Nor");
-    EXPECT_EQ(cb, 7u);
+    for (DWORD const cbBuffer : {260, 8}) {
+        EXPECT_EQ(client.dol->GetDeviceId(buffer, cbBuffer, &cb), eDR_OK);
+        EXPECT_EQ(reinterpret_cast<char *>(buffer), strId.substr(0, cbBuffer - 1));
+        EXPECT_EQ(cb, std::min<DWORD>(38, cbBuffer - 1));
+    }
     EXPECT_EQ(client.dol->GetDeviceId(buffer, 0, &cb), eDR_INVALID_ARGUMENT);
-    EXPECT_EQ(cb, 0u);
 }
 
 TEST_F(Link, ObjectsAreChecked)
 {
-    CTestClient client;
-    ASSERT_EQ(client.InitLocal(dwPort), eDR_OK);
+    CTestClient client(dwPort);
     CDolRtl &dol = *client.dol;
     TestObject unknown{{1, 2, 2, 1}, 4};
     TestObject textFeeder{g_feeder.oid, 4};
     EXPECT_EQ(dol.Get(g_selectOption.Oid(), 5, 4), eDR_OK);
     EXPECT_EQ(dol.Get(g_selectOption.Oid(), 5, 1), eDR_WRONG_TYPE);
-    EXPECT_EQ(dol.Get(unknown.Oid(), 4, 4), eDR_NO_SUCH_OBJECT);
     EXPECT_EQ(dol.Get(nullptr, 5, 4), eDR_INVALID_ARGUMENT);
     EXPECT_EQ(client.SetText(unknown, "x"), eDR_NO_SUCH_OBJECT);
     EXPECT_EQ(client.SetText(g_addOption, ""), eDR_INVALID_ARGUMENT);
@@ -63,27 +84,25 @@ TEST_F(Link, ObjectsAreChecked)
     EXPECT_EQ(client.SetText(g_token, "too short"), eDR_WRONG_LENGTH);
     EXPECT_EQ(client.SetWord(g_feeder, 1), eDR_REFUSED);
     EXPECT_EQ(client.Trap(textFeeder, 3), eDR_WRONG_TYPE);
-    EXPECT_EQ(client.Trap(unknown, 3), eDR_NO_SUCH_OBJECT);
     EXPECT_EQ(dol.UnTrap(g_feeder.Oid(), 5), eDR_NO_SUCH_OBJECT);
     EXPECT_EQ(client.Trap(g_feeder, 3), eDR_OK);
     EXPECT_EQ(dol.UnTrap(g_feeder.Oid(), 5), eDR_OK);
+    device->SetFeeder(true);
+    EXPECT_EQ(client.SetWord(g_button, 1), eDR_OK); // its answer would come behind the trap
     EXPECT_EQ(client.Read(), std::nullopt);
 }
 
 TEST_F(Link, TrapsComeUnderTheirIdInHostOrder)
 {
-    CTestClient client;
-    ASSERT_EQ(client.InitLocal(dwPort), eDR_OK);
+    CTestClient client(dwPort);
     std::string const strEntry = "Copy;NETADDR=" + std::string(client.dol->GetAddress()) + ";";
     ASSERT_EQ(client.Trap(g_button, 4), eDR_OK);
     ASSERT_EQ(client.Trap(g_selectOption, 9), eDR_OK);
     ASSERT_EQ(client.Trap(g_selectOption, 1), eDR_OK); // once more, under another id
     ASSERT_EQ(client.SetText(g_addOption, strEntry), eDR_OK);
-    EXPECT_FALSE(device->Pick(0));
-    EXPECT_FALSE(device->Pick(2));
+    EXPECT_FALSE(device->Pick(0) || device->Pick(2));
     device->PressButton();
-    EXPECT_TRUE(device->Pick(1));
-    EXPECT_TRUE(device->Pick(1));
+    EXPECT_TRUE(device->Pick(1) && device->Pick(1));
 
     std::vector<ReadValue> values;
     ASSERT_TRUE(WaitFor([&] {
@@ -99,7 +118,7 @@ TEST_F(Link, TrapsComeUnderTheirIdInHostOrder)
     EXPECT_EQ(values[2].strValue, "Copy") << "cut to the buffer";
 }
 
-// Bursts that come while the callback runs must lead to another call of it.
+// Bursts that come while the callback runs must lead to another call of it, whatever other threads do.
 TEST_F(Link, NoTrapIsLostWhileTheCallbackRuns)
 {
     constexpr int kTraps = 900;
@@ -109,17 +128,30 @@ TEST_F(Link, NoTrapIsLostWhileTheCallbackRuns)
     client.onEvent = [&](DWORD) {
         while (auto const value = client.Read()) {
             words.push_back(value->Word());
+            if (words.size() % 10 == 0) { // from inside the callback
+                EXPECT_EQ(client.SetWord(g_button, 1), eDR_OK);
+            }
             ++c;
         }
     };
     ASSERT_EQ(client.InitLocal(dwPort), eDR_OK);
     ASSERT_EQ(client.Trap(g_feeder, 3), eDR_OK);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([&, i] {
+            for (int n = 0; n < 100; ++n)
+                EXPECT_EQ(client.SetText(g_addOption, std::to_string(i)), eDR_OK);
+        });
+    }
     for (int i = 0; i < kTraps; ++i) {
         device->SetFeeder(i % 3 == 0);
         if (i % 100 == 0) { // so that the callback is entered and left many times
-            ASSERT_TRUE(WaitFor([&] { return c > i; }));
+            EXPECT_TRUE(WaitFor([&] { return c > i; }));
         }
     }
+    for (std::thread &thread : threads)
+        thread.join();
+    EXPECT_EQ(device->Panel().size(), 4u);
     ASSERT_TRUE(WaitFor([&] { return c == kTraps; }));
     for (size_t i = 0; i < kTraps; ++i)
         ASSERT_EQ(words[i], i % 3 == 0 ? 0x10u : 0u) << i;
@@ -149,23 +181,17 @@ TEST_F(Link, TheOldestOfTooManyTrapsGivesWay)
 
 TEST_F(Link, LocalClientsHaveAddressesOfTheirOwn)
 {
-    CTestClient first;
+    std::optional<CTestClient> first(std::in_place);
     CTestClient second;
-    CTestClient third;
-    ASSERT_EQ(first.InitLocal(dwPort), eDR_OK);
-    ASSERT_EQ(second.InitLocal(dwPort), eDR_OK);
-    std::string const strFirst = first.dol->GetAddress();
-    std::string const strSecond = second.dol->GetAddress();
+    ASSERT_EQ(first->InitLocal(dwPort), eDR_OK);
+    std::string const strFirst = first->dol->GetAddress();
     EXPECT_NE(strFirst, "");
-    EXPECT_NE(strFirst, strSecond);
+    ASSERT_EQ(second.Init(strFirst.c_str(), dwPort, eLT_LOCAL), eDR_OK);
+    EXPECT_NE(second.dol->GetAddress(), strFirst) << "held by another";
+    first.reset();
+    CTestClient third;
     ASSERT_EQ(third.Init(strFirst.c_str(), dwPort, eLT_LOCAL), eDR_OK);
-    EXPECT_NE(third.dol->GetAddress(), strFirst) << "held by another";
-
-    first.dol.reset();
-    first.dol.emplace(nullptr, 0);
-    ASSERT_EQ(first.Init(strFirst.c_str(), dwPort, eLT_LOCAL), eDR_OK);
-    EXPECT_EQ(first.dol->GetAddress(), strFirst) << "free again";
-    EXPECT_EQ(first.dol->GetBridgePort(), dwPort);
+    EXPECT_EQ(third.dol->GetAddress(), strFirst) << "free again";
 
     CTestClient bad;
     ASSERT_EQ(bad.Init("a;NETADDR=", dwPort, eLT_LOCAL), eDR_OK);
@@ -178,14 +204,10 @@ TEST_F(Link, InitSaysWhatIsWrong)
     EXPECT_EQ(client.SetWord(g_button, 1), eDR_NOT_STARTED);
     EXPECT_EQ(client.Init("127.0.0.1", dwPort, 5), eDR_INVALID_ARGUMENT);
     EXPECT_EQ(client.Init(nullptr, dwPort, eLT_NETWORK), eDR_BAD_ADDRESS);
-    EXPECT_EQ(client.Init("", dwPort, eLT_NETWORK), eDR_BAD_ADDRESS);
     EXPECT_EQ(client.Init("127.0.0.1", 65536, eLT_NETWORK), eDR_BAD_ADDRESS);
-    EXPECT_EQ(client.Init("127.0.0.1", dwPort, eLT_NETWORK), eDR_OK) << "none of these counted";
+    EXPECT_EQ(client.Init("localhost", dwPort, eLT_NETWORK), eDR_OK) << "none of these counted";
+    EXPECT_STREQ(client.dol->GetAddress(), "localhost");
     EXPECT_EQ(client.Init("127.0.0.1", dwPort, eLT_NETWORK), eDR_ALREADY_STARTED);
-
-    CTestClient named;
-    EXPECT_EQ(named.Init("localhost", dwPort, eLT_NETWORK), eDR_OK);
-    EXPECT_STREQ(named.dol->GetAddress(), "localhost");
 
     CTestClient lost;
     auto const start = steady_clock::now();
@@ -196,8 +218,7 @@ TEST_F(Link, InitSaysWhatIsWrong)
 
 TEST_F(Link, ABreakIsToldOnceWhenTheDeviceIsBack)
 {
-    CTestClient client;
-    ASSERT_EQ(client.InitLocal(dwPort), eDR_OK);
+    CTestClient client(dwPort);
     ASSERT_EQ(client.SetText(g_addOption, "Copy"), eDR_OK);
     ASSERT_EQ(client.Trap(g_button, 4), eDR_OK);
     device->PressButton();
@@ -212,16 +233,6 @@ TEST_F(Link, ABreakIsToldOnceWhenTheDeviceIsBack)
     EXPECT_TRUE(client.Read()) << "what came before can be read";
     EXPECT_EQ(client.Read(), std::nullopt);
     EXPECT_EQ(client.Events(eDE_RESTART_LINK), 1);
-}
-
-TEST_F(Link, ADeviceThatComesLaterIsToldToo)
-{
-    device.reset();
-    CTestClient client;
-    EXPECT_EQ(client.Init("127.0.0.1", dwPort, eLT_NETWORK), eDR_CONNECT_REFUSED);
-    config.wPort = static_cast<WORD>(dwPort);
-    SetUp();
-    EXPECT_TRUE(client.WaitForEvent(eDE_RESTART_LINK));
 }
 
 // The agent's restart: the object is deleted and made anew on the thread that it calls back on.
@@ -250,9 +261,7 @@ TEST_F(Link, MayBeReplacedInsideItsCallback)
 
 TEST_F(Link, TheDestructorWaitsForACallback)
 {
-    std::atomic<bool> fInside{false};
-    std::atomic<bool> fLeft{false};
-    std::atomic<bool> fGo{false};
+    std::atomic<bool> fInside{false}, fLeft{false}, fGo{false};
     CTestClient client;
     client.onEvent = [&](DWORD) {
         fInside = true;
@@ -266,80 +275,36 @@ TEST_F(Link, TheDestructorWaitsForACallback)
     std::thread thread([&] { fGo = true; });
     client.dol.reset();
     EXPECT_TRUE(fLeft);
-    int const cEvents = client.Events(0);
-    device->SetFeeder(false);
-    EXPECT_EQ(client.Events(0), cEvents);
     thread.join();
 }
 
 TEST_F(Link, MisbehaviourEndsWithACodeInTime)
 {
-    CTestClient client;
-    ASSERT_EQ(client.InitLocal(dwPort), eDR_OK);
-    device->SetLate(300);
-    auto start = steady_clock::now();
-    EXPECT_EQ(client.SetWord(g_button, 1), eDR_OK);
-    EXPECT_GE(steady_clock::now() - start, std::chrono::milliseconds(300));
-    device->SetLate(0);
-
+    CTestClient client(dwPort);
     device->GarbleAnswers(1);
     EXPECT_EQ(client.SetWord(g_button, 1), eDR_BAD_ANSWER);
     EXPECT_EQ(client.SetWord(g_button, 1), eDR_OK) << "the link lives on";
 
     device->SetMute(true);
-    start = steady_clock::now();
-    std::thread other([&] { EXPECT_EQ(client.SetWord(g_button, 1), eDR_TIMEOUT); });
+    auto const start = steady_clock::now();
     EXPECT_EQ(client.SetWord(g_button, 1), eDR_TIMEOUT);
-    other.join();
     EXPECT_LT(steady_clock::now() - start, kPromise);
     device->SetMute(false);
     EXPECT_EQ(client.SetWord(g_button, 1), eDR_OK);
-
     device->SendGarbage();
     ASSERT_TRUE(client.WaitForEvent(eDE_RESTART_LINK));
     EXPECT_EQ(client.SetWord(g_button, 1), eDR_LINK_LOST);
 }
 
-TEST_F(Link, CallsMayComeFromManyThreads)
-{
-    std::atomic<int> cTraps{0};
-    CTestClient client;
-    client.onEvent = [&](DWORD) {
-        while (client.Read()) {
-            EXPECT_EQ(client.SetWord(g_button, 1), eDR_OK); // from inside the callback
-            ++cTraps;
-        }
-    };
-    ASSERT_EQ(client.InitLocal(dwPort), eDR_OK);
-    ASSERT_EQ(client.Trap(g_feeder, 3), eDR_OK);
-    std::vector<std::thread> threads;
-    std::atomic<int> cFailed{0};
-    for (int i = 0; i < 4; ++i) {
-        threads.emplace_back([&, i] {
-            for (int n = 0; n < 100; ++n)
-                cFailed += client.SetText(g_addOption, std::to_string(i)) != eDR_OK;
-        });
-    }
-    for (int i = 0; i < 100; ++i)
-        device->SetFeeder(true);
-    for (std::thread &thread : threads)
-        thread.join();
-    EXPECT_EQ(cFailed, 0);
-    EXPECT_EQ(device->Panel().size(), 4u);
-    EXPECT_TRUE(WaitFor([&] { return cTraps == 100; }));
-}
-
 // All clients hear of all presses and do as the agent does; each press goes to one of them.
 TEST_F(Link, OfManyClientsOneGetsAPress)
 {
-    constexpr int kPresses = 1000;
+    constexpr int kPresses = 300;
     std::atomic<int> cClaimed{0};
     std::atomic<int> cHandled{0};
-    std::vector<std::unique_ptr<CTestClient>> clients;
-    for (int i = 0; i < 3; ++i) {
-        clients.push_back(std::make_unique<CTestClient>());
-        CTestClient &client = *clients.back();
-        client.onEvent = [&client, &cClaimed, &cHandled](DWORD) {
+    CTestClient clients[3];
+    for (CTestClient &client : clients) {
+        client.onEvent = [&](DWORD) {
             while (auto const value = client.Read()) {
                 if (value->Word() != 2)
                     continue;
@@ -359,4 +324,19 @@ TEST_F(Link, OfManyClientsOneGetsAPress)
         ASSERT_TRUE(WaitFor([&] { return cHandled == n * 3; }));
         ASSERT_EQ(cClaimed, n);
     }
+}
+
+TEST_F(Link, AJobIsAnsweredWhereItSays)
+{
+    CTestClient local(dwPort);
+    std::string const strLocal = local.dol->GetAddress();
+    Print("NETADDR=" + strLocal + ";SRVQ=1;");
+    EXPECT_TRUE(WaitForLog("job not answered: " + strLocal + " has not registered"));
+    ASSERT_EQ(local.Trap(g_selectOption, 1), eDR_OK);
+    Print("NETADDR=" + strLocal + ";SRVQ=2;");
+    std::optional<ReadValue> value;
+    ASSERT_TRUE(WaitFor([&] { return (value = local.Read()).has_value(); }));
+    EXPECT_EQ(value->strValue, "TYPE=<ECHO>;SRVQ=2;MODEL=VELLUMAX 4000;NETADDR=" + strLocal + ";");
+    Print("NETADDR=10.0.0.1:port;SRVQ=3;");
+    EXPECT_TRUE(WaitForLog("job refused: its address is neither"));
 }
