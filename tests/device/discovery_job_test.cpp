@@ -19,31 +19,24 @@ std::string GoodJob(int n)
     return Job("TYPE=<ECHO>;NETADDR=10.1.2.3:1037;SRVQ=" + std::to_string(n) + ";");
 }
 
-// One letter per find: a good job its number, a refusal its reason.
-std::vector<std::string> Told(std::vector<DiscoveryFind> const &finds)
-{
-    std::vector<std::string> result;
-    for (DiscoveryFind const &find : finds)
-        result.push_back(find.strRefusal.empty() ? find.job.strAddress + " " + find.job.strNumber
-                                                 : find.strRefusal);
-    return result;
-}
+using Strings = std::vector<std::string>;
 
-std::vector<std::string> Scan(std::string const &str, size_t cbPiece)
+// Of a good job its address and number, of a bad one the reason.
+Strings Scan(std::string const &str, size_t cbPiece)
 {
     CDiscoveryScanner scanner;
-    std::vector<DiscoveryFind> all;
+    Strings result;
     auto const add = [&](std::vector<DiscoveryFind> const &finds) {
-        all.insert(all.end(), finds.begin(), finds.end());
+        for (auto const &[job, strRefusal] : finds)
+            result.push_back(strRefusal.empty() ? job.strAddress + " " + job.strNumber
+                                                : strRefusal);
     };
     for (size_t n = 0; n < str.size(); n += cbPiece)
         add(scanner.Feed(str.data() + n, std::min(cbPiece, str.size() - n)));
     add(scanner.Flush());
     EXPECT_FALSE(scanner.HasRest());
-    return Told(all);
+    return result;
 }
-
-using Strings = std::vector<std::string>;
 
 } // namespace
 
@@ -72,7 +65,6 @@ TEST(DiscoveryScanner, JobsAndRefusals)
         {"cut off, then a good one",
          GoodJob(1).substr(0, 40) + GoodJob(4711),
          {"its quote is not closed", strGood}},
-        {"no exit sequence", "plain text\n", {strStart}},
         {"other data, then a good one", "plain \x1B text" + GoodJob(4711), {strStart, strGood}},
         {"another command",
          kUel + "@PJL INFO ID\r\n" + kUel,
