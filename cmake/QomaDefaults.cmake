@@ -1,4 +1,4 @@
-# Settings that every target shares, and the two functions that define a library and a test program.
+# Settings that every target shares, and the function that defines a library.
 
 set(CMAKE_CXX_STANDARD 20)
 set(CMAKE_CXX_STANDARD_REQUIRED ON)
@@ -44,10 +44,6 @@ endif()
 function(qoma_library name)
   cmake_parse_arguments(arg "" "" "LIBS" ${ARGN})
   file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*.cpp)
-  if(NOT sources)
-    file(WRITE ${CMAKE_CURRENT_BINARY_DIR}/empty.cpp "")
-    set(sources ${CMAKE_CURRENT_BINARY_DIR}/empty.cpp)
-  endif()
   add_library(${name} STATIC ${sources})
   target_link_libraries(${name} PUBLIC qoma_options ${arg_LIBS})
 endfunction()
