@@ -1,9 +1,6 @@
 #include "foundation/g_file.h"
 #include "tests/support/guards.h"
 
-#include <cstring>
-#include <fstream>
-
 namespace {
 
 class CFileTest : public testing::Test {
@@ -15,10 +12,12 @@ protected:
         return m_file.Open(m_dir.File(pszName).c_str(), dwAccess, 3, nullptr, 4, 0x80, nullptr);
     }
 
-    void OpenWith(std::string const &strBytes, DWORD dwAccess = 0xC0000000)
+    void OpenWith(std::string const &strBytes)
     {
-        std::ofstream(m_dir.File("f"), std::ios::binary) << strBytes;
-        ASSERT_EQ(Open("f", dwAccess), eGE_OK);
+        DWORD cbDone = 0;
+        ASSERT_EQ(Open("f"), eGE_OK);
+        EXPECT_EQ(m_file.Write(strBytes.data(), static_cast<DWORD>(strBytes.size()), &cbDone), 0u);
+        EXPECT_EQ(m_file.Seek(0, 0), eGE_OK);
     }
 
     CTempDir m_dir;
@@ -27,21 +26,11 @@ protected:
 
 } // namespace
 
-TEST_F(CFileTest, OpenAndClose_GuardTheOneHandle)
-{
-    EXPECT_EQ(Open("no/such/folder"), eGE_FILE_OPEN);
-    EXPECT_EQ(m_file.Close(), eGE_FILE_NOT_OPEN);
-    EXPECT_EQ(Open("f"), eGE_OK);
-    EXPECT_EQ(Open("other"), eGE_FILE_ALREADY_OPEN);
-    EXPECT_FALSE(std::filesystem::exists(m_dir.File("other")));
-    EXPECT_EQ(m_file.Open(nullptr, 0, 0, nullptr, 0, 0, nullptr), eGE_FILE_OPEN); // the name first
-    EXPECT_EQ(m_file.Close(), eGE_OK);
-    EXPECT_EQ(Open("f"), eGE_OK);
-}
-
-TEST_F(CFileTest, OnAClosedFileOrWithNulls_TransfersAreRefused)
+TEST_F(CFileTest, TheOneHandleIsGuardedAndNullsAreRefused)
 {
     DWORD dw = 9;
+    EXPECT_EQ(Open("no/such/folder"), eGE_FILE_OPEN);
+    EXPECT_EQ(m_file.Close(), eGE_FILE_NOT_OPEN);
     EXPECT_EQ(m_file.Read(&dw, 1, &dw), eGE_FILE_NOT_OPEN);
     EXPECT_EQ(dw, 0u);
     EXPECT_EQ(m_file.WriteString("x"), eGE_FILE_NOT_OPEN);
@@ -51,6 +40,11 @@ TEST_F(CFileTest, OnAClosedFileOrWithNulls_TransfersAreRefused)
     EXPECT_EQ(m_file.Write(&dw, 1, nullptr), eGE_NULL_ARGUMENT);
     EXPECT_EQ(m_file.ReadDword(nullptr), eGE_NULL_ARGUMENT);
     EXPECT_EQ(m_file.ReadString(nullptr, 1), eGE_NULL_ARGUMENT);
+    EXPECT_EQ(Open("f"), eGE_OK);
+    EXPECT_EQ(Open("other"), eGE_FILE_ALREADY_OPEN);
+    EXPECT_FALSE(std::filesystem::exists(m_dir.File("other")));
+    EXPECT_EQ(m_file.Open(nullptr, 0, 0, nullptr, 0, 0, nullptr), eGE_FILE_OPEN); // the name first
+    EXPECT_EQ(m_file.Close(), eGE_OK);
 }
 
 TEST_F(CFileTest, WordsAndTexts_ArePlainBytesAndShortTransfersFailWhole)
@@ -67,18 +61,16 @@ TEST_F(CFileTest, WordsAndTexts_ArePlainBytesAndShortTransfersFailWhole)
     EXPECT_EQ(cbDone, 0u);
     EXPECT_EQ(m_file.Seek(0, 0), eGE_OK);
     EXPECT_EQ(m_file.Read(abAll, 7, &cbDone), eGE_OK);
-    EXPECT_EQ(cbDone, 7u);
-    EXPECT_EQ(std::memcmp(abAll, "ABCDt\0\0", 7), 0);
+    EXPECT_EQ(std::string(abAll, cbDone), std::string("ABCDt\0\0", 7));
     EXPECT_EQ(m_file.Read(abAll, 0, &cbDone), eGE_OK);
-    EXPECT_EQ(m_file.Seek(0, 2), eGE_OK);
-    DWORD dwValue = 0xFFFFFFFF;
-    EXPECT_EQ(m_file.ReadDword(&dwValue), eGE_OK);
-    EXPECT_EQ(dwValue, 0x00744443u);
-    EXPECT_EQ(m_file.Seek(0, 3), eGE_OK);
-    EXPECT_EQ(m_file.Seek(1, 2), eGE_OK);
-    EXPECT_EQ(m_file.ReadDword(&(dwValue = 0x11111111)), eGE_FILE_READ);
+    EXPECT_EQ(m_file.Seek(2, -2), eGE_OK);
+    DWORD dwValue = 0x11111111;
+    EXPECT_EQ(m_file.ReadDword(&dwValue), eGE_FILE_READ);
     EXPECT_EQ(dwValue, 0u);                          // the two bytes that arrived
     EXPECT_EQ(m_file.WriteDword(1), eGE_FILE_WRITE); // opened for reading only
+    EXPECT_EQ(m_file.Seek(0, 2), eGE_OK);
+    EXPECT_EQ(m_file.ReadDword(&dwValue), eGE_OK);
+    EXPECT_EQ(dwValue, 0x00744443u);
 }
 
 TEST_F(CFileTest, Seek_TakesTheDistanceFromThePlaceOfItsMode)
