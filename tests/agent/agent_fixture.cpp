@@ -38,7 +38,7 @@ DWORD CDolScript::Call(char const *pszName, unsigned char const *pOid, DWORD cbO
         for (DWORD i = 0; i < cbOid; ++i) {
             strLine += (i != 0 ? "." : " ") + std::to_string(pOid[i]);
         }
-        strLine += pValue == nullptr || cbOid == 0 ? "" : "/" + std::to_string(nType) + " ";
+        strLine += pValue == nullptr ? "" : "/" + std::to_string(nType) + " ";
         auto const *const pb = static_cast<unsigned char const *>(pValue);
         for (DWORD i = 0; i < cbValue; ++i) {
             char szByte[3];
@@ -79,10 +79,9 @@ CDolRtl::~CDolRtl()
 DWORD CDolRtl::Init(char const *pszAddress, DWORD dwPort, DWORD dwTransport)
 {
     char szText[100];
-    int const cb =
-        std::snprintf(szText, sizeof szText, " %s %d %d", pszAddress ? pszAddress : "null",
-                      static_cast<int>(dwPort), static_cast<int>(dwTransport));
-    return CDolScript::Call("Init", nullptr, 0, 4, szText, static_cast<DWORD>(cb));
+    std::snprintf(szText, sizeof szText, "Init %s %d %d", pszAddress ? pszAddress : "null",
+                  static_cast<int>(dwPort), static_cast<int>(dwTransport));
+    return CDolScript::Call(szText);
 }
 
 DWORD CDolRtl::GetDeviceId(unsigned char *pBuffer, DWORD cbBuffer, DWORD *pcbOut)
@@ -94,7 +93,7 @@ DWORD CDolRtl::GetDeviceId(unsigned char *pBuffer, DWORD cbBuffer, DWORD *pcbOut
 
 DWORD CDolRtl::Get(unsigned char *pOid, DWORD cbOid, unsigned char nType)
 {
-    return CDolScript::Call("Get", pOid, cbOid, nType, "", 0);
+    return CDolScript::Call("Get", pOid, cbOid, nType, "");
 }
 
 DWORD CDolRtl::Set(unsigned char *pOid, DWORD cbOid, unsigned char nType, void *pValue, DWORD cb)
@@ -150,10 +149,7 @@ DWORD CClient::OnNotify(CallbackType eType, CallbackDataType *pData)
     for (char const *psz : {pData->strOption, pData->strSenderAddress}) {
         strLine += std::string(" [") + psz + "]";
     }
-    {
-        std::lock_guard const lock(s_pClient->m_lock);
-        s_pClient->m_lines.push_back(strLine);
-    }
+    s_pClient->Locked([&] { s_pClient->m_lines.push_back(strLine); });
     s_pClient->m_fnOnNotify();
     --s_pClient->m_cInside;
     return 4711; // nobody looks at it
@@ -161,10 +157,6 @@ DWORD CClient::OnNotify(CallbackType eType, CallbackDataType *pData)
 
 Lines CClient::Wait(std::size_t cLines)
 {
-    WaitFor([&] {
-        std::lock_guard const lock(m_lock);
-        return m_lines.size() >= cLines;
-    });
-    std::lock_guard const lock(m_lock);
-    return std::exchange(m_lines, {});
+    WaitFor([&] { return Locked([&] { return m_lines.size() >= cLines; }); });
+    return Locked([&] { return std::exchange(m_lines, {}); });
 }

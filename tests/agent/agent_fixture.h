@@ -21,8 +21,8 @@ using Counts = std::vector<DWORD>;
 
 class CDolRtlImpl;
 
-// What the double of CDolRtl (agent_fixture.cpp) does and has been asked. One at a time.
-class CDolScript {
+class CLockable {
+protected:
     template <class Work>
     auto Locked(Work fnWork)
     {
@@ -30,6 +30,11 @@ class CDolScript {
         return fnWork();
     }
 
+    std::mutex m_lock; // guards what the classes below have behind their atomics
+};
+
+// What the double of CDolRtl (agent_fixture.cpp) does and has been asked. One at a time.
+class CDolScript : CLockable {
 public:
     CDolScript() { s_pScript = this; }
     ~CDolScript() { EXPECT_EQ(m_cLive, 0); }
@@ -41,12 +46,11 @@ public:
     {
         return Locked([&] { return std::exchange(m_calls, {}); });
     }
-    // The next call whose line begins with strPrefix gives dwCode.
+    // The next call whose line begins so gives dwCode.
     void Fail(std::string strPrefix, DWORD dwCode)
     {
         Locked([&] { m_failures[strPrefix] = dwCode; });
     }
-    // A trap that waits.
     void Push(int nTrapId, std::string strValue)
     {
         Locked([&] { m_traps.emplace_back(nTrapId, strValue); });
@@ -65,7 +69,6 @@ private:
     static DWORD Call(char const *pszName, unsigned char const *pOid = nullptr, DWORD cbOid = 0,
                       int nType = 4, void const *pValue = nullptr, DWORD cbValue = 0);
     static inline CDolScript *s_pScript = nullptr;
-    std::mutex m_lock; // guards what follows
     std::condition_variable m_returned;
     std::thread::id m_idRaising;
     CDolRtlImpl *m_pLink = nullptr;
@@ -75,7 +78,7 @@ private:
 };
 
 // The client. Each notification becomes a line: "kind code nValue dwValue [option] [address]".
-class CClient {
+class CClient : CLockable {
 public:
     CClient() { s_pClient = this; }
     static DWORD OnNotify(CallbackType eType, CallbackDataType *pData);
@@ -84,9 +87,8 @@ public:
     std::function<void()> m_fnOnNotify = [] {}; // run inside the callback, after recording
 private:
     static inline CClient *s_pClient = nullptr;
-    std::mutex m_lock;
-    Lines m_lines;
     std::atomic<int> m_cInside{0};
+    Lines m_lines;
 };
 
 struct CNotifyAgentProbe {

@@ -10,13 +10,11 @@ TEST_F(AgentTest, WithoutALinkEveryOperationGivesTheState)
 {
     for (DWORD const dwState : {kNotConnected, kRefused}) {
         DWORD dw = 77;
-        EXPECT_EQ(m_agent.Shutdown(), dwState);
-        EXPECT_EQ(m_agent.RestartDolRtl(), dwState);
-        EXPECT_EQ(m_agent.ReadTraps(), dwState);
-        EXPECT_EQ(m_agent.Add(&dw, eNF_SELECT, "x"), dwState);
-        EXPECT_EQ(m_agent.Delete(dw, eNF_SELECT, "x"), dwState);
-        EXPECT_EQ(m_agent.Modify(&dw, nullptr, "x"), dwState);
-        EXPECT_EQ(m_agent.InitiateSrvQDiscovery(&dw, nullptr), dwState);
+        EXPECT_EQ((Counts{m_agent.Shutdown(), m_agent.RestartDolRtl(), m_agent.ReadTraps(),
+                          m_agent.Add(&dw, eNF_SELECT, "x"), m_agent.Delete(dw, eNF_SELECT, "x"),
+                          m_agent.Modify(&dw, nullptr, "x"),
+                          m_agent.InitiateSrvQDiscovery(&dw, nullptr)}),
+                  Counts(7, dwState));
         EXPECT_EQ(dw, 77u);
         EXPECT_EQ(m_script.Take(), Lines{});
         m_script.m_strDeviceId.assign(260, 'A'); // another line's; fills the buffer, with no end
@@ -88,11 +86,11 @@ TEST_F(AgentTest, ARestartGivesUpWhenItsLinkIsEnded)
 
 TEST_F(AgentTest, TheCallbackMayCallTheAgentWhileShutdownWaitsForIt)
 {
-    std::atomic<bool> bInside{false};
+    std::latch inside{1};
     m_client.m_fnOnNotify = [&] {
         EXPECT_EQ(m_agent.Shutdown(), 50u); // it would wait for this thread
         EXPECT_EQ(m_agent.RestartDolRtl(), 50u);
-        bInside = true;
+        inside.count_down();
         EXPECT_TRUE(WaitFor([&] { return m_script.m_cLive == 0; }));
         EXPECT_EQ(m_agent.Add(nullptr, eNF_ADF, nullptr), kNotConnected);
     };
@@ -101,7 +99,7 @@ TEST_F(AgentTest, TheCallbackMayCallTheAgentWhileShutdownWaitsForIt)
         m_script.Push(7, "\6");
     }
     m_script.Raise(0);
-    EXPECT_TRUE(WaitFor([&] { return bInside.load(); }));
+    inside.wait();
     EXPECT_EQ(m_agent.Shutdown(), 0u);
     EXPECT_LT(m_client.Wait(1).size(), 100u) << "what is queued is dropped";
 }
