@@ -8,7 +8,9 @@
 #include "tests/support/guards.h"
 #include "tests/support/reg_file.h"
 
-#include <iterator>
+#include <cstdio>
+#include <map>
+#include <sstream>
 
 class CEvtMgrTest : public testing::Test {
 protected:
@@ -29,8 +31,24 @@ protected:
     }
     std::string ReadLog() const
     {
-        std::ifstream file(m_strLog, std::ios::binary);
-        return {std::istreambuf_iterator<char>(file), {}};
+        std::ostringstream text;
+        text << std::ifstream(m_strLog, std::ios::binary).rdbuf();
+        return text.str();
+    }
+    // How many lines "[T]: W N." each writer W has in a log, where they must be whole and in order.
+    static std::map<std::string, int> CountLines(std::string const &strLog)
+    {
+        std::map<std::string, int> seen;
+        std::istringstream log(strLog);
+        for (std::string strLine; std::getline(log, strLine);) {
+            char szWriter[8] = "";
+            int nLine = 0, cch = 0;
+            if (std::sscanf(strLine.c_str(), "[T]: %7[w0-9] %d.%n", szWriter, &nLine, &cch) == 2) {
+                EXPECT_STREQ(strLine.c_str() + cch, "\r") << strLine;
+                EXPECT_EQ(nLine, seen[szWriter]++) << strLine;
+            }
+        }
+        return seen;
     }
 
     // A log that takes levels up to 1.

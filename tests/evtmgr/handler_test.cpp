@@ -4,9 +4,7 @@
 
 namespace {
 
-using CHandlerTest = CEvtMgrTest;
-
-TEST_F(CHandlerTest, TableTakesWhatTheRegistryHasAndKeepsTheRest)
+TEST_F(CEvtMgrTest, TableTakesWhatTheRegistryHasAndKeepsTheRest)
 {
     EXPECT_EQ(CategoryIndex(0), 0);
     for (LONG nRow = 1; nRow <= 64; ++nRow)
@@ -26,7 +24,7 @@ TEST_F(CHandlerTest, TableTakesWhatTheRegistryHasAndKeepsTheRest)
     EXPECT_STREQ(table.m_Rows[64].m_strLongName.m_pszText, "abc"); // had no terminator
 }
 
-TEST_F(CHandlerTest, Filter)
+TEST_F(CEvtMgrTest, Filter)
 {
     struct Case {
         LONG nState;
@@ -35,8 +33,7 @@ TEST_F(CHandlerTest, Filter)
         std::uint64_t base, custom;
         LONG nLevel, fExpected;
     };
-    // No mask of its own; base does not fit, fits by one bit; custom; level; a negative limit; levels -1
-    // and -2, the error bit, and -3, which is ordinary; off; a state other than 1.
+    // No mask of its own; base and custom masks; levels, of which -1 and -2 are special; states.
     Case const cases[] = {
         {1, 0, 0, 0, 0, 0, 0, 1},   {1, 7, 0, 2, 8, 0, 0, 0},    {1, 9, 0, 2, 8, 0, 0, 1},
         {1, 9, 4, 2, 8, 3, 0, 0},   {1, 9, 4, 2, 8, 6, 0, 1},    {1, 9, 0, 2, 8, 0, 3, 0},
@@ -54,7 +51,7 @@ TEST_F(CHandlerTest, Filter)
     pHandler->m_State = 0;
 }
 
-TEST_F(CHandlerTest, Line)
+TEST_F(CEvtMgrTest, Line)
 {
     CGFileEvtHandler *pHandler = Install(
         "\n[$B\\4]\n\"Short Name\"=\"I\"\n\"Long Name\"=\"Info\"\n"
