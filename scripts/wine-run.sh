@@ -86,6 +86,19 @@ make_prefix() {
     touch "$ready"
 }
 
+# The server, its services and the desktop come up with the first program that needs them, keep its error stream
+# open, and go when nobody needs them any more. Whoever reads that stream to its end would wait for them. So
+# they are brought up here, with a window that stays; rundll32 returns when there is a desktop.
+stay_up() {
+    stop
+    {
+        "${enter[@]}" "$inside" "$server" -p
+        timeout 60 "${enter[@]}" "$inside" "$loader" cmd /c exit
+        "${enter[@]}" "$inside" "$loader" notepad &
+        timeout 60 "${enter[@]}" "$inside" "$loader" rundll32 user32.dll,GetDesktopWindow
+    } </dev/null >/dev/null 2>&1 || true
+}
+
 # Test programs start side by side; one of them makes what is missing, the others wait.
 exec {lock}>"$home/lock"
 flock -w 400 "$lock" || fail "another process has been holding $home for too long"
@@ -97,7 +110,7 @@ case $1 in
 --fresh)
     remove
     make_prefix {lock}>&-
-    "${enter[@]}" "$inside" "$server" -p {lock}>&-
+    stay_up {lock}>&-
     exit 0
     ;;
 -*) fail "no such option: $1" ;;

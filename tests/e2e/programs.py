@@ -4,14 +4,39 @@ QOMA_MFPSIM and QOMA_NOTIFYMON hold the command lines that start them, which may
 """
 import json
 import os
+import pathlib
 import re
 import shlex
 import signal
 import subprocess
+import tempfile
 import threading
 
 # Generous: a busy machine, a sanitizer or Wine must not fail a test.
 LIMIT = float(os.environ.get("QOMA_E2E_LIMIT", "30"))
+
+
+def wrapper(variable):
+    """What runs the program if it is one of another system: the first word of a command line with more."""
+    command = shlex.split(os.environ[variable])
+    return command[0] if len(command) > 1 else None
+
+
+class Folder:
+    """A folder for files that programs share. Those of another system start in a folder that their wrapper
+    knows, and find the files by their names from there."""
+
+    def __init__(self):
+        wrappers = [w for w in map(wrapper, ("QOMA_MFPSIM", "QOMA_NOTIFYMON")) if w]
+        self.start = subprocess.check_output([wrappers[0], "--folder"], text=True).strip() if wrappers else None
+        self.folder = tempfile.TemporaryDirectory(dir=self.start)
+        self.cleanup = self.folder.cleanup
+        self.path = pathlib.Path(self.folder.name)
+
+    def name(self, variable, name):
+        """The file's name for the program of the variable."""
+        path = self.path / name
+        return path.relative_to(self.start).as_posix() if wrapper(variable) else str(path)
 
 
 class Program:

@@ -3,11 +3,9 @@ import os
 import pathlib
 import re
 import socket
-import subprocess
-import tempfile
 import unittest
 
-from programs import LIMIT, Client, Device, Program
+from programs import LIMIT, Client, Device, Folder, Program, wrapper
 
 
 class RoadTest(unittest.TestCase):
@@ -21,6 +19,11 @@ class RoadTest(unittest.TestCase):
 
     def client(self, device, *arguments, **options):
         return self.start(Client, device, *arguments, **options)
+
+    def folder(self):
+        folder = Folder()
+        self.addCleanup(folder.cleanup)
+        return folder
 
 
 class NetworkTest(RoadTest):
@@ -140,32 +143,37 @@ class LocalTest(RoadTest):
             client = self.client(device, "--local", "--option", "Here")
             device.expect("Here;")
             end(client)
+            device.expect("link \\d+ down")
             device.tell("panel")
             device.expect("(?i)no entries|empty")
 
 
 class DiscoveryTest(RoadTest):
     def setUp(self):
-        folder = tempfile.TemporaryDirectory()
-        self.addCleanup(folder.cleanup)
-        self.path = pathlib.Path(folder.name, "print path")
+        self.shared = self.folder()
+        self.path = self.shared.path / "print path"
+        self.target = self.shared.name("QOMA_NOTIFYMON", self.path)
+
+    def printing_device(self):
+        return self.device("--print-path", self.shared.name("QOMA_MFPSIM", self.path))
 
     def discover(self, device, *arguments):
-        client = self.client(device, "--on", "select", "--count", "1", "--discover", self.path, *arguments)
+        client = self.client(device, "--on", "select", "--count", "1", "--discover", self.target, *arguments)
         number = client.expect(r"discovery job number (\d+) written", "err").group(1)
         self.assertIn(f"SRVQ={number};", client.next("eCT_SELECT_NOTIFY")["option"])
         self.assertEqual(0, client.wait())
 
     def test_a_plain_file_takes_job_after_job(self):
         self.path.touch()
-        device = self.device("--print-path", self.path)
+        device = self.printing_device()
         for arguments in ((), ("--local",), ()):
             self.discover(device, *arguments)
 
-    @unittest.skipUnless(hasattr(os, "mkfifo"), "a pipe with a name in the file system is POSIX's")
     def test_a_pipe_survives_malformed_jobs(self):
+        if self.shared.start:
+            self.skipTest("a pipe with a name in the file system is POSIX's")
         os.mkfifo(self.path)
-        device = self.device("--print-path", self.path)
+        device = self.printing_device()
         head, tail = b"\x1b%-12345X@PJL SELECT=\"\x01\x15TYPE=<ECHO>;", b"\"\x1b%-12345X"
         for job in (head, head + b"NETADDR=1.2.3.4:5;" + b"x" * (1 << 20) + tail, head + b"SRVQ=1;" + tail,
                     head + b"NETADDR=not.a.number:x;SRVQ=1;" + tail):
@@ -175,9 +183,11 @@ class DiscoveryTest(RoadTest):
 
     def test_targets_that_cannot_be_written(self):
         device = self.device()
-        for target, words in ((self.path, "110"), (self.path.parent, "110"), ("/dev/full", "29")):
-            if target == "/dev/full" and not os.path.exists(target):
-                continue
+        folder = self.shared.name("QOMA_NOTIFYMON", self.path.parent)
+        targets = [(self.target, "110"), (folder, "110")]
+        if not wrapper("QOMA_NOTIFYMON") and os.path.exists("/dev/full"):
+            targets.append(("/dev/full", "29"))
+        for target, words in targets:
             client = self.client(device, "--discover", target, ready=False)
             self.assertEqual(1, client.wait())
             self.assertIn(words, client.lines["err"][-1])
@@ -224,25 +234,29 @@ class ProgramTest(RoadTest):
 
     def test_a_command_gets_the_fields_and_no_shell_sees_them(self):
         device = self.device()
-        with tempfile.TemporaryDirectory() as folder:
-            out = pathlib.Path(folder, "out")
-            trap = pathlib.Path(folder, "trap")
-            client = self.client(device, "--local", "--on", "select", "--option", f"$(touch {trap})`touch {trap}`",
-                                 "--exec", f'echo "$NOTIFY_KIND $NOTIFY_CODE $NOTIFY_OPTION" > {out}',
-                                 "--count", "1")
-            device.tell("pick 1")
-            self.assertEqual(0, client.wait())
-            self.assertRegex(out.read_text(), rf"^eCT_SELECT_NOTIFY 7 \$\(touch {re.escape(str(trap))}\)")
-            self.assertFalse(trap.exists())
+        shared = self.folder()
+        out = shared.name("QOMA_NOTIFYMON", "out")
+        trap = shared.name("QOMA_NOTIFYMON", "trap")
+        command = f"env | grep ^NOTIFY_ > {out}"
+        if wrapper("QOMA_NOTIFYMON"):
+            command = "set NOTIFY_> " + out.replace("/", "\\")
+        option = f"$(touch {trap})`touch {trap}`&echo x> {trap}"
+        client = self.client(device, "--local", "--on", "select", "--option", option, "--exec", command, "--count", "1")
+        device.tell("pick 1")
+        self.assertEqual(0, client.wait())
+        fields = (shared.path / "out").read_text().splitlines()
+        self.assertIn("NOTIFY_KIND=eCT_SELECT_NOTIFY", fields)
+        self.assertIn("NOTIFY_CODE=7", fields)
+        self.assertTrue(any(field.startswith(f"NOTIFY_OPTION={option};") for field in fields), fields)
+        self.assertFalse((shared.path / "trap").exists())
 
     def test_a_script_drives_the_device(self):
-        with tempfile.NamedTemporaryFile("w", suffix=".txt") as script:
-            script.write("wait-entry Here\npick 1\nwait 500\nquit\n")
-            script.flush()
-            device = self.device("--script", script.name)
-            client = self.client(device, "--option", "Here", "--on", "select", "--count", "1")
-            client.next("eCT_SELECT_NOTIFY")
-            self.assertEqual((0, 0), (client.wait(), device.wait()))
+        shared = self.folder()
+        (shared.path / "script").write_text("wait-entry Here\npick 1\nwait 500\nquit\n")
+        device = self.device("--script", shared.name("QOMA_MFPSIM", "script"))
+        client = self.client(device, "--option", "Here", "--on", "select", "--count", "1")
+        client.next("eCT_SELECT_NOTIFY")
+        self.assertEqual((0, 0), (client.wait(), device.wait()))
 
 
 class DiagnosticsTest(RoadTest):
@@ -250,17 +264,17 @@ class DiagnosticsTest(RoadTest):
     EXAMPLE = pathlib.Path(__file__).parents[2] / "docs" / "example.reg"
 
     def setUp(self):
-        folder = tempfile.TemporaryDirectory()
-        self.addCleanup(folder.cleanup)
-        self.log = pathlib.Path(folder.name, "notifymon.log")
-        self.settings = pathlib.Path(folder.name, "my.reg")
+        shared = self.folder()
+        self.log = shared.path / "notifymon.log"
+        self.settings = shared.path / "my.reg"
+        self.named = {path: shared.name("QOMA_NOTIFYMON", path) for path in (self.log, self.settings)}
         self.title = f"TraceDeck of {os.getpid()}"
-        self.text = self.EXAMPLE.read_text().replace("notifymon.log", str(self.log)) \
+        self.text = self.EXAMPLE.read_text().replace("notifymon.log", self.named[self.log]) \
             .replace('"Title"="TraceDeck"', f'"Title"="{self.title}"')
         self.settings.write_text(self.text)
 
     def monitor(self, device):
-        return self.client(device, "--registry", self.settings, "--diagnostics", "notifymon")
+        return self.client(device, "--registry", self.named[self.settings], "--diagnostics", "notifymon")
 
     def test_log_viewer_reload_and_final_report(self):
         deck = self.start(Program, "QOMA_TRACEDECK", "--title", self.title)
@@ -289,7 +303,7 @@ class DiagnosticsTest(RoadTest):
     def test_bad_settings_are_refused_at_the_start(self):
         self.settings.write_text("no header\n")
         device = self.device()
-        for path in (self.settings, self.settings.with_name("missing.reg")):
+        for path in (self.named[self.settings], self.named[self.settings] + ".missing"):
             client = self.client(device, "--registry", path, "--diagnostics", "notifymon", ready=False)
             self.assertEqual(1, client.wait())
             self.assertEqual(1, len(client.lines["err"]), client.lines)
