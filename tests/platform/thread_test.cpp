@@ -49,8 +49,11 @@ struct CSetAtEnd {
 unsigned __stdcall EndBelowNoexcept(void *pvEnds) noexcept
 {
     auto *aEnds = static_cast<std::atomic<int> *>(pvEnds);
-    thread_local CSetAtEnd s_ofThread(&aEnds[0]);
-    CSetAtEnd const ofStack((static_cast<void>(&s_ofThread), &aEnds[1]));
+    CSetAtEnd const ofStack(&aEnds[1]);
+    if (kIsPosix) { // mingw's runtime frees such an object before it destroys it
+        thread_local CSetAtEnd s_ofThread(nullptr);
+        s_ofThread.m_pn = &aEnds[0];
+    }
     _endthreadex(0x80000001u);
     return 0;
 }
@@ -97,8 +100,7 @@ TEST(Thread, EndThreadGivesTheCodeAndUnwindsNothing)
     CTestHandle const hThread(StartThread(&EndBelowNoexcept, aEnds));
     EXPECT_EQ(ExitCodeOf(hThread), 0x80000001u);
     EXPECT_EQ(aEnds[1], 0);
-    EXPECT_EQ(aEnds[0],
-              kIsPosix ? 1 : aEnds[0].load()); // a waiter is told after all that a thread does
+    EXPECT_EQ(aEnds[0], kIsPosix ? 1 : 0); // a waiter is told after all that a thread does
 }
 
 TEST(Thread, HundredsOfThemLeaveNothing)
