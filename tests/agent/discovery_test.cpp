@@ -1,7 +1,12 @@
 #include "tests/agent/agent_fixture.h"
 
+#include "platform/sync.h"
+
+#include <atomic>
+#include <cstdlib>
 #include <fstream>
 #include <sstream>
+#include <thread>
 
 namespace {
 
@@ -34,6 +39,34 @@ TEST_F(AgentTest, AFailedDiscoveryGivesItsCodeAndNoNumber)
     EXPECT_EQ(dw, 99999u);
     EXPECT_EQ(m_agent.InitiateSrvQDiscovery(&dw, "no/such/file"), 110u);
     EXPECT_EQ(dw, 0u);
+}
+
+TEST_F(AgentTest, ASlowDiscoveryTargetHoldsUpTheOtherOperationsUntilItOpens)
+{
+    CTempDir dir;
+    std::string const strTarget = dir.File("target");
+    if (!kIsPosix || std::system(("mkfifo " + strTarget).c_str()) != 0) {
+        GTEST_SKIP() << "no named pipes among this system's files";
+    }
+    Connect(0);
+    DWORD dw = 0;
+    std::atomic<bool> bAdded{false};
+    std::thread writer(
+        [&] { EXPECT_EQ(m_agent.InitiateSrvQDiscovery(&dw, strTarget.c_str()), 0u); });
+    EXPECT_TRUE(WaitFor([&] { // held for as long as nobody opens the other end
+        bool const bHeld = WaitForSingleObject(m_probe.hMutex, 50) == WAIT_TIMEOUT;
+        return bHeld || !ReleaseMutex(m_probe.hMutex);
+    }));
+    std::thread other([&] {
+        EXPECT_EQ(m_agent.Add(nullptr, eNF_FAX_UPLOAD, nullptr), 0u);
+        bAdded = true;
+    });
+    EXPECT_FALSE(bAdded);
+    std::ostringstream job;
+    job << std::ifstream(strTarget, std::ios::binary).rdbuf();
+    writer.join();
+    other.join();
+    EXPECT_NE(job.str().find("SRVQ=" + std::to_string(dw) + ";"), std::string::npos);
 }
 
 } // namespace

@@ -1,5 +1,7 @@
 #include "platform/storage.h"
 
+#include "platform/process.h"
+
 #include "tests/platform/role.h"
 
 namespace {
@@ -185,6 +187,29 @@ TEST_F(StorageTest, ContentsOfEverySizeComeBack)
     for (std::size_t const cb : {0u, 1u, 63u, 64u, 4095u, 4096u, 1u << 20, 64u << 20}) {
         MakeFile(strName, Pattern(cb));
         CheckFile(strName, Pattern(cb));
+    }
+}
+
+// The sizes are those on both sides of the small-stream limit, and one past a sector of the table.
+TEST_F(StorageTest, OtherReadersFindTheContents)
+{
+    std::string const strOut = dir.File("out");
+    for (std::size_t const cb : {0, 1, 63, 64, 4095, 4096, 1 << 20}) {
+        MakeFile(strName, Pattern(cb));
+        for (char const *pszReader :
+             {"gsf cat \"$FILE\" CONTENTS", "7z e -so \"$FILE\" CONTENTS"}) {
+            std::string const strCommand = std::string(pszReader) + " > \"$OUT\" 2>/dev/null";
+            PlatEnvType const aVariables[] = {{"FILE", strName.c_str()}, {"OUT", strOut.c_str()}};
+            DWORD dwExit = 127;
+            if (kIsPosix) {
+                ASSERT_TRUE(PlatRunCommand(strCommand.c_str(), aVariables, 2, kdwLimit, &dwExit));
+            }
+            if (dwExit == 127) {
+                GTEST_SKIP() << "not installed: " << pszReader;
+            }
+            EXPECT_EQ(dwExit, 0u) << pszReader;
+            EXPECT_TRUE(Contents(strOut) == Pattern(cb)) << pszReader << " of " << cb;
+        }
     }
 }
 
