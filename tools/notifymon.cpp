@@ -13,6 +13,7 @@
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <map>
+#include <mutex>
 
 namespace {
 
@@ -45,17 +46,30 @@ std::map<std::string, DWORD> const kFlags{
     {"fax", eNF_FAX_UPLOAD},
 };
 
-/* For the console's handler, which gets no argument; set while main is in Run. */
-std::atomic<CMonitorClient *> g_pStoppable{nullptr};
+/*
+ * For the console's handler, which gets no argument. The mutex is held while the handler is inside the
+ * client, which must not go meanwhile.
+ */
+std::mutex g_mtxStoppable;
+CMonitorClient *g_pStoppable = nullptr;  /* under g_mtxStoppable */
 std::atomic<bool> g_bReloads{false};     /* Ctrl-Break reads the settings again instead of ending */
 std::atomic<bool> g_bReloadAsked{false}; /* and was pressed */
+
+void SetStoppable(CMonitorClient *pClient)
+{
+    std::lock_guard const lock(g_mtxStoppable);
+    g_pStoppable = pClient;
+}
 
 BOOL WINAPI OnConsoleEvent(DWORD dwEvent)
 {
     if (dwEvent == CTRL_BREAK_EVENT && g_bReloads) {
         g_bReloadAsked = true;
-    } else if (CMonitorClient *pClient = g_pStoppable.load()) {
-        pClient->Stop();
+        return TRUE;
+    }
+    std::lock_guard const lock(g_mtxStoppable);
+    if (g_pStoppable != nullptr) {
+        g_pStoppable->Stop();
     }
     return TRUE;
 }
@@ -149,9 +163,9 @@ public:
         : m_options(std::move(options)), m_diagnostics(diagnostics), m_client(m_options.monitor)
     {
         g_bReloads = m_diagnostics.IsOn();
-        g_pStoppable = &m_client;
+        SetStoppable(&m_client);
     }
-    ~CMonitor() { g_pStoppable = nullptr; }
+    ~CMonitor() { SetStoppable(nullptr); }
 
     int Run()
     {
