@@ -6,6 +6,8 @@
 
 #include "platform/base.h"
 
+#include <cstdint>
+
 #ifdef _WIN32
 
 #include <winreg.h>
@@ -85,6 +87,10 @@ DWORD PlatSetRegistryFile(char const *pszPath);
 // Returns the length of the whole path, 0 when there is no file (no home directory; the system's
 // registry on Windows).
 DWORD PlatRegistryFile(char *pszPath, DWORD cbPath);
+
+// A number for the state of the file in use. As long as it stays the same the file has not changed. 0
+// when there is no file.
+std::uint64_t PlatRegistryStamp();
 
 // Why the file in its present state is refused, such as `/etc/x.reg:12: "dword:" needs 1 to 8
 // hexadecimal digits`. Copied and cut as above; returns the length of the whole text, 0 when there

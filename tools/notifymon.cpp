@@ -295,6 +295,8 @@ private:
 
 int main(int argc, char **argv)
 {
+    // Not every runtime leaves it so when it is a pipe.
+    std::setvbuf(stderr, nullptr, _IONBF, 0);
     CLI::App app("A client of the notification agent: prints what happens at a device.",
                  "notifymon");
     Options options;

@@ -6,7 +6,7 @@
 #include "trace/g_trace.h"
 
 #include <cstdio>
-#include <system_error>
+#include <filesystem>
 #include <vector>
 
 namespace {
@@ -49,8 +49,7 @@ bool CDiagnostics::Start(std::string const &strRegistry, std::string const &strN
     if (strName.empty()) {
         return true;
     }
-    m_strPath = TextOf(PlatRegistryFile);
-    m_stamp = StampOf(m_strPath);
+    m_qwStamp = PlatRegistryStamp();
     if (GInstallEvtMgr(strName.c_str()) != 0) {
         std::fputs("notifymon: out of memory for the event manager\n", stderr);
         return false;
@@ -65,11 +64,11 @@ void CDiagnostics::Reload(bool bAsked)
     if (!IsOn()) {
         return;
     }
-    Stamp const stamp = StampOf(m_strPath);
-    if (!bAsked && stamp == m_stamp) {
+    std::uint64_t const qwStamp = PlatRegistryStamp();
+    if (!bAsked && qwStamp == m_qwStamp) {
         return;
     }
-    m_stamp = stamp;
+    m_qwStamp = qwStamp;
     LoadParameters();
     if (!TellProblem()) {
         std::fputs("notifymon: settings read again\n", stderr);
@@ -83,16 +82,6 @@ void CDiagnostics::Log(std::string const &strLine)
         TdSetCurrent(kTraceModule, kTraceLevel);
         TdLog("%s", strLine.c_str());
     }
-}
-
-/* A missing file has a stamp of its own: it may come and go. */
-CDiagnostics::Stamp CDiagnostics::StampOf(std::string const &strPath)
-{
-    std::error_code error;
-    Stamp stamp;
-    stamp.tpWritten = std::filesystem::last_write_time(strPath, error);
-    stamp.cb = std::filesystem::file_size(strPath, error);
-    return stamp;
 }
 
 bool CDiagnostics::TellProblem() const

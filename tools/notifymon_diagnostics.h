@@ -3,7 +3,7 @@
  * notifymon as a host of the event manager: installs it, lets it read changed settings while the
  * program runs, removes it at the end. All on the main thread, and around the life of the agent.
  */
-#include <filesystem>
+#include <cstdint>
 #include <string>
 
 class CDiagnostics {
@@ -34,17 +34,8 @@ public:
     void Log(std::string const &strLine);
 
 private:
-    /* What tells that the file has changed. */
-    struct Stamp {
-        std::filesystem::file_time_type tpWritten{};
-        std::uintmax_t cb = 0;
-        bool operator==(Stamp const &) const = default;
-    };
-
-    static Stamp StampOf(std::string const &strPath);
     bool TellProblem() const;
 
     std::string m_strName;
-    std::string m_strPath; /* the settings file; empty: none that could change */
-    Stamp m_stamp;
+    std::uint64_t m_qwStamp = 0; /* of the settings that were read last */
 };

@@ -154,6 +154,8 @@ int RunDeck(std::string const &strTitle, DeckType &deck)
 
 int main(int argc, char **argv)
 {
+    // Not every runtime leaves it so when it is a pipe.
+    std::setvbuf(stderr, nullptr, _IONBF, 0);
     std::string strTitle = "TraceDeck";
     std::string strOut;
     CLI::App app("Shows the lines that trace clients send to the window of a title.", "tracedeck");

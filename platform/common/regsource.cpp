@@ -1,5 +1,7 @@
 #include "platform/common/regsource.h"
 
+#include "platform/registry.h"
+
 #include <algorithm>
 #include <cstring>
 #include <utility>
@@ -62,4 +64,20 @@ DWORD CopyRegText(std::string_view text, char *psz, DWORD cb)
         psz[cbCopy] = '\0';
     }
     return static_cast<DWORD>(text.size());
+}
+
+std::uint64_t PlatRegistryStamp()
+{
+    std::string strPath(PlatRegistryFile(nullptr, 0) + 1, '\0');
+    PlatRegistryFile(strPath.data(), static_cast<DWORD>(strPath.size()));
+    CRegFileStamp const stamp = LookAtRegFile(strPath.c_str(), nullptr).stamp;
+    if (!stamp.bExists) {
+        return 0;
+    }
+    std::uint64_t qwStamp = 1;
+    for (std::uint64_t const qw : {stamp.qwSize, stamp.qwId, stamp.qwWritten, stamp.qwChanged}) {
+        qwStamp = (qwStamp ^ qw) * 0x9E3779B97F4A7C15u;
+        qwStamp ^= qwStamp >> 32;
+    }
+    return qwStamp | 1;
 }
