@@ -28,7 +28,8 @@ inline constexpr DWORD EVENT_ALL_ACCESS = 0x1F0003u;
 /// ERROR_ACCESS_DENIED (this user's directory for shared objects cannot be made or is another's).
 ///
 /// A free mutex is taken and released without a call to the kernel, named or not. A named one vanishes
-/// with its last handle in any process, killed ones included. When its owner is killed, a wait with a
+/// with its last handle in any process, killed ones included (what a process did not close when it ended
+/// is not found again, and swept away by a later one). When its owner is killed, a wait with a
 /// time-out hears of it up to 50 ms later, one without at once.
 HANDLE WINAPI CreateMutexA(LPSECURITY_ATTRIBUTES pAttributes, BOOL fInitialOwner, LPCSTR pszName);
 

@@ -6,12 +6,14 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <filesystem>
 #include <mutex>
 #include <new>
 #include <pthread.h>
 #include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <utility>
 
 // What all processes see. m_state of an event: bit 0 is "set", the bits above count the calls of
 // SetEvent, so that a waiter of a manual-reset event that was set and reset at once does not miss it.
@@ -41,6 +43,7 @@ constexpr DWORD kdwRecheck = 1000;
 constexpr DWORD kdwRecheckOwner = 50;
 // A holder in another process is mostly done within this many looks (a line written to a log).
 constexpr int kcSpin = 100;
+constexpr int kcMaxTries = 1000;
 
 // Guards the list of open objects, and opening and closing as a whole, within this process. A leaf.
 constinit std::mutex g_namedLock;
@@ -72,6 +75,27 @@ bool IsPageOfOurs(int fd)
 {
     struct stat st;
     return fstat(fd, &st) == 0 && st.st_size == static_cast<off_t>(sizeof(CNamedPage));
+}
+
+/// Removes what killed processes left behind, once in the life of this one: nobody holds those files.
+void SweepOnce(std::string const &strPath)
+{
+    static constinit bool s_fSwept = false; // under g_namedLock
+    if (std::exchange(s_fSwept, true))
+        return;
+    std::error_code error;
+    std::filesystem::directory_iterator it(std::filesystem::path(strPath).parent_path(), error),
+        itEnd;
+    for (; !error && it != itEnd; it.increment(error)) {
+        std::string const strName = it->path().filename(), strFile = it->path();
+        if (!strName.starts_with("local.") && !strName.starts_with("global."))
+            continue;
+        int const fd = open(strFile.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW);
+        if (fd >= 0 && LockFile(fd, LOCK_EX | LOCK_NB) && IsSameFile(fd, strFile))
+            unlink(strFile.c_str());
+        if (fd >= 0)
+            close(fd);
+    }
 }
 
 void InitMutex(pthread_mutex_t &mutex, bool fLocked)
@@ -383,16 +407,18 @@ CNamedShared *CNamedShared::OpenOrMake(std::string &strPath, char const *pszName
                                        bool fCreate, bool fManual, bool fSet, bool &fExisted,
                                        DWORD &dwError)
 {
-    // Each turn of the loop means that another process has just made or removed the object.
-    for (;;) {
+    // Each further turn means that another process has just made the object, or has swept away the
+    // page that was still being made ready. The limit is for a directory that is gone altogether.
+    for (int cTries = 0; cTries < kcMaxTries; ++cTries) {
         fExisted = true;
         CNamedShared *pShared = Find(strPath);
         if (!pShared) {
             pShared = OpenFile(strPath, dwError);
             if (!pShared && fCreate && dwError == ERROR_FILE_NOT_FOUND) {
                 fExisted = false;
+                SweepOnce(strPath);
                 pShared = MakeFile(strPath, pszName, eKind, fManual, fSet, dwError);
-                if (!pShared && dwError == ERROR_FILE_EXISTS)
+                if (!pShared && (dwError == ERROR_FILE_EXISTS || dwError == ERROR_FILE_NOT_FOUND))
                     continue;
             }
             if (!pShared)
@@ -402,6 +428,7 @@ CNamedShared *CNamedShared::OpenOrMake(std::string &strPath, char const *pszName
         }
         return pShared;
     }
+    return nullptr;
 }
 
 CNamedShared *CNamedShared::Acquire(char const *pszName, EHandleKind eKind, bool fCreate,
