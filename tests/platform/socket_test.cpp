@@ -490,6 +490,9 @@ TEST_F(Sockets, TheOwnNameGivesAddressesThatAPeerCanReach)
     auto const cLoopback = std::ranges::count_if(
         own, [](sockaddr_in const &a) { return ws::ntohl(a.sin_addr.s_addr) >> 24 == 127; });
     EXPECT_TRUE(cLoopback == 0 || cLoopback == std::ssize(own));
+    if (!kIsPosix && cLoopback != 0) {
+        GTEST_SKIP() << "Wine without /proc does not see the interfaces";
+    }
     // The first is where a datagram to the outside would leave from, if there is a way out.
     CSocket route(SOCK_DGRAM);
     sockaddr_in address = Loopback(9);
