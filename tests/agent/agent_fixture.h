@@ -53,7 +53,12 @@ public:
     }
     void Push(int nTrapId, std::string strValue)
     {
-        Locked([&] { m_traps.emplace_back(nTrapId, strValue); });
+        Locked([&] {
+            m_traps.emplace_back(nTrapId, strValue);
+            if (m_traps.size() > 1024) {
+                m_traps.pop_front(); // the oldest gives way, as with the real one
+            }
+        });
     }
     // Calls the link's callback on this thread, as the library's would; nothing without a link.
     void Raise(DWORD dwEvent);
