@@ -45,6 +45,7 @@
  */
 #include <atomic>
 #include <cstdint>
+#include <type_traits>
 
 #include "platform/base.h"
 #include "platform/cstring.h"
@@ -104,6 +105,8 @@ struct CallbackDataType {
 };
 static_assert(sizeof(void *) != 4 || sizeof(CallbackDataType) == 32,
               "clients on the 32-bit layout rely on a record of 32 bytes");
+static_assert(kIsPosix || std::is_same_v<DWORD, unsigned long>,
+              "on Windows every exported signature says unsigned long");
 
 /* The client's callback. What it returns is disregarded. */
 typedef DWORD (*NotifyCallbackFn)(CallbackType eType, CallbackDataType *pData);

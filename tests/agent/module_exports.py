@@ -1,8 +1,8 @@
 """Checks that the module exports the members of CNotifyAgent and nothing else.
 
 The members are those of the version script. Constructors and destructors have several mangled names
-each, so what is compared are the demangled ones. `unsigned long` counts as `unsigned int`: both are
-the 32-bit word of their system.
+each, so what is compared are the demangled ones. The 32-bit word is `unsigned int` in the script, and
+`unsigned long` in every signature of a DLL.
 """
 import argparse
 import pathlib
@@ -24,9 +24,10 @@ wanted = set(re.findall(r'"(CNotifyAgent::.*)";', pathlib.Path(args.map).read_te
 if args.module.lower().endswith(".dll"):
     table = run(args.objdump, "-p", args.module).split("[Ordinal/Name Pointer] Table", 1)[1]
     names = re.findall(r"^\s*\[\s*\d+\][^\n]*?(\S+)$", table, re.M)
+    wanted = {name.replace("unsigned int", "unsigned long") for name in wanted}
 else:
     names = [line.split()[-1] for line in run(args.nm, "-D", "--defined-only", args.module).splitlines()]
-found = set(run("c++filt", text="\n".join(names)).replace("unsigned long", "unsigned int").splitlines())
+found = set(run("c++filt", text="\n".join(names)).splitlines())
 for name in sorted(found - wanted):
     print("should not be exported:", name)
 for name in sorted(wanted - found):
