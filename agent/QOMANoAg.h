@@ -151,8 +151,9 @@ public:
      * Connects to a device.
      * pszAddress  network: the device's dotted IPv4 address or host name. Local: the text that this
      *             client wants to be known by at the device, or null to leave the choice to it.
-     * Copied. dwPort      the device's port, host order, or kNotifyNoPort. The access library
-     * decides on it. bNetwork    non-zero: over an IPv4 network; 0: a device at this machine.
+     *             Copied.
+     * dwPort      the device's port, host order, or kNotifyNoPort: the access library decides then.
+     * bNetwork    non-zero: over an IPv4 network; 0: a device at this machine.
      * Returns 0; 8, not connected; 1247, connected before, nothing changed; 1307, the device is of
      * another product line, not connected; or the library's code. With the last the agent counts as
      * connected all the same, since the library goes on trying: Shutdown before the next Init. That
@@ -178,11 +179,12 @@ public:
 
     /*
      * Subscribes to each notification in dwFlags, in the order of the flags' values. The first
-     * failure ends the walk; what was subscribed before it stays. pdwInstance  eNF_SELECT only,
-     * where it must not be null: receives the number of the new panel entry, 0 to 32767, which
-     * Delete and Modify need. pszOption    eNF_SELECT only, where it must be neither null nor
-     * empty: the text of the panel entry. The agent sets no limit, but of the text that comes back
-     * with a selection, which holds this one and about 50 bytes more, at most 349 bytes are taken.
+     * failure ends the walk; what was subscribed before it stays.
+     * pdwInstance  eNF_SELECT only, where it must not be null: receives the number of the new panel
+     *              entry, 0 to 32767, which Delete and Modify need.
+     * pszOption    eNF_SELECT only, where it must be neither null nor empty: the text of the panel
+     *              entry. The agent sets no limit, but of the text that comes back with a selection,
+     *              which holds this one and about 50 bytes more, at most 349 bytes are taken.
      * Returns 0; 2250 or 1307, not connected; 8; 50, no such notification over a network; 87; or
      * the library's code.
      */
