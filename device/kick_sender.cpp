@@ -16,12 +16,10 @@ void CKickSender::SetPace(std::chrono::milliseconds interval, unsigned cTries)
     m_cMaxTries = cTries;
 }
 
-void CKickSender::SetOdds(double dDrop, double dRepeat, double dReorder, unsigned nSeed)
+void CKickSender::SetOdds(KickOdds const &odds)
 {
-    m_dDrop = dDrop;
-    m_dRepeat = dRepeat;
-    m_dReorder = dReorder;
-    m_random.seed(nSeed);
+    m_odds = odds;
+    m_random.seed(odds.nSeed);
 }
 
 std::optional<DWORD> CKickSender::Add(LinkAddress const &to, std::string const &strText)
@@ -48,6 +46,10 @@ bool CKickSender::Echo(WORD wFromPort, std::string const &strBytes)
         });
         if (it->first.wPort != wFromPort || itKick == kicks.end())
             continue;
+        if (Misbehaves(&m_cLoseEcho, m_odds.dLoseEcho)) {
+            Log(*itKick, "echo lost");
+            return false;
+        }
         Log(*itKick, "echoed");
         kicks.erase(itKick);
         --m_cWaiting;
@@ -95,7 +97,7 @@ void CKickSender::HoldBack(Kick &kick, LinkTime now)
     if (!kick.fMayBeHeld)
         return;
     kick.fMayBeHeld = false;
-    if (!Misbehaves(&m_cReorder, m_dReorder))
+    if (!Misbehaves(&m_cReorder, m_odds.dReorder))
         return;
     kick.fHeld = true;
     kick.due = now + kHoldTime;
@@ -130,12 +132,12 @@ bool CKickSender::Serve(LinkAddress const &to, Kick &kick, LinkTime now)
 
 void CKickSender::Transmit(LinkAddress const &to, Kick const &kick)
 {
-    if (Misbehaves(&m_cDrop, m_dDrop)) {
+    if (Misbehaves(&m_cDrop, m_odds.dDrop)) {
         Log(kick, "dropped");
         return;
     }
     m_send(to, kick.strDatagram);
-    if (Misbehaves(&m_cRepeat, m_dRepeat)) {
+    if (Misbehaves(&m_cRepeat, m_odds.dRepeat)) {
         Log(kick, "repeated");
         m_send(to, kick.strDatagram);
     }

@@ -8,6 +8,7 @@
  *
  * It can be told to misbehave. Drop, Repeat and Reorder count transmissions, first ones and repeated
  * ones alike: the next n are not sent, are sent twice, or are overtaken by the datagram that follows.
+ * LoseEchoes takes no notice of the next n echoes that it waits for.
  *
  * No lock, no thread, no socket: the owner calls it under its lock and gives it a function that sends.
  */
@@ -19,6 +20,15 @@
 #include <optional>
 #include <random>
 #include <string>
+
+// The odds of each kind of misbehaviour, from 0 to 1.
+struct KickOdds {
+    double dDrop = 0;
+    double dRepeat = 0;
+    double dReorder = 0;
+    double dLoseEcho = 0;
+    unsigned nSeed = 1;
+};
 
 class CKickSender {
 public:
@@ -47,8 +57,9 @@ public:
     void Drop(unsigned c) { m_cDrop = c; }
     void Repeat(unsigned c) { m_cRepeat = c; }
     void Reorder(unsigned c) { m_cReorder = c; }
-    // Misbehaves by chance as well, each from 0 to 1.
-    void SetOdds(double dDrop, double dRepeat, double dReorder, unsigned nSeed);
+    void LoseEchoes(unsigned c) { m_cLoseEcho = c; }
+    // Misbehaves by chance as well.
+    void SetOdds(KickOdds const &odds);
 
 private:
     struct Kick {
@@ -80,8 +91,7 @@ private:
     unsigned m_cDrop = 0;
     unsigned m_cRepeat = 0;
     unsigned m_cReorder = 0;
-    double m_dDrop = 0;
-    double m_dRepeat = 0;
-    double m_dReorder = 0;
+    unsigned m_cLoseEcho = 0;
+    KickOdds m_odds;
     std::minstd_rand m_random;
 };

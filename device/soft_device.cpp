@@ -2,7 +2,6 @@
 
 #include "device/device_link.h"
 #include "device/discovery_job.h"
-#include "device/kick_sender.h"
 #include "device/print_path.h"
 
 #include <algorithm>
@@ -746,9 +745,14 @@ void CSoftDevice::ReorderDatagrams(unsigned c)
     m_pImpl->Change([&](auto &device) { device.m_kicks.Reorder(c); });
 }
 
-void CSoftDevice::SetDatagramOdds(double dDrop, double dRepeat, double dReorder, unsigned nSeed)
+void CSoftDevice::LoseEchoes(unsigned c)
 {
-    m_pImpl->Change([&](auto &device) { device.m_kicks.SetOdds(dDrop, dRepeat, dReorder, nSeed); });
+    m_pImpl->Change([&](auto &device) { device.m_kicks.LoseEchoes(c); });
+}
+
+void CSoftDevice::SetDatagramOdds(KickOdds const &odds)
+{
+    m_pImpl->Change([&](auto &device) { device.m_kicks.SetOdds(odds); });
 }
 
 void CSoftDevice::RefuseClaims(unsigned c)

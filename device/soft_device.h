@@ -14,6 +14,7 @@
  * that comes back writes them anew, with new numbers, and the old ones would only pile up.
  */
 #include "device/device_model.h"
+#include "device/kick_sender.h"
 
 #include <functional>
 #include <memory>
@@ -64,7 +65,8 @@ public:
     void DropDatagrams(unsigned c);
     void RepeatDatagrams(unsigned c);
     void ReorderDatagrams(unsigned c); // a datagram is overtaken by the next to the same address
-    void SetDatagramOdds(double dDrop, double dRepeat, double dReorder, unsigned nSeed);
+    void LoseEchoes(unsigned c);       // of the next so many
+    void SetDatagramOdds(KickOdds const &odds);
     void RefuseClaims(unsigned c);      // the next so many claims of the scan token
     void SetLate(DWORD dwMilliseconds); // every answer comes so late; 0 ends it
     void SetMute(bool fMute);           // no request is answered

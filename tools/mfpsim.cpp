@@ -33,12 +33,10 @@ struct Options {
     unsigned cDrop = 0;
     unsigned cRepeat = 0;
     unsigned cReorder = 0;
+    unsigned cLoseEcho = 0;
     unsigned cRefuse = 0;
     unsigned nLate = 0;
-    double dDrop = 0;
-    double dRepeat = 0;
-    double dReorder = 0;
-    unsigned nSeed = 1;
+    KickOdds odds;
 };
 
 // Lines of several threads, each whole and at once: scripts wait for them.
@@ -77,15 +75,18 @@ void AddOptions(CLI::App &app, Options &options)
     app.add_option("--drop", options.cDrop, "do not send the first N datagrams");
     app.add_option("--repeat", options.cRepeat, "send the first N datagrams twice");
     app.add_option("--reorder", options.cReorder, "let the first N datagrams be overtaken");
+    app.add_option("--lose-echo", options.cLoseEcho, "take no notice of the first N echoes");
     app.add_option("--refuse-claim", options.cRefuse, "refuse the first N claims of a press");
     app.add_option("--late", options.nLate, "give every answer so many milliseconds late");
-    app.add_option("--drop-odds", options.dDrop, "odds of a datagram not to be sent")
+    app.add_option("--drop-odds", options.odds.dDrop, "odds of a datagram not to be sent")
         ->check(CLI::Range(0.0, 1.0));
-    app.add_option("--repeat-odds", options.dRepeat, "odds of a datagram to be sent twice")
+    app.add_option("--repeat-odds", options.odds.dRepeat, "odds of a datagram to be sent twice")
         ->check(CLI::Range(0.0, 1.0));
-    app.add_option("--reorder-odds", options.dReorder, "odds of a datagram to be overtaken")
+    app.add_option("--reorder-odds", options.odds.dReorder, "odds of a datagram to be overtaken")
         ->check(CLI::Range(0.0, 1.0));
-    app.add_option("--seed", options.nSeed, "of the odds")->capture_default_str();
+    app.add_option("--lose-echo-odds", options.odds.dLoseEcho, "odds of an echo not to be noticed")
+        ->check(CLI::Range(0.0, 1.0));
+    app.add_option("--seed", options.odds.nSeed, "of the odds")->capture_default_str();
 }
 
 void Misbehave(CSoftDevice &device, Options const &options)
@@ -95,7 +96,8 @@ void Misbehave(CSoftDevice &device, Options const &options)
     device.ReorderDatagrams(options.cReorder);
     device.RefuseClaims(options.cRefuse);
     device.SetLate(options.nLate);
-    device.SetDatagramOdds(options.dDrop, options.dRepeat, options.dReorder, options.nSeed);
+    device.LoseEchoes(options.cLoseEcho);
+    device.SetDatagramOdds(options.odds);
 }
 
 // False when a line failed.

@@ -59,6 +59,7 @@ CPanelCommands::Command const CPanelCommands::g_commands[] = {
     {"repeat", "N", "send the next N datagrams twice", 1, &CPanelCommands::Repeat},
     {"reorder", "N", "let the next N datagrams be overtaken by the following ones", 1,
      &CPanelCommands::Reorder},
+    {"lose-echo", "N", "take no notice of the next N echoes", 1, &CPanelCommands::LoseEcho},
     {"refuse-claim", "N", "refuse the next N claims of a button press", 1,
      &CPanelCommands::RefuseClaim},
     {"late", "MS", "give every answer MS milliseconds late; 0 ends it", 1, &CPanelCommands::Late},
@@ -212,6 +213,11 @@ bool CPanelCommands::Repeat(Words const &words, std::string *pstrError)
 bool CPanelCommands::Reorder(Words const &words, std::string *pstrError)
 {
     return CountFor(&CSoftDevice::ReorderDatagrams, words, pstrError);
+}
+
+bool CPanelCommands::LoseEcho(Words const &words, std::string *pstrError)
+{
+    return CountFor(&CSoftDevice::LoseEchoes, words, pstrError);
 }
 
 bool CPanelCommands::RefuseClaim(Words const &words, std::string *pstrError)

@@ -43,6 +43,7 @@ private:
     bool Drop(Words const &words, std::string *pstrError);
     bool Repeat(Words const &words, std::string *pstrError);
     bool Reorder(Words const &words, std::string *pstrError);
+    bool LoseEcho(Words const &words, std::string *pstrError);
     bool RefuseClaim(Words const &words, std::string *pstrError);
     bool Late(Words const &words, std::string *pstrError);
     bool Mute(Words const &words, std::string *pstrError);
