@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
 # Runs a program of a Windows build under Wine, in a prefix of that build's own. The build folder holds a
 # ready-made call of this script, "wine-run", that knows the first two arguments:
-#   wine-run PROGRAM [ARGUMENT...]   runs bin/PROGRAM of the build folder. The Windows process takes this script's
-#                                    place: its streams and its exit code (low 8 bits) are the caller's, SIGKILL and
-#                                    SIGTERM end it at once, SIGINT arrives as Ctrl-C.
+#   wine-run PROGRAM [ARGUMENT...]   runs bin/PROGRAM of the build folder, or PROGRAM if that has a folder in front.
+#                                    The Windows process takes this script's place: its streams and its exit code
+#                                    (low 8 bits) are the caller's, SIGKILL and SIGTERM end it at once, SIGINT
+#                                    arrives as Ctrl-C.
 #   wine-run --folder                prints the program's current folder, which the caller can reach too: files
 #                                    exchanged with a Windows program go there, under relative names
 #   wine-run --fresh                 makes a fresh prefix, tests it, and keeps Wine's server up until --stop
@@ -25,7 +26,6 @@ shift 2
 if [[ $bits == 64 ]]; then
     home=$build/wine
     inside=$home
-    bin=$build/bin
     enter=(env -C)
     loader=/usr/lib/wine/wine64
     server=/usr/lib/wine/wineserver64
@@ -35,7 +35,6 @@ else
     root=$("$(dirname "$0")/windows-root.sh" --path)
     inside=/srv/$(cksum <<<"$build" | cut -d' ' -f1)
     home=$root$inside
-    bin=$inside/bin
     enter=(chroot "$root" env -C)
     loader=/usr/lib/wine/wine
     server=/usr/lib/wine/wineserver32
@@ -55,6 +54,8 @@ export WINEDLLOVERRIDES="mscoree,mshtml=;winemenubuilder.exe=d"
 unset DISPLAY WAYLAND_DISPLAY
 
 mkdir -p "$folder" || fail "cannot create $folder"
+# What belongs to a build is found in its folder, wherever it has to lie.
+if [[ $bits == 32 ]]; then ln -sfn "$home" "$build/wine"; fi
 
 stop() {
     if [[ -d $prefix ]]; then timeout 60 "${enter[@]}" "$inside" "$server" -k || true; fi
@@ -117,14 +118,20 @@ case $1 in
 esac
 
 program=$(basename "$1")
+from=$build/bin
+[[ $1 == */* ]] && from=$(realpath "$(dirname "$1")")
 shift
-[[ -f $build/bin/$program ]] || fail "$build/bin/$program is missing"
+[[ -f $from/$program ]] || fail "$from/$program is missing"
 [[ -f $ready ]] || make_prefix {lock}>&-
+bin=$from
 if [[ $bits == 32 ]]; then
-    mkdir -p "$home/bin"
+    # The root has a copy of the folder.
+    bin=$inside/bin
+    [[ $from == "$(realpath "$build/bin")" ]] || bin=$inside/bin-$(cksum <<<"$from" | cut -d' ' -f1)
+    mkdir -p "$root$bin"
     # In place of the old file, not into it: that one may be running.
     shopt -s nullglob
-    cp --update --preserve=timestamps --remove-destination "$build"/bin/*.{exe,dll} "$home/bin/"
+    cp --update --preserve=timestamps --remove-destination "$from"/*.{exe,dll} "$root$bin/"
     cp /etc/hosts /etc/resolv.conf "$root/etc/" 2>/dev/null || true
 fi
 exec {lock}>&-
