@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Builds the fuzz targets and runs each for a while. usage: scripts/fuzz.sh SECONDS [NAME...]
+# Builds the fuzz targets and runs each for a while, as many side by side as there are processors.
+# usage: scripts/fuzz.sh SECONDS [NAME...]
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -16,19 +17,48 @@ if [[ ${#names[@]} -eq 0 ]]; then
         names+=("${name%_fuzz.cpp}")
     done
 fi
+for name in "${names[@]}"; do
+    if [[ ! -f fuzz/${name}_fuzz.cpp ]]; then
+        echo "fuzz: there is no target $name" >&2
+        exit 2
+    fi
+done
+
+# Files that targets write for each input are better kept off the disk.
+scratch=$(mktemp -d -p "$([[ -w /dev/shm ]] && echo /dev/shm || echo "${TMPDIR:-/tmp}")")
+trap 'kill $(jobs -p) 2>/dev/null || true; rm -rf "$scratch"' EXIT
+
+# What is found is kept, and so is the corpus, from which the next run goes on.
+run() {
+    local name=$1 log=build/fuzz/$1.log corpus=build/fuzz/corpus/$1
+    mkdir -p "$corpus"
+    if ! TMPDIR=$scratch "build/fuzz/bin/fuzz_$name" -max_total_time="$seconds" -timeout=20 -rss_limit_mb=2048 \
+        -print_final_stats=1 -artifact_prefix="build/fuzz/found/$name-" "$corpus" "fuzz/seeds/$name" >"$log" 2>&1; then
+        {
+            tail -n 40 "$log"
+            echo "fuzz: $name found something, see build/fuzz/found and $log"
+        } >&2
+        return 1
+    fi
+    echo "fuzz: $name ran $(grep -a number_of_executed_units "$log" | grep -Eo '[0-9]+$') inputs," \
+        "$(grep -aEo 'cov: [0-9]+ ft: [0-9]+' "$log" | tail -n 1)"
+}
 
 scripts/setup.sh clang libclang-rt-dev
 scripts/build.sh fuzz "${names[@]/#/fuzz_}"
 mkdir -p build/fuzz/found
+failed=0
+running=0
 for name in "${names[@]}"; do
-    corpus=build/fuzz/corpus/$name
-    mkdir -p "$corpus"
-    echo "fuzz: $name for $seconds s"
-    "build/fuzz/bin/fuzz_$name" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 -print_final_stats=1 \
-        -artifact_prefix="build/fuzz/found/$name-" "$corpus" "fuzz/seeds/$name" >"build/fuzz/$name.log" 2>&1 || {
-        tail -n 40 "build/fuzz/$name.log" >&2
-        echo "fuzz: $name found something, see build/fuzz/found" >&2
-        exit 1
-    }
-    grep -E 'number_of_executed_units' "build/fuzz/$name.log" | sed "s/^/fuzz: $name /"
+    if [[ $running -eq $(nproc) ]]; then
+        wait -n || failed=1
+        running=$((running - 1))
+    fi
+    run "$name" &
+    running=$((running + 1))
 done
+while [[ $running -gt 0 ]]; do
+    wait -n || failed=1
+    running=$((running - 1))
+done
+exit "$failed"
