@@ -3,7 +3,7 @@
 # usage: scripts/setup.sh [--all] [PACKAGE...]    --all adds what .ci/run needs besides
 set -euo pipefail
 
-packages=(g++ cmake ninja-build pkg-config libgtest-dev libcli11-dev nlohmann-json3-dev libgsf-1-dev python3)
+packages=(g++ cmake make ninja-build pkg-config libgtest-dev libcli11-dev nlohmann-json3-dev libgsf-1-dev python3)
 if [[ ${1:-} == --all ]]; then
     shift
     packages+=(clang libclang-rt-dev clang-format clang-tidy libgsf-bin p7zip-full)
