@@ -7,6 +7,7 @@
 #include "platform/process.h"
 #include "tools/notifymon_client.h"
 #include "tools/notifymon_diagnostics.h"
+#include "tools/notifymon_doctor.h"
 
 #include <algorithm>
 #include <atomic>
@@ -37,6 +38,7 @@ struct Options {
     std::string strDiagnostics;
     unsigned nCount = 0; /* 0: no limit */
     double rTimeout = 0; /* seconds; 0: no limit */
+    bool bDoctor = false;
 };
 
 std::map<std::string, DWORD> const kFlags{
@@ -114,11 +116,19 @@ void DescribeOptions(CLI::App &app, Options &options)
     app.add_option("--timeout", options.rTimeout,
                    "End after so many seconds; with --count that is a failure")
         ->check(CLI::Range(0.001, 1e9));
+    CLI::App *const pDoctor = app.add_subcommand(
+        "doctor", "Tell why notifications do not come, with the device and the settings given");
+    pDoctor->fallthrough();
+    pDoctor->callback([&options] { options.bDoctor = true; });
+    for (char const *pszName : {"--option", "--on", "--json", "--exec", "--count", "--timeout"}) {
+        pDoctor->excludes(app.get_option(pszName));
+    }
     app.footer(
         "Prints one line per notification on stdout and everything else on stderr. Ends on "
         "Ctrl-C.\n"
         "Exit code: 0 done, 1 a result code other than 0 or --count not reached in time, 2 bad "
-        "usage.");
+        "usage.\n"
+        "doctor: 0 nothing failed, 1 something did, 2 bad usage.");
 }
 
 /* Fills in what depends on other options. */
@@ -308,6 +318,11 @@ int main(int argc, char **argv)
         return app.exit(success); // --help
     } catch (CLI::ParseError const &error) {
         return RefuseUsage(error);
+    }
+    if (options.bDoctor) {
+        bool const bWell = RunDoctor(
+            {options.monitor, options.strRegistry, options.strDiagnostics, options.strDiscover});
+        return bWell ? eXC_DONE : eXC_FAILED;
     }
     SetConsoleCtrlHandler(OnConsoleEvent, TRUE);
     CDiagnostics diagnostics; // ends after the agent, whose leaks its final report names

@@ -3,26 +3,17 @@
 #include "evtmgr/g_evthost.h"
 #include "evtmgr/g_evtmgr.h"
 #include "platform/registry.h"
+#include "tools/notifymon_settings.h"
 #include "trace/g_trace.h"
 
 #include <cstdio>
 #include <filesystem>
-#include <vector>
 
 namespace {
 
 /* This program's rows in the trace viewer's tables of names: module 0, level 1. */
 constexpr std::uint64_t kTraceModule = 1;
 constexpr DWORD kTraceLevel = 2;
-
-/* The whole of a text that a platform call hands out piece by piece. */
-template <typename Call>
-std::string TextOf(Call call)
-{
-    std::vector<char> text(call(nullptr, 0) + 1);
-    call(text.data(), static_cast<DWORD>(text.size()));
-    return text.data();
-}
 
 } // namespace
 
@@ -86,7 +77,7 @@ void CDiagnostics::Log(std::string const &strLine)
 
 bool CDiagnostics::TellProblem() const
 {
-    std::string const strProblem = TextOf(PlatRegistryProblem);
+    std::string const strProblem = SettingsProblem();
     if (strProblem.empty()) {
         return false;
     }

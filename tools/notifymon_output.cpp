@@ -41,26 +41,6 @@ constexpr std::array kResultNames{
     ResultName{2250, "not connected"},
 };
 
-/* Device text goes to a terminal: nothing in it may act on that terminal. */
-std::string Printable(std::string const &str)
-{
-    std::string strOut;
-    for (char ch : str) {
-        auto const by = static_cast<unsigned char>(ch);
-        if (by >= 0x20 && by < 0x7f) {
-            if (ch == '"' || ch == '\\') {
-                strOut += '\\';
-            }
-            strOut += ch;
-            continue;
-        }
-        char szHex[5];
-        std::snprintf(szHex, sizeof(szHex), "\\x%02x", static_cast<unsigned>(by));
-        strOut += szHex;
-    }
-    return strOut;
-}
-
 std::string SenderText(Notification const &notification)
 {
     if (notification.strSenderAddress.empty()) {
@@ -74,6 +54,32 @@ std::string SenderText(Notification const &notification)
 }
 
 } // namespace
+
+std::string Printable(std::string const &str)
+{
+    std::string strOut;
+    for (char ch : str) {
+        auto const by = static_cast<unsigned char>(ch);
+        if (by >= 0x20 && by < 0x7f) {
+            strOut += ch;
+            continue;
+        }
+        char szHex[5];
+        std::snprintf(szHex, sizeof(szHex), "\\x%02x", static_cast<unsigned>(by));
+        strOut += szHex;
+    }
+    return strOut;
+}
+
+std::string Quoted(std::string const &str)
+{
+    std::string strEscaped;
+    for (char ch : str) {
+        strEscaped += ch == '"' || ch == '\\' ? "\\" : "";
+        strEscaped += ch;
+    }
+    return "\"" + Printable(strEscaped) + "\"";
+}
 
 std::string KindName(CallbackType eType)
 {
@@ -110,7 +116,7 @@ std::string TextLine(Notification const &notification)
                           " nValue=" + std::to_string(notification.nValue) +
                           " dwValue=" + std::to_string(notification.dwValue);
     if (!notification.strOption.empty()) {
-        strLine += " option=\"" + Printable(notification.strOption) + "\"";
+        strLine += " option=" + Quoted(notification.strOption);
     }
     return strLine + SenderText(notification);
 }
