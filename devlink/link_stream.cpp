@@ -111,10 +111,11 @@ LinkAddress FromSockAddr(sockaddr_in const &address)
     return {static_cast<DWORD>(ws::ntohl(address.sin_addr.s_addr)), ws::ntohs(address.sin_port)};
 }
 
-CSocketLibrary::CSocketLibrary()
+bool CSocketLibrary::Start()
 {
     WSADATA data{};
-    m_fStarted = ws::WSAStartup(0x0202, &data) == 0;
+    m_fStarted = m_fStarted || ws::WSAStartup(0x0202, &data) == 0;
+    return m_fStarted;
 }
 
 CSocketLibrary::~CSocketLibrary()

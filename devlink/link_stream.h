@@ -12,6 +12,7 @@
 #include <chrono>
 #include <string>
 
+// Deadlines are on the monotonic clock.
 using LinkClock = std::chrono::steady_clock;
 using LinkTime = LinkClock::time_point;
 
@@ -20,8 +21,10 @@ DWORD MillisecondsUntil(LinkTime then);
 
 // An IPv4 address and port, both in host order.
 struct LinkAddress {
-    DWORD dwHost = 0;
-    WORD wPort = 0;
+    DWORD dwHost = 0; // 0: none
+    WORD wPort = 0;   // 0: none
+
+    // By host, then by port.
     bool operator==(LinkAddress const &) const = default;
     bool operator<(LinkAddress const &other) const;
 };
@@ -32,38 +35,46 @@ bool ParseDottedAddress(std::string const &str, DWORD *pdwHost);
 bool ParseHostAndPort(std::string const &str, LinkAddress *pAddress);
 std::string FormatAddress(LinkAddress const &address); // "a.b.c.d:port"
 
+// From and to the socket calls' own form.
 sockaddr_in ToSockAddr(LinkAddress const &address);
 LinkAddress FromSockAddr(sockaddr_in const &address);
 
-// Holds a start of the socket library.
+// Holds a start of the socket library. One thread at a time.
 class CSocketLibrary {
 public:
-    CSocketLibrary();
+    CSocketLibrary() { Start(); }
     ~CSocketLibrary();
     CSocketLibrary(CSocketLibrary const &) = delete;
     CSocketLibrary &operator=(CSocketLibrary const &) = delete;
 
+    // Another try if none has succeeded yet. Whether the library can be used.
+    bool Start();
+
 private:
-    bool m_fStarted;
+    bool m_fStarted = false;
 };
 
 // Owns a socket; closed once, whoever comes first.
 class CLinkSocket {
 public:
+    // Takes the socket over.
     explicit CLinkSocket(SOCKET s = INVALID_SOCKET) : m_s(s) {}
     ~CLinkSocket() { Close(); }
     CLinkSocket(CLinkSocket const &) = delete;
     CLinkSocket &operator=(CLinkSocket const &) = delete;
 
+    // The socket, for a call; INVALID_SOCKET once it is closed. Stays the owner's.
     SOCKET Get() const { return m_s.load(); }
     bool IsOpen() const { return Get() != INVALID_SOCKET; }
     void Set(SOCKET s); // closes what it held
+    // Any thread, any number of times.
     void Close() { Set(INVALID_SOCKET); }
 
 private:
     std::atomic<SOCKET> m_s;
 };
 
+// How a Receive ended.
 enum LinkReceive {
     eRX_FRAME,
     eRX_TIMEOUT,
@@ -73,6 +84,7 @@ enum LinkReceive {
 
 class CLinkStream {
 public:
+    // Takes a connected socket over, or makes one at Connect.
     explicit CLinkStream(SOCKET s = INVALID_SOCKET);
 
     // Connects. 0, or the socket library's error (WSAETIMEDOUT when the time was up).
@@ -82,6 +94,7 @@ public:
     // it may be under way, so the stream is of no further use and has been closed.
     bool Send(LinkBytes const &frame, LinkTime deadline);
 
+    // Waits for one whole frame. After anything but eRX_FRAME and eRX_TIMEOUT the stream is of no use.
     LinkReceive Receive(LinkFrame *pFrame, LinkTime deadline);
 
     // Tells the peer that nothing more comes; what it still sends can be received.

@@ -134,6 +134,8 @@ bool CLinkClient::UseStream(std::shared_ptr<CLinkStream> pStream)
 
 DWORD CLinkClient::Connect(BYTE use, LinkTime deadline)
 {
+    if (!m_library.Start())
+        return eDR_UNREACHABLE;
     DWORD dwHost = kLoopback;
     DWORD dwResult = m_strHost.empty() ? DWORD{eDR_OK} : FindHost(deadline, &dwHost);
     if (dwResult != eDR_OK)

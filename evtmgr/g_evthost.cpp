@@ -14,7 +14,11 @@ DWORD GInstallEvtMgr(char const *pszName)
     // Not into g_pEvtMgr at once: no site sees a manager that is not ready.
     std::atomic<CGEvtMgr *> pEvtMgr{nullptr};
     CreateEvtMgr(&pEvtMgr, pszName);
-    if (pEvtMgr.load() == nullptr) {
+    CGEvtMgr *const pMade = pEvtMgr.load();
+    if (pMade == nullptr ||
+        pMade->GetHead() == nullptr) { // without a handler nobody would hear anything
+        if (pMade != nullptr)
+            pMade->Release();
         --g_cEvtMgrs;
         return eGE_OUT_OF_MEMORY;
     }

@@ -21,7 +21,8 @@
 /// Not while another thread runs GInstallEvtMgr or GRemoveEvtMgr.
 /// @param pszName the manager's key below Modules, copied; not null and not empty.
 /// @return eGE_OK; eGE_NULL_ARGUMENT without a name; eGE_BAD_STATE when a manager is installed already;
-/// eGE_OUT_OF_MEMORY. Except with eGE_OK nothing has changed.
+/// eGE_OUT_OF_MEMORY, also when the manager could have no handler at all. Except with eGE_OK nothing has
+/// changed.
 DWORD GInstallEvtMgr(char const *pszName);
 
 /// Removes the installed manager and writes the final report: what the process still holds. A second
