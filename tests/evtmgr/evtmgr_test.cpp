@@ -80,21 +80,6 @@ TEST_F(CEvtMgrTest, InstallAndRemove)
                          "[T]: RemoveEvtMgr: g_cMemory g_cbMemory g_cObjects = 0 0 0\r\n");
 }
 
-TEST_F(CEvtMgrTest, EveryAllocationMayFail)
-{
-    if (!kIsPosix)
-        GTEST_SKIP() << "the registry there is too slow for so many loads";
-    Reg(m_strOn);
-    bool fFired = true; // after the first allocations most are names of rows
-    for (std::size_t nFail = 1; fFired; nFail += nFail < 12 ? 1 : 97) {
-        CAllocFault fault(nFail);
-        GInstallEvtMgr("mgr");
-        GRemoveEvtMgr("mgr");
-        fFired = fault.HasFired();
-    }
-    EXPECT_EQ(g_cEvtMgrs, 0);
-}
-
 TEST_F(CEvtMgrTest, FinalReportNamesLeaks)
 {
     Reg(m_strOn + m_strAppend);

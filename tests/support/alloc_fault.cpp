@@ -53,10 +53,11 @@ CAllocFault::CAllocFault(std::size_t nFail, EScope eScope)
 CAllocFault::~CAllocFault()
 {
     s_fArmed = false;
+    s_fFired = false;
     s_fThisThread = false;
 }
 
-bool CAllocFault::HasFired() const
+bool CAllocFault::HasFired()
 {
     return s_fFired;
 }

@@ -18,8 +18,8 @@ public:
     CAllocFault(CAllocFault const &) = delete;
     CAllocFault &operator=(CAllocFault const &) = delete;
 
-    // Whether that allocation has come.
-    bool HasFired() const;
+    // Whether that allocation has come; false without an object.
+    static bool HasFired();
 };
 
 // Runs fnStory with its first allocation failing, then its second, and so on, until a run needs no more.
