@@ -8,7 +8,7 @@ if [[ $# -gt 0 && $1 != -* ]]; then
     preset=$1
     shift
 fi
-packages=()
+packages=(iproute2) # two hosts on one machine
 [[ $preset == clang ]] && packages=(clang)
 scripts/setup.sh "${packages[@]}"
 scripts/build.sh "$preset"

@@ -1,5 +1,6 @@
 #include "platform/probe.h"
 
+#include <psapi.h>
 #include <tlhelp32.h>
 
 DWORD PlatHandleCount()
@@ -20,4 +21,13 @@ DWORD PlatThreadCount()
         cThreads += entry.th32OwnerProcessID == GetCurrentProcessId();
     CloseHandle(hSnapshot);
     return cThreads;
+}
+
+PlatMemoryType PlatMemory()
+{
+    HeapCompact(GetProcessHeap(), 0);
+    PROCESS_MEMORY_COUNTERS counters{};
+    counters.cb = sizeof counters;
+    GetProcessMemoryInfo(GetCurrentProcess(), &counters, sizeof counters);
+    return {counters.PagefileUsage, 0};
 }

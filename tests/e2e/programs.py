@@ -40,10 +40,11 @@ class Folder:
 
 
 class Program:
-    """A running program. Lines of both its streams are kept in the order of their arrival."""
+    """A running program. Lines of both its streams are kept in the order of their arrival. With inside, a
+    command line that runs another one elsewhere, it runs there."""
 
-    def __init__(self, variable, *arguments):
-        command = shlex.split(os.environ[variable]) + [str(a) for a in arguments]
+    def __init__(self, variable, *arguments, inside=()):
+        command = [*inside, *shlex.split(os.environ[variable])] + [str(a) for a in arguments]
         self.name = variable.removeprefix("QOMA_").lower()
         self.process = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
                                         stderr=subprocess.PIPE, text=True, errors="replace")
@@ -106,16 +107,16 @@ class Program:
 
 
 class Device(Program):
-    def __init__(self, *arguments, port=0):
-        super().__init__("QOMA_MFPSIM", "--port", port, *arguments)
+    def __init__(self, *arguments, port=0, inside=()):
+        super().__init__("QOMA_MFPSIM", "--port", port, *arguments, inside=inside)
         self.port = int(self.expect(r"listening on [^ ]*:(\d+)").group(1))
 
 
 class Client(Program):
     """notifymon with --json, subscribed."""
 
-    def __init__(self, device, *arguments, ready=True):
-        super().__init__("QOMA_NOTIFYMON", "--json", "--port", device.port, *arguments)
+    def __init__(self, device, *arguments, ready=True, inside=()):
+        super().__init__("QOMA_NOTIFYMON", "--json", "--port", device.port, *arguments, inside=inside)
         if ready:
             self.expect("ready$", "err")
 

@@ -9,7 +9,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <filesystem>
 #include <thread>
 
 namespace {
@@ -41,17 +40,6 @@ private:
     std::atomic<bool> m_fStop{false};
     std::thread m_thread;
 };
-
-// What the process holds of the system. A module's own copy of the platform layer counts its handles by
-// itself, so on POSIX the descriptors behind them are what can be seen from here.
-std::size_t HeldHandles()
-{
-    if (!kIsPosix) {
-        return PlatHandleCount();
-    }
-    std::filesystem::directory_iterator const folder("/proc/self/fd");
-    return static_cast<std::size_t>(std::distance(begin(folder), end(folder)));
-}
 
 void UseAndUnload(WORD wPort)
 {

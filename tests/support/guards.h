@@ -3,6 +3,7 @@
 #pragma once
 
 #include "foundation/g_os.h"
+#include "platform/probe.h"
 
 #include <gtest/gtest.h>
 
@@ -43,6 +44,17 @@ bool WaitFor(Condition fnDone, std::chrono::seconds limit = std::chrono::seconds
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     return true;
+}
+
+// What the process holds of the system. A module's own copy of the platform layer counts its handles by
+// itself, so on POSIX the descriptors behind them are what can be seen from here.
+inline std::size_t HeldHandles()
+{
+    if (!kIsPosix) {
+        return PlatHandleCount();
+    }
+    std::filesystem::directory_iterator const folder("/proc/self/fd");
+    return static_cast<std::size_t>(std::distance(begin(folder), end(folder)));
 }
 
 // A folder of the test's own, gone with all that is in it at the end of the block.
