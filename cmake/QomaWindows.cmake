@@ -21,26 +21,3 @@ foreach(library CLI nlohmann)
   file(CREATE_LINK /usr/include/${library} ${CMAKE_BINARY_DIR}/include/${library} SYMBOLIC)
 endforeach()
 set(CLI11_INCLUDE_DIR ${CMAKE_BINARY_DIR}/include)
-
-# dist/ is what a Windows machine gets: the programs and modules, stripped, with the modules' import libraries.
-function(qoma_windows_dist)
-  set(commands)
-  foreach(target QOMANoAg QOMADolC notifymon mfpsim tracedeck)
-    if(TARGET ${target})
-      list(APPEND targets ${target})
-      list(APPEND commands COMMAND ${CMAKE_STRIP} -o dist/$<TARGET_FILE_NAME:${target}> $<TARGET_FILE:${target}>)
-      get_target_property(type ${target} TYPE)
-      if(type STREQUAL SHARED_LIBRARY)
-        list(APPEND commands COMMAND ${CMAKE_COMMAND} -E copy $<TARGET_LINKER_FILE:${target}> dist)
-      endif()
-    endif()
-  endforeach()
-  add_custom_command(OUTPUT dist/.stamp
-    COMMAND ${CMAKE_COMMAND} -E rm -rf dist
-    COMMAND ${CMAKE_COMMAND} -E make_directory dist
-    ${commands}
-    COMMAND ${CMAKE_COMMAND} -E touch dist/.stamp
-    DEPENDS ${targets} VERBATIM COMMENT "Collecting dist/")
-  add_custom_target(dist ALL DEPENDS dist/.stamp)
-endfunction()
-cmake_language(DEFER CALL qoma_windows_dist)

@@ -1,15 +1,15 @@
 #!/usr/bin/env bash
 # Windows: what we hand out needs nothing but the system and our own access library, so that a folder that is
-# copied to another machine runs there. usage: check_imports.sh OBJDUMP FOLDER
+# copied to another machine runs there. usage: check_imports.sh OBJDUMP PREFIX
 set -euo pipefail
 
 objdump=$1
-folder=$2
+prefix=$2
 system='kernel32|msvcrt|advapi32|user32|ws2_32|ole32|oleaut32|shell32|winspool'
 found=0
 for file in QOMANoAg.dll QOMADolC.dll notifymon.exe mfpsim.exe tracedeck.exe; do
     # A folder without a program must not pass for one that needs nothing.
-    imports=$("$objdump" -p "$folder/$file" | sed -n 's/.*DLL Name: //p')
+    imports=$("$objdump" -p "$prefix/bin/$file" | sed -n 's/.*DLL Name: //p')
     if [[ -z $imports ]]; then
         echo "$file imports nothing at all" >&2
         found=1
@@ -22,7 +22,7 @@ for file in QOMANoAg.dll QOMADolC.dll notifymon.exe mfpsim.exe tracedeck.exe; do
     done <<<"$imports"
 done
 for library in QOMANoAg QOMADolC; do
-    if [[ ! -s $folder/lib$library.dll.a ]]; then
+    if [[ ! -s $prefix/lib/lib$library.dll.a ]]; then
         echo "the import library of $library is missing" >&2
         found=1
     fi
