@@ -37,6 +37,7 @@ public:
     CAgentLock(CAgentLock const &) = delete;
     CAgentLock &operator=(CAgentLock const &) = delete;
 
+    /* Whether the mutex was entered, so that the work may be done. */
     bool IsHeld() const { return m_bHeld; }
 
 private:

@@ -9,6 +9,7 @@
 
 class CDolRtl;
 
+/* The rows of g_DolObjects, and so the trap ids. */
 enum DolRowType : DWORD {
     eDO_UI_ADD_OPTION = 0,
     eDO_UI_SELECT_OPTION = 1,
@@ -21,12 +22,13 @@ enum DolRowType : DWORD {
     eDO_COUNT
 };
 
+/* A device object as CDolRtl is told of it. */
 struct DolObjectType {
     unsigned char oidLength;   /* bytes used in oid */
     unsigned char oid[14];     /* the identifier, a byte for each of its numbers */
     std::atomic<DWORD> length; /* what CDolRtl is given; every agent's constructor sets it */
-    char const *name;
-    unsigned char dataType; /* 1 word, 4 text, 5 binary, 8 a word of bits */
+    char const *name;          /* as the device knows it */
+    unsigned char dataType;    /* 1 word, 4 text, 5 binary, 8 a word of bits */
 };
 
 /* One table for all agents. Constant but for `length`, which always gets the same value. */

@@ -21,6 +21,7 @@ public:
     // What the receiving thread calls, without a lock of the link's.
     class Owner {
     public:
+        // A frame of the client's has come.
         virtual void OnFrame(CDeviceLink &link, LinkFrame const &frame) = 0;
         virtual void OnEnd(CDeviceLink &link,
                            std::string const &strReason) = 0; // once, the last call
@@ -28,14 +29,17 @@ public:
         ~Owner() = default;
     };
 
+    // What the client has registered an object with.
     struct Registration {
-        WORD wTrapId = 0;
-        BYTE dataType = 0;
+        WORD wTrapId = 0;  // its own number for the object's traps
+        BYTE dataType = 0; // a LinkDataType
     };
 
+    // Takes the socket over; the owner must outlive the link. No thread runs yet.
     CDeviceLink(ClientId id, SOCKET s, Owner &owner);
     ~CDeviceLink(); // ends the link and waits for both threads; not on one of them
 
+    // Starts both threads. Once.
     void Start();
 
     // Queues bytes to be sent, not before the given time. Order is kept. A client that lets too much
@@ -43,11 +47,13 @@ public:
     void Post(LinkBytes bytes, LinkTime due);
     // Ends the link once all that was posted before has been sent.
     void PostEnd();
+    // Ends the link at once. Any thread; does not wait.
     void Close();
 
     // Both threads have ended; destroying the link does not wait.
     bool IsFinished() const { return m_cRunning == 0; }
 
+    // Who the client is, and where it is connected from. Any thread.
     ClientId Id() const { return m_id; }
     LinkAddress Peer() const { return m_stream.Peer(); }
 

@@ -13,16 +13,19 @@
 // A client is known by the number of its link, which never comes again; 0 is none.
 using ClientId = DWORD;
 
+// An entry on the panel.
 struct PanelEntry {
-    std::string strText;
-    ClientId owner = 0;
+    std::string strText;   // the option text as the client wrote it
+    ClientId owner = 0;    // the client that placed it
     bool fNetwork = false; // its owner's link is one over a network
 };
 
+// An object's new value, for clients that registered for it.
 struct ObjectChange {
-    int nRow = 0;
-    LinkBytes value;
+    int nRow = 0;    // a DeviceRow
+    LinkBytes value; // as it goes over the wire
 };
+// In the order in which they came about.
 using ObjectChanges = std::vector<ObjectChange>;
 
 /*
@@ -35,9 +38,12 @@ using ObjectChanges = std::vector<ObjectChange>;
  */
 class CScanToken {
 public:
+    // The button is pressed: there is a press to claim.
     void Press() { m_fPressWaits = true; }
+    // Gives the press and the token to the client. False if there is no press or another one holds it.
     bool Claim(ClientId client);
     bool Free(ClientId client); // false if it holds nothing
+    // Who has the token, 0 for nobody.
     ClientId Holder() const { return m_holder; }
 
 private:
@@ -45,10 +51,12 @@ private:
     ClientId m_holder = 0;
 };
 
+// The whole of the device's state, see above.
 class CDeviceModel {
 public:
     CDeviceModel();
 
+    // A client reads: eLR_OK with the value as it goes over the wire, or why not.
     DWORD Get(int nRow, BYTE dataType, LinkBytes *pValue) const;
     // A client writes. eLR_OK, or why not; then nothing has changed.
     DWORD Set(ClientId client, bool fNetwork, int nRow, BYTE dataType, LinkBytes const &value,
@@ -56,6 +64,7 @@ public:
     // A link has ended: its entries leave the panel and its token is free.
     std::vector<PanelEntry> ClientGone(ClientId client, ObjectChanges *pChanges);
 
+    // What is on the panel, in the order of coming, and who has the token (0: nobody).
     std::vector<PanelEntry> const &Panel() const { return m_panel; }
     ClientId TokenHolder() const { return m_token.Holder(); }
 
@@ -65,6 +74,7 @@ public:
     ObjectChange AnnounceFax();
     ObjectChange Select(std::string const &strText);
 
+    // Misbehaviour: the next c claims of the token are refused.
     void RefuseClaims(unsigned c) { m_cRefuseClaims = c; }
 
 private:

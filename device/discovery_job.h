@@ -13,6 +13,7 @@
 
 constexpr size_t kMaxDiscoveryJob = 1024; // bytes between the two exit sequences
 
+// What a job asks for.
 struct DiscoveryJob {
     std::string strAddress; // of the NETADDR= clause, not empty, not examined further
     std::string strNumber;  // of the SRVQ= clause, a decimal number as it stood there
@@ -20,8 +21,8 @@ struct DiscoveryJob {
 
 // What was found, in its order: a job, or with strRefusal the reason why something is none.
 struct DiscoveryFind {
-    DiscoveryJob job;
-    std::string strRefusal;
+    DiscoveryJob job;       // of no meaning with a refusal
+    std::string strRefusal; // empty for a job
 };
 
 // Takes apart what stands between the exit sequences. An empty text, or the reason of the refusal.
@@ -34,6 +35,7 @@ bool FindClause(std::string const &strText, std::string const &strKey, std::stri
 // Bytes may come in pieces of any size. Holds little more than one job of the largest size.
 class CDiscoveryScanner {
 public:
+    // Takes cb bytes that have come, and hands out what is complete by now.
     std::vector<DiscoveryFind> Feed(char const *p, size_t cb);
 
     // No more is coming for now: what is left was cut off. At most one refusal.

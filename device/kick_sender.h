@@ -23,11 +23,11 @@
 
 // The odds of each kind of misbehaviour, from 0 to 1.
 struct KickOdds {
-    double dDrop = 0;
-    double dRepeat = 0;
-    double dReorder = 0;
-    double dLoseEcho = 0;
-    unsigned nSeed = 1;
+    double dDrop = 0;     // not sent
+    double dRepeat = 0;   // sent twice
+    double dReorder = 0;  // overtaken by the next
+    double dLoseEcho = 0; // its echo is not heard
+    unsigned nSeed = 1;   // the same seed, the same misfortunes
 };
 
 class CKickSender {
@@ -36,9 +36,10 @@ public:
     // Of a text, so that a separator and a clause with the longest number still fit.
     static constexpr size_t kMaxText = kMaxDatagram - sizeof(";KICKSEQ=4294967295;") + 1;
 
-    using SendFn = std::function<void(LinkAddress const &, std::string const &)>;
-    using LogFn = std::function<void(std::string const &)>;
+    using SendFn = std::function<void(LinkAddress const &, std::string const &)>; // one datagram
+    using LogFn = std::function<void(std::string const &)>;                       // one line
 
+    // Both are called from Run and Echo.
     CKickSender(SendFn send, LogFn log) : m_send(std::move(send)), m_log(std::move(log)) {}
 
     // From the next transmission on. cTries counts the first one too.
@@ -54,6 +55,7 @@ public:
     // Sends what is due. When to call again; LinkTime::max() when nothing waits.
     LinkTime Run(LinkTime now);
 
+    // The next c transmissions are not sent, are sent twice, are overtaken; the next c echoes are lost.
     void Drop(unsigned c) { m_cDrop = c; }
     void Repeat(unsigned c) { m_cRepeat = c; }
     void Reorder(unsigned c) { m_cReorder = c; }

@@ -21,6 +21,7 @@ public:
     using FindFn = std::function<void(DiscoveryFind const &)>; // on the print path's thread
     using LogFn = std::function<void(std::string const &)>;    // on that thread too
 
+    // Touches nothing yet. The functions are called from Start to Stop.
     CPrintPath(std::string strPath, FindFn onFind, LogFn log);
     ~CPrintPath() { Stop(); }
 
@@ -32,7 +33,7 @@ public:
     void Stop();
 
 private:
-    bool CheckFile(std::string *pstrError) const;
+    bool CheckFile(std::string *pstrError);
     void WatchFifo();
     void WatchFile();
     bool LookAtFile(); // false when watching has come to its end

@@ -21,13 +21,14 @@
 #include <string>
 #include <vector>
 
+// What the device is to be.
 struct SoftDeviceConfig {
     std::string strModel = "VELLUMAX 4000"; // of the identification text
     std::string strListen = "127.0.0.1";    // dotted address to listen at
     WORD wPort = 0;                         // TCP, 0 for any that is free
     std::string strPrintPath;               // empty for none
     DWORD dwKickIntervalMs = 500;           // between two tries of one datagram
-    DWORD cKickTries = 10;
+    DWORD cKickTries = 10;                  // of one datagram, the first one included
     // Gets one line, without a line end, for everything that happens. Called under the device's lock.
     std::function<void(std::string const &)> log;
 };
@@ -36,6 +37,7 @@ class CSoftDeviceImpl;
 
 class CSoftDevice {
 public:
+    // Keeps the configuration; nothing runs before Start.
     explicit CSoftDevice(SoftDeviceConfig config = {});
     ~CSoftDevice(); // stops it
     CSoftDevice(CSoftDevice const &) = delete;
@@ -49,6 +51,8 @@ public:
     WORD Port() const; // TCP, after Start
 
     // ---- The front panel
+
+    // The entries in the order of their coming.
     std::vector<PanelEntry> Panel() const;
     // Waits until an entry's text holds strPart (any entry for an empty one). False when the time is up.
     bool WaitForEntry(std::string const &strPart, DWORD dwMilliseconds) const;
@@ -59,6 +63,7 @@ public:
     void AnnounceFax();
 
     // ---- Misbehaviour
+
     // Ends all links and turns clients away for so long.
     void CutLinks(DWORD dwMilliseconds);
     // Of the next so many datagrams sent, repeated tries included.

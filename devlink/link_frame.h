@@ -11,23 +11,27 @@
 #include <string>
 #include <vector>
 
+// Bytes as they go over the wire.
 using LinkBytes = std::vector<BYTE>;
 
+// A frame taken apart.
 struct LinkFrame {
-    BYTE kind = 0;
+    BYTE kind = 0;      // a LinkKind, in an answer with kLinkAnswerBit
     DWORD dwNumber = 0; // of a request, the same in its answer; 0 in frames that answer nothing
-    LinkBytes payload;
+    LinkBytes payload;  // what the kind prescribes
 };
 
 // Puts a payload together.
 class CLinkWriter {
 public:
+    // Each appends to the payload; words of 16 and 32 bits go low byte first, Raw as it is.
     CLinkWriter &Byte(BYTE b);
     CLinkWriter &Word16(WORD w);
     CLinkWriter &Word32(DWORD dw);
     CLinkWriter &Raw(void const *p, size_t cb);
     CLinkWriter &Bytes8(void const *p, size_t cb);  // one length byte first; cb up to 255
     CLinkWriter &Bytes32(void const *p, size_t cb); // a length word first
+    // Hands the payload out; the writer is empty afterwards.
     LinkBytes Take() { return std::move(m_bytes); }
 
 private:
@@ -38,8 +42,10 @@ private:
 // that a caller reads all fields and asks once. Keeps a reference to the bytes.
 class CLinkReader {
 public:
+    // bytes must outlive the reader.
     explicit CLinkReader(LinkBytes const &bytes) : m_bytes(bytes) {}
 
+    // The next field: a byte, a word of 16 or 32 bits, bytes or a text behind a length byte or word.
     BYTE Byte();
     WORD Word16();
     DWORD Word32();
@@ -66,6 +72,7 @@ LinkBytes EncodeLinkFrame(LinkFrame const &frame);
 // Finds frames in bytes that come in pieces of any size. Holds one frame and one piece at most.
 class CLinkDecoder {
 public:
+    // Appends cb bytes that have come.
     void Feed(BYTE const *p, size_t cb);
 
     // The next whole frame. False when more bytes are needed, or after IsGarbage.

@@ -26,7 +26,7 @@ enum LinkKind : BYTE {
     eLK_PING = 7,
     eLK_TRAP_VALUE = 16, // from the device, unasked, number 0
 };
-constexpr BYTE kLinkAnswerBit = 0x80;
+constexpr BYTE kLinkAnswerBit = 0x80; // of the kind of an answer
 
 // What a client says in eLK_HELLO that it wants.
 enum LinkUse : BYTE {

@@ -24,14 +24,16 @@
 #include <string>
 #include <thread>
 
+// A trap that nobody has read yet.
 struct WaitingTrap {
-    WORD wTrapId = 0;
-    BYTE dataType = 0;
-    LinkBytes value; // words in host order
+    WORD wTrapId = 0;  // under which the object was registered
+    BYTE dataType = 0; // a LinkDataType
+    LinkBytes value;   // words in host order
 };
 
 class CLinkClient : public std::enable_shared_from_this<CLinkClient> {
 public:
+    // As CDolRtl's constructor. Nothing runs before Init.
     CLinkClient(DolRtlCallbackFn pfnCallback, DWORD_PTR dwContext);
 
     // As the operations of CDolRtl. May throw std::bad_alloc.

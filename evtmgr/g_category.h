@@ -13,8 +13,8 @@ inline constexpr LONG kcCategoryRows = 65;
 /// One category: its two names and whether each of them is shown. A plain record within the table.
 /// The names go on the line as they are: blanks, brackets and separators stand in the registry.
 struct CategoryRowType {
-    CGString m_strLongName;
-    CGString m_strShortName;
+    CGString m_strLongName;       ///< before the text
+    CGString m_strShortName;      ///< behind the level
     LONG m_fDisplayShortName = 1; ///< 0: the short name of this row stays off the line
     LONG m_fDisplayLongName = 1;  ///< 0: the long name of this row stays off the line
 };
@@ -43,7 +43,7 @@ public:
     LONG m_fDisplayShortName; ///< 0 keeps all short names of this table off the line
     LONG m_fDisplayLongName;  ///< 0 keeps all long names of this table off the line
     LONG m_fDisplayLevel;     ///< not 0 shows the level; one of the two tables of a line is enough
-    CategoryRowType m_Rows[kcCategoryRows];
+    CategoryRowType m_Rows[kcCategoryRows]; ///< see kcCategoryRows for which is whose
 
 private:
     void LoadRow(LONG nRow, char const *pszRowKey, char *pszValue);

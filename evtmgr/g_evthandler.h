@@ -52,8 +52,11 @@ public:
     LONG IsEventOn(std::uint64_t base) { return IsEventOn(base, 0, 0); }
 
     /// Builds the line of an event and hands it to WriteLine. It does not ask the filter.
-    /// @param pszText not null. @return the result of WriteLine; 0 when there is no memory for the line.
+    /// @param pszText not null. @param base, custom, nLevel the event's masks and level, for its names.
+    /// @return the result of WriteLine; 0 when there is no memory for the line.
     DWORD WriteEvent(char const *pszText, std::uint64_t base, std::uint64_t custom, LONG nLevel);
+
+    /// The same with custom mask 0 and level 0.
     DWORD WriteEvent(char const *pszText, std::uint64_t base)
     {
         return WriteEvent(pszText, base, 0, 0);

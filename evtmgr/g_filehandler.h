@@ -35,7 +35,7 @@ public:
     /// GMutexClose, 0 if there was no mutex.
     DWORD OpenLogFile(DWORD how);
 
-    CGString m_strKeyName;
+    CGString m_strKeyName;   ///< "File"
     CGString m_strFileName;  ///< as the registry has it, the case kept for the file system
     CGString m_strMutexName; ///< the mutex name made of it
     LONG m_fAppend;          ///< not 0 keeps what is in the log when it is opened

@@ -9,6 +9,7 @@
 /// the line, and the reporting thread holds the manager's queue mutex all the while.
 class CGTdEvtHandler : public CGBaseEvtHandler {
 public:
+    /// Reads nothing yet. @param pEvtMgr the manager that it belongs to, not referenced.
     explicit CGTdEvtHandler(CGEvtMgr *pEvtMgr);
 
     /// "TD".
@@ -20,5 +21,5 @@ public:
     /// @return 0.
     DWORD WriteText(char *pszText) override;
 
-    CGString m_strKeyName;
+    CGString m_strKeyName; ///< "TD"
 };

@@ -55,9 +55,9 @@ public:
     void SetFormat(CLIPFORMAT cfFormat) { m_cfFormat = cfFormat; }
 
 protected:
-    IStorage *m_pStorage;
-    IStream *m_pStream;
-    CLIPFORMAT m_cfFormat;
+    IStorage *m_pStorage;  // one reference; see the table above
+    IStream *m_pStream;    // likewise
+    CLIPFORMAT m_cfFormat; // for CompoundWriteInfo
 
 private:
     // What an open with this name gives before it has touched anything; eGE_OK to go on.

@@ -13,6 +13,7 @@
 
 class CGFile : public CGReference {
 public:
+    // Not open. pszName is the object's name in reports, copied.
     explicit CGFile(char const *pszName) : CGReference(pszName) {}
     ~CGFile() override = default;
 

@@ -47,6 +47,7 @@ inline char const *GTextOf(char const *psz)
                         __FILE__);                                                                 \
     } while (0)
 
+// The other way: before the object is deleted.
 #define DEC_OBJECT_COUNTER(fMask, pszObjectName)                                                   \
     do {                                                                                           \
         DWORD const cObjectsNow_ = --g_cObjects;                                                   \
@@ -56,6 +57,7 @@ inline char const *GTextOf(char const *psz)
                         __FILE__);                                                                 \
     } while (0)
 
+// Reports a counted object that could not be had.
 #define NEW_OPERATOR(fMask, pszObjectName)                                                         \
     G_REPORT_MASKED(fMask, eEB_ERROR, eEL_ERROR, "NEW_OPERATOR: %s: NEW FAILED line file = %d %s", \
                     GTextOf(pszObjectName), __LINE__, __FILE__)
@@ -71,6 +73,7 @@ inline char const *GTextOf(char const *psz)
                         (pszFile));                                                                \
     } while (0)
 
+// The other way.
 #define DEC_MEMSUM_COUNTER(fMask, cbSize, nLine, pszFile)                                          \
     do {                                                                                           \
         --g_cMemory;                                                                               \
@@ -101,6 +104,7 @@ void *GMemAlloc(DWORD cbSize, int nLine, char const *pszFile);
 // alone. The block may also come from plain operator new followed by INC_MEMSUM_COUNTER.
 void GMemFree(void **ppBlock, DWORD cbSize, int nLine, char const *pszFile);
 
+// The same for a pointer of any type.
 template <class T>
 void GMemFree(T **ppBlock, DWORD cbSize, int nLine, char const *pszFile)
 {

@@ -26,11 +26,11 @@
 // A plain record, made by CreateNode and unmade by DestroyNode alone.
 struct CNode {
     CGString m_strName; // serves the counter reports; nothing looks a node up by name
-    void *m_pData;
-    DWORD m_cbData;    // bytes; 0: the queue does not own the payload
-    DWORD m_nPriority; // larger numbers stand nearer the head, compared unsigned
-    CNode *m_pNext;    // towards the tail
-    CNode *m_pPrev;    // towards the head
+    void *m_pData;      // the payload
+    DWORD m_cbData;     // bytes; 0: the queue does not own the payload
+    DWORD m_nPriority;  // larger numbers stand nearer the head, compared unsigned
+    CNode *m_pNext;     // towards the tail
+    CNode *m_pPrev;     // towards the head
 
     CNode() {} // the rest is filled when the node is added
 };
@@ -49,6 +49,8 @@ public:
     // eGE_OK, eGE_NULL_ARGUMENT.
     DWORD DestroyNode(CNode **ppNode);
 
+    // Walking the list under the mutex: first, towards the tail, towards the head (null at the ends and
+    // for null), and how many there are.
     CNode *GetHead() const { return m_pHead; }
     static CNode *GetNext(CNode const *pNode)
     {
@@ -63,9 +65,9 @@ public:
 protected:
     DWORD m_cLinked = 0; // nodes in the list
     std::atomic<DWORD> m_cLive{
-        0}; // nodes made and not yet freed; atomic, since FreeNode has no lock
-    CNode *m_pHead = nullptr;
-    CGString m_strQueueName;
+        0};                   // nodes made and not yet freed; atomic, since FreeNode has no lock
+    CNode *m_pHead = nullptr; // null: the list is empty
+    CGString m_strQueueName;  // for reports
     char const *m_pszQueueName = nullptr; // text of m_strQueueName when the constructor ended
 
 private:
@@ -75,6 +77,7 @@ private:
 // State of a CGQueue.
 enum EGQueueState : LONG { eQS_OPEN = 0, eQS_CLOSED = 1 };
 
+// The list with its lock, see above.
 class CGQueue : public CGBaseQueue {
 public:
     // A constructor cannot report: if the drained event cannot be had, WaitDrained does not wait; if
@@ -126,8 +129,8 @@ public:
     void Unlock();
 
 protected:
-    LONG m_eState = eQS_CLOSED; // guarded by m_hMutex, as is the list
-    HANDLE m_hMutex = nullptr;
+    LONG m_eState = eQS_CLOSED;  // guarded by m_hMutex, as is the list
+    HANDLE m_hMutex = nullptr;   // recursive; null: the queue takes no nodes
     HANDLE m_hDrained = nullptr; // manual reset, created signalled; moves under m_hMutex
 
 private:

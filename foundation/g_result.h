@@ -8,6 +8,7 @@
 
 #include "platform/base.h"
 
+// What each means, wherever it is returned.
 enum EGResult : DWORD {
     eGE_OK = 0,
     eGE_NOT_IN_QUEUE = 1,       // the node is not in the list

@@ -22,10 +22,12 @@ BOOL RetryPostThreadMessage(DWORD dwThread, UINT nMessage, WPARAM wParam, LPARAM
 
 // The services as the wrappers call them. A test puts its own in their place.
 struct CGRetryServices {
-    decltype(&CoCreateInstance) m_pfnCoCreateInstance;
-    decltype(&EnumJobsA) m_pfnEnumJobs;
-    decltype(&OpenPrinterA) m_pfnOpenPrinter;
-    decltype(&PostThreadMessageA) m_pfnPostThreadMessage;
-    DWORD (*m_pfnSleep)(DWORD dwMilliseconds);
+    decltype(&CoCreateInstance) m_pfnCoCreateInstance;    // for RetryCoCreateInstance
+    decltype(&EnumJobsA) m_pfnEnumJobs;                   // for RetryEnumJobs
+    decltype(&OpenPrinterA) m_pfnOpenPrinter;             // for RetryOpenPrinter
+    decltype(&PostThreadMessageA) m_pfnPostThreadMessage; // for RetryPostThreadMessage
+    DWORD (*m_pfnSleep)(DWORD dwMilliseconds);            // between the tries
 };
+
+// Not changed while another thread is in a wrapper.
 extern CGRetryServices g_RetryServices;

@@ -7,6 +7,7 @@
 
 #include <cstddef>
 
+// Names of the constant strings.
 enum EGText : std::size_t {
     eGT_EMPTY,         // for absent text arguments
     eGT_EMPTY_WIDE,    // all its bytes are zero and it is aligned, so it ends a wide string as well

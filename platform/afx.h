@@ -10,6 +10,7 @@
 /// a failed operator new.
 class CMemoryException : public std::bad_alloc {
 public:
+    /// For those who print exceptions.
     char const *what() const noexcept override { return "out of memory"; }
 };
 
@@ -30,6 +31,7 @@ using AFX_THREADPROC = UINT(__cdecl *)(LPVOID);
 /// it is taken while the thread is still suspended.
 class CWinThread {
 public:
+    /// AfxBeginThread makes these; by itself one runs nothing.
     CWinThread(AFX_THREADPROC pfnThread, LPVOID pvParam);
     virtual ~CWinThread();
     CWinThread(CWinThread const &) = delete;
@@ -38,9 +40,9 @@ public:
     /// The suspend count before the call; (DWORD)-1 on failure. 1 starts a thread created suspended.
     DWORD ResumeThread();
 
-    BOOL m_bAutoDelete = TRUE;
-    HANDLE m_hThread = nullptr;
-    DWORD m_nThreadID = 0;
+    BOOL m_bAutoDelete = TRUE;  ///< the thread deletes the object as it ends
+    HANDLE m_hThread = nullptr; ///< the object's own
+    DWORD m_nThreadID = 0;      ///< 0 before the thread is made
 
 private:
     friend CWinThread *AfxBeginThread(AFX_THREADPROC, LPVOID, int, UINT, DWORD,

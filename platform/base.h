@@ -17,7 +17,6 @@
 #endif
 #include <windows.h>
 
-/// True where the platform layer is our own, for what only one kind of target can do.
 inline constexpr bool kIsPosix = false;
 
 #else
@@ -25,6 +24,7 @@ inline constexpr bool kIsPosix = false;
 #include <cstddef>
 #include <cstdint>
 
+/// True where the platform layer is our own, for what only one kind of target can do.
 inline constexpr bool kIsPosix = true;
 
 // Calling conventions mean nothing here.

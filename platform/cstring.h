@@ -22,11 +22,14 @@ class CString {
 public:
     CString() noexcept = default;
     CString(char const *psz) : m_psz(Duplicate(psz, Length(psz))) {} // null reads as ""
+    // The first cch bytes of pch, none of them zero.
     CString(char const *pch, std::size_t cch) : m_psz(Duplicate(pch, cch)) {}
+    // A copy; a move leaves the source empty and cannot fail.
     CString(CString const &str) : CString(str.m_psz) {}
     CString(CString &&str) noexcept : m_psz(std::exchange(str.m_psz, nullptr)) {}
     ~CString() { delete[] m_psz; }
 
+    // The same for a text that exists: the old one goes.
     CString &operator=(CString const &str) { return *this = str.m_psz; }
     CString &operator=(CString &&str) noexcept
     {
@@ -44,6 +47,7 @@ public:
         return *this;
     }
 
+    // Appends; null, a zero and an empty text append nothing.
     CString &operator+=(CString const &str) { return Append(str.m_psz, Length(str.m_psz)); }
     CString &operator+=(char const *psz) { return Append(psz, Length(psz)); }
     CString &operator+=(char ch) { return Append(&ch, ch == '\0' ? 0 : 1); }
@@ -54,6 +58,7 @@ public:
     int GetLength() const noexcept { return static_cast<int>(Length(m_psz)); }
     void Empty() noexcept { Take(nullptr); }
 
+    // Byte by byte; null reads as "".
     friend bool operator==(CString const &a, CString const &b) noexcept { return a == b.Text(); }
     friend bool operator==(CString const &a, char const *psz) noexcept
     {

@@ -20,7 +20,13 @@ struct STARTUPINFOA {
     char *lpReserved;
     char *lpDesktop;
     char *lpTitle;
-    DWORD dwX, dwY, dwXSize, dwYSize, dwXCountChars, dwYCountChars, dwFillAttribute;
+    DWORD dwX;
+    DWORD dwY;
+    DWORD dwXSize;
+    DWORD dwYSize;
+    DWORD dwXCountChars;
+    DWORD dwYCountChars;
+    DWORD dwFillAttribute;
     DWORD dwFlags; // 0 or STARTF_USESTDHANDLES
     WORD wShowWindow;
     WORD cbReserved2;
@@ -92,6 +98,7 @@ void OutputDebugStringA(char const *pszText);
 // Windows nothing changes, the debugger gets the text.
 void PlatSetDebugOutput(bool fOn);
 
+// One variable of a command's environment.
 struct PlatEnvType {
     char const *pszName;  // letters, digits and underscores, not beginning with a digit
     char const *pszValue; // any text

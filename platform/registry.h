@@ -62,7 +62,6 @@ LONG RegQueryValueExA(HKEY hKey, char const *pszValue, DWORD *pdwReserved, DWORD
 // and the length of the name without it after the call. Keys come in the order of their names,
 // without case. ERROR_NO_MORE_ITEMS: dwIndex is past the last one. ERROR_MORE_DATA: pszName is too
 // small.
-
 LONG RegEnumKeyExA(HKEY hKey, DWORD dwIndex, char *pszName, DWORD *pcchName, DWORD *pdwReserved,
                    char *pszClass, DWORD *pcchClass, void *pLastWrite);
 

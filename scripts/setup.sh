@@ -6,7 +6,7 @@ set -euo pipefail
 packages=(g++ cmake make ninja-build pkg-config libgtest-dev libcli11-dev nlohmann-json3-dev libgsf-1-dev python3)
 if [[ ${1:-} == --all ]]; then
     shift
-    packages+=(clang libclang-rt-dev clang-format clang-tidy libgsf-bin p7zip-full)
+    packages+=(clang libclang-rt-dev clang-format clang-tidy doxygen libgsf-bin p7zip-full)
 fi
 packages+=("$@")
 

@@ -12,10 +12,11 @@
 
 class CNameCache {
 public:
-    using Time = std::chrono::steady_clock::time_point;
-    static constexpr std::chrono::seconds kLifetime{30};
-    static constexpr std::size_t kEntries = 64;
+    using Time = std::chrono::steady_clock::time_point;  // when something is asked or stored
+    static constexpr std::chrono::seconds kLifetime{30}; // of an answer
+    static constexpr std::size_t kEntries = 64;          // answers at a time
 
+    // What a lookup gave.
     struct CAnswer {
         std::string strName; // empty when there is no name
         int nError = 0;      // why, then; 0 otherwise
@@ -33,6 +34,7 @@ public:
         return nullptr;
     }
 
+    // Keeps an answer for an address (network order) from `now` on.
     void Store(std::uint32_t dwAddress, CAnswer answer, Time now)
     {
         CEntry &entry = Place(dwAddress);

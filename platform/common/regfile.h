@@ -34,9 +34,10 @@ public:
     virtual void OnDeleteValue(std::string_view name) = 0;
 };
 
+// Why a file is refused.
 struct CRegProblem {
-    unsigned nLine; // from 1
-    std::string strReason;
+    unsigned nLine;        // from 1
+    std::string strReason; // in one line
 };
 
 // Reads a file's bytes to the end or to the first fault. On a fault the visitor may have heard a part of

@@ -13,18 +13,20 @@
 
 // What tells one state of a file from another.
 struct CRegFileStamp {
-    bool bExists = false;
+    bool bExists = false;     // false: the rest is 0
     std::uint64_t qwSize = 0; // bytes
     std::uint64_t qwId =
         0; // the file itself, apart from its name; 0 where the target has no such number
     std::uint64_t qwWritten = 0; // the target's own unit
     std::uint64_t qwChanged = 0; // likewise
 
+    // Whether both are of the same state.
     bool operator==(CRegFileStamp const &) const = default;
 };
 
+// What a look at the file has shown.
 struct CRegFileLook {
-    CRegFileStamp stamp;
+    CRegFileStamp stamp; // of the state that was seen, and read if it was asked for
     // Last written so long ago that a later change is sure to have another stamp.
     bool bSettled = false;
     // Why the file is there but cannot be had; empty otherwise.
@@ -35,6 +37,7 @@ struct CRegFileLook {
 // Looks at a file, and reads it when pstrBytes is not null. One body for each target.
 CRegFileLook LookAtRegFile(std::string const &strPath, std::string *pstrBytes);
 
+// See above; one for each process.
 class CRegSource {
 public:
     CRegSource() = default;
@@ -48,6 +51,7 @@ public:
     // good ones. 0, or the error number of the refusal. Throws std::bad_alloc, and is good for another try.
     DWORD Refresh();
 
+    // The file in use (empty: none), and why its present state is refused (empty: it is not).
     std::string const &Path() const { return m_strPath; }
     std::string const &Problem() const { return m_strProblem; }
 

@@ -9,9 +9,9 @@
 // One character of a text. Bytes that form no character count as characters of one byte each, with
 // `bValid` false and `ch` the byte.
 struct CUtf8Char {
-    char32_t ch;
+    char32_t ch; // the character, or the byte
     unsigned cb; // bytes, 1 to 4
-    bool bValid;
+    bool bValid; // it is a character
 };
 
 // The character at the head of a text that is not empty.
