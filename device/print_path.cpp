@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <optional>
 #include <system_error>
 
 namespace fs = std::filesystem;
@@ -14,6 +15,7 @@ namespace {
 
 constexpr std::chrono::milliseconds kPause{50};
 constexpr int kPausesTillCutOff = 20;
+constexpr int kOpenTries = 40; // with a pause between two
 constexpr DWORD kReadPiece = 4096;
 constexpr char kEscape = 0x1B; // a job begins with it
 
@@ -62,20 +64,26 @@ bool CPrintPath::Start(std::string *pstrError)
     return true;
 }
 
-bool CPrintPath::CheckFile(std::string *pstrError) const
+bool CPrintPath::CheckFile(std::string *pstrError)
 {
     std::error_code error;
     if (fs::exists(m_strPath, error) && !fs::is_regular_file(m_strPath, error)) {
         *pstrError = "print path " + m_strPath + " is neither a file nor a FIFO";
         return false;
     }
-    CFileHandle const file(m_strPath, GENERIC_READ | GENERIC_WRITE, OPEN_ALWAYS);
-    if (!file.IsOpen()) {
+    std::optional<CFileHandle> file;
+    for (int cTries = 0; cTries < kOpenTries; ++cTries) {
+        file.emplace(m_strPath, GENERIC_READ | GENERIC_WRITE, OPEN_ALWAYS);
+        // A client that writes its job just now keeps everybody else out.
+        if (file->IsOpen() || GetLastError() != ERROR_SHARING_VIOLATION || !Pause())
+            break;
+    }
+    if (!file->IsOpen()) {
         *pstrError = "print path " + m_strPath + " cannot be opened for reading and writing";
         return false;
     }
     char ch = kEscape;
-    if (file.Read(&ch, 1) > 0 && ch != kEscape) {
+    if (file->Read(&ch, 1) > 0 && ch != kEscape) {
         *pstrError = "print path " + m_strPath + " holds something other than jobs, is left alone";
         return false;
     }
