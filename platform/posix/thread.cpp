@@ -85,7 +85,7 @@ int NiceOf(int nPriority)
     return nPriority == THREAD_PRIORITY_TIME_CRITICAL ? -20 : -5 * nPriority;
 }
 
-/// The attribute for a stack. As in the Windows runtime a plain size is only the part made ready at
+/// The attribute for a stack. As in the Windows runtime a plain size is only what is made ready at
 /// once, so one below the default changes nothing.
 bool SetStack(pthread_attr_t &attr, unsigned cbStack, unsigned fwFlags)
 {

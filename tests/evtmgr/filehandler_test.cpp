@@ -17,7 +17,7 @@ void Site(char const *psz)
     G_REPORT(eEB_ERROR, eEC_NONE, eEL_ERROR, "%s", psz);
 }
 
-// The program itself once more, in the part of main below.
+// The program itself once more, as the writer that main below can be.
 HANDLE StartWriter(std::string const &strReg, char const *pszTag, int cLines)
 {
     char szSelf[MAX_PATH] = "";
