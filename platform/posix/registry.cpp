@@ -283,6 +283,13 @@ CRegFileLook ReadOpenFile(int fd, std::string &strBytes)
     if (!S_ISREG(file.st_mode)) {
         return Refuse(look, "is not a regular file", ERROR_INVALID_DATA);
     }
+    // The settings name files to write and a program to start, so they are their user's own or root's.
+    if (file.st_uid != ::geteuid() && file.st_uid != 0) {
+        return Refuse(look, "belongs to another user", ERROR_ACCESS_DENIED);
+    }
+    if ((file.st_mode & S_IWOTH) != 0) {
+        return Refuse(look, "can be written by every user", ERROR_ACCESS_DENIED);
+    }
     return ReadAll(fd, strBytes) ? look : Unreadable(look, errno);
 }
 

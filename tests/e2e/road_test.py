@@ -148,6 +148,35 @@ class LocalTest(RoadTest):
             device.expect("(?i)no entries|empty")
 
 
+class ClaimTest(RoadTest):
+    """Eight clients, one button: a press has one taker at most."""
+    PRESSES = int(os.environ.get("QOMA_CLAIM_PRESSES", "1000"))
+
+    def test_no_press_is_reported_by_two(self):
+        device = self.device()
+        clients = []
+        for _ in range(8):
+            clients.append(self.client(device, "--local", "--on", "button,fax"))
+            device.expect(f"trap on: FAX-UPLOAD .link {len(clients)}")
+        for press in range(self.PRESSES):
+            device.tell("button")
+            if press % 2:  # every other one comes upon the heels of the one before
+                device.expect("press claimed")
+        device.tell("fax")  # nothing comes behind it
+        for client in clients:
+            client.expect("eCT_FAX_UPLOAD_NOTIFY")
+        device.tell("quit")
+        device.wait()
+        text = "\n".join(device.lines["out"])
+        taken = [press.count("press claimed") for press in text.split("button: pressed")[1:]]
+        self.assertEqual(self.PRESSES, len(taken))
+        by_client = [sum(n["kind"] == "eCT_SCANNER_BUTTON_NOTIFY" for n in client.all()) for client in clients]
+        self.assertEqual([text.count(f"press claimed (link {n})") for n in range(1, 9)], by_client)
+        self.assertLessEqual(sum(by_client), self.PRESSES)
+        self.assertGreaterEqual(sum(by_client), self.PRESSES // 2)
+        self.assertLessEqual(max(taken), 1)
+
+
 class DiscoveryTest(RoadTest):
     def setUp(self):
         self.shared = self.folder()
