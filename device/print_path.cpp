@@ -6,7 +6,7 @@
 
 #include <chrono>
 #include <filesystem>
-#include <optional>
+#include <memory>
 #include <system_error>
 
 namespace fs = std::filesystem;
@@ -71,19 +71,19 @@ bool CPrintPath::CheckFile(std::string *pstrError)
         *pstrError = "print path " + m_strPath + " is neither a file nor a FIFO";
         return false;
     }
-    std::optional<CFileHandle> file;
+    std::unique_ptr<CFileHandle> pFile;
     for (int cTries = 0; cTries < kOpenTries; ++cTries) {
-        file.emplace(m_strPath, GENERIC_READ | GENERIC_WRITE, OPEN_ALWAYS);
+        pFile = std::make_unique<CFileHandle>(m_strPath, GENERIC_READ | GENERIC_WRITE, OPEN_ALWAYS);
         // A client that writes its job just now keeps everybody else out.
-        if (file->IsOpen() || GetLastError() != ERROR_SHARING_VIOLATION || !Pause())
+        if (pFile->IsOpen() || GetLastError() != ERROR_SHARING_VIOLATION || !Pause())
             break;
     }
-    if (!file->IsOpen()) {
+    if (!pFile->IsOpen()) {
         *pstrError = "print path " + m_strPath + " cannot be opened for reading and writing";
         return false;
     }
     char ch = kEscape;
-    if (file->Read(&ch, 1) > 0 && ch != kEscape) {
+    if (pFile->Read(&ch, 1) > 0 && ch != kEscape) {
         *pstrError = "print path " + m_strPath + " holds something other than jobs, is left alone";
         return false;
     }
