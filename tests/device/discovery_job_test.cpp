@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <random>
-
 namespace {
 
 std::string const kUel = "\x1B%-12345X";
@@ -92,19 +90,5 @@ TEST(DiscoveryScanner, JobsAndRefusals)
         EXPECT_EQ(Scan(c.strInput, c.strInput.size()), c.expected);
         EXPECT_EQ(Scan(c.strInput, 1), c.expected) << "byte by byte";
         EXPECT_EQ(Scan(c.strInput, 7), c.expected) << "in sevens";
-    }
-}
-
-TEST(DiscoveryScanner, FindsTheJobBehindRandomBytes)
-{
-    std::mt19937 random(20);
-    std::string const strLetters = kUel + kHead + "TYPE=<ECHO>;\"";
-    for (int nRound = 0; nRound < 500; ++nRound) {
-        std::string strNoise;
-        for (unsigned n = random() % 300; n > 0; --n)
-            strNoise += strLetters[random() % strLetters.size()];
-        auto const told = Scan(strNoise + GoodJob(4711), 1 + random() % 50);
-        ASSERT_FALSE(told.empty()) << strNoise;
-        EXPECT_EQ(told.back(), "10.1.2.3:1037 4711") << strNoise;
     }
 }

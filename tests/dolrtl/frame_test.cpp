@@ -3,8 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <random>
-
 namespace {
 
 std::vector<LinkFrame> Decode(LinkBytes const &bytes, size_t cbPiece, bool *pfGarbage)
@@ -50,26 +48,5 @@ TEST(LinkDecoder, RefusesLengthsThatNoFrameHas)
         bool fGarbage = false;
         EXPECT_TRUE(Decode(writer.Take(), 100, &fGarbage).empty()) << cb;
         EXPECT_TRUE(fGarbage) << cb;
-    }
-}
-
-// Short lengths are frequent here, so that many streams get far.
-TEST(LinkDecoder, RandomBytesGiveFramesOrGarbage)
-{
-    std::mt19937 random(4);
-    for (int nRound = 0; nRound < 2000; ++nRound) {
-        LinkBytes bytes;
-        for (unsigned n = random() % 200; n > 0; --n)
-            bytes.push_back(static_cast<BYTE>(random() % 3 ? 0 : random() % 12));
-        bool fGarbageWhole = false;
-        bool fGarbagePieces = false;
-        auto const whole = Decode(bytes, bytes.size() + 1, &fGarbageWhole);
-        auto const pieces = Decode(bytes, 1 + random() % 5, &fGarbagePieces);
-        ASSERT_EQ(whole.size(), pieces.size());
-        EXPECT_EQ(fGarbageWhole, fGarbagePieces);
-        size_t cb = 0;
-        for (LinkFrame const &frame : whole)
-            cb += 9 + frame.payload.size();
-        EXPECT_LE(cb, bytes.size());
     }
 }

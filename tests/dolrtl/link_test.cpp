@@ -297,36 +297,6 @@ TEST_F(Link, MisbehaviourEndsWithACodeInTime)
     EXPECT_EQ(client.SetWord(g_button, 1), eDR_LINK_LOST);
 }
 
-// All clients hear of all presses and do as the agent does; each press goes to one of them.
-TEST_F(Link, OfManyClientsOneGetsAPress)
-{
-    constexpr int kPresses = 300;
-    std::atomic<int> cClaimed{0};
-    std::atomic<int> cHandled{0};
-    CTestClient clients[3];
-    for (CTestClient &client : clients) {
-        client.onEvent = [&](DWORD) {
-            while (auto const value = client.Read()) {
-                if (value->Word() != 2)
-                    continue;
-                bool const fClaimed = client.SetText(g_token, std::string(16, 'T')) == eDR_OK;
-                client.SetWord(g_button, 1);
-                if (fClaimed)
-                    client.SetText(g_token, std::string(16, '\0'));
-                cClaimed += fClaimed;
-                ++cHandled;
-            }
-        };
-        ASSERT_EQ(client.InitLocal(dwPort), eDR_OK);
-        ASSERT_EQ(client.Trap(g_button, 4), eDR_OK);
-    }
-    for (int n = 1; n <= kPresses; ++n) {
-        device->PressButton();
-        ASSERT_TRUE(WaitFor([&] { return cHandled == n * 3; }));
-        ASSERT_EQ(cClaimed, n);
-    }
-}
-
 TEST_F(Link, AJobIsAnsweredWhereItSays)
 {
     CTestClient local(dwPort);

@@ -9,7 +9,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <random>
 #include <string>
 #include <thread>
 
@@ -400,31 +399,6 @@ TEST_F(Registry, AChangedFileIsSeenAtTheNextOpen)
     std::filesystem::remove(m_strPath);
     EXPECT_EQ(Query("K", ""), "no key");
     EXPECT_EQ(Problem(), "");
-}
-
-TEST_F(Registry, RandomDamageIsReadOrRefused)
-{
-    std::string const strGood =
-        std::string(kHeader) +
-        "[HKEY_LOCAL_MACHINE\\K\\L]\n@=\"a\\\\b\"\n\"w\"=dword:12\n\"h\"=hex(7):61,00,\\\n"
-        "  00,00\n\"x\"=-\n[-HKEY_LOCAL_MACHINE\\M]\n";
-    ASSERT_EQ(Use(strGood), 0u) << Problem();
-    unsigned const nSeed = std::random_device{}();
-    SCOPED_TRACE(nSeed);
-    std::mt19937 random(nSeed);
-    int cGood = 0;
-    for (int i = 0; i < 1000; ++i) {
-        std::string str = i % 2 == 0 ? strGood : InUtf16(strGood);
-        for (auto n = random() % 4; n > 0; --n) {
-            std::size_t const nAt = random() % str.size();
-            str.replace(nAt, random() % 9, str.substr(random() % str.size(), random() % 9));
-            str[random() % str.size()] = static_cast<char>(random());
-        }
-        std::filesystem::remove(m_strPath); // a file that is written over costs a wait for the disk
-        cGood += Use(str) == 0;
-    }
-    EXPECT_GT(cGood, 0);
-    EXPECT_LT(cGood, 1000);
 }
 
 TEST_F(Registry, NoMemoryIsAnErrorAndNothingIsLost)

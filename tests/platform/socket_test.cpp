@@ -457,20 +457,6 @@ TEST_F(Sockets, APeerThatResetIsAnErrorAndNoSignal)
     }
 }
 
-TEST_F(Sockets, TheListenersPortIsFreeAgainBesideAConnectionThatWindsDown)
-{
-    CSocket listener(SOCK_STREAM), again(SOCK_STREAM), client(SOCK_STREAM);
-    sockaddr_in address = listener.Bind();
-    ASSERT_EQ(ws::listen(listener, 1), 0);
-    ASSERT_EQ(PlatConnect(client, At(address), sizeof(address), kLimit), 0);
-    SOCKET const s = ws::accept(listener, nullptr, nullptr);
-    EXPECT_EQ(ws::closesocket(s),
-              0); // the side that closes first keeps the port in mind for minutes
-    client.Close();
-    listener.Close();
-    EXPECT_EQ(ws::bind(again, At(address), sizeof(address)), 0) << ws::WSAGetLastError();
-}
-
 // ---- Names
 
 TEST_F(Sockets, TheOwnNameGivesAddressesThatAPeerCanReach)

@@ -143,17 +143,6 @@ void CheckFile(std::string const &strName, std::string const &strContents)
     EXPECT_TRUE(clsid == kClsid);
 }
 
-/// Opens what may be damaged and reads what it says it holds. Whether it opened.
-bool Survives(std::string const &strName)
-{
-    Storage storage;
-    if (FAILED(Open(strName, storage)))
-        return false;
-    for (OLECHAR const *pszName : {L"CONTENTS", L"\1CompObj"})
-        StreamOf(storage, pszName);
-    return true;
-}
-
 CTestRole const g_try("try-storage", [](std::string const &strName) {
     Storage storage;
     EXPECT_REFUSED(Open(strName, storage), STG_E_SHAREVIOLATION);
@@ -328,31 +317,12 @@ TEST_F(StorageTest, AKilledWriterLeavesTheOldFileOrARefusedOne)
               4); // the two, and what they told
 }
 
-TEST_F(StorageTest, DamagedFilesAreRefusedOrHarmless)
+TEST_F(StorageTest, LoopsAndSectorsOfMoreThanOneOwnerAreRefused)
 {
     if (!kIsPosix)
         GTEST_SKIP() << "the system's own reader is not ours to test";
     MakeFile(strName, Pattern(100'000));
     std::string const strWhole = Contents(strName);
-    for (std::size_t cb = 0; cb < strWhole.size(); cb += 1021) {
-        Fill(strName, strWhole.substr(0, cb));
-        EXPECT_FALSE(Survives(strName)) << "cut at " << cb;
-    }
-    // Every word of the header and of the tables, replaced by numbers that mean something. The contents
-    // themselves may be anything, so many of these open.
-    Fill(strName, strWhole);
-    std::size_t cRefused = 0;
-    for (std::size_t n = 24; n + 4 <= strWhole.size(); n = n == 508 ? 100'864 : n + 4) {
-        for (std::uint32_t const dw : {0u, 2u, 200u, 0x7FFFFFFFu, 0xFFFFFFFEu, 0xFFFFFFFFu}) {
-            Patch(strName, n, dw);
-            cRefused += Survives(strName) ? 0 : 1;
-        }
-        Patch(strName, n, Dword(strWhole, n));
-    }
-    EXPECT_TRUE(Contents(strName) == strWhole);
-    EXPECT_GT(cRefused, 500u);
-
-    // Loops, and sectors of more than one owner.
     std::uint32_t const dwDirectory = Dword(strWhole, 48);
     std::size_t const nTable = (Dword(strWhole, 76) + 1) * 512; // from sector 0: the large stream
     std::size_t const nDirectory = (dwDirectory + 1) * 512; // of 128 bytes: the root, its streams

@@ -4,7 +4,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <filesystem>
 #include <fstream>
 #include <memory>
 
@@ -329,25 +328,7 @@ int HoldMutex(std::string const &strName)
     return 1;
 }
 
-constexpr int kcIncrements = 100;
-
-// Adds to the number in the file, each time in three steps that nobody must come between.
-int CountInFile(std::string const &strFile)
-{
-    std::string const strName = "counter of " + std::filesystem::path(strFile).filename().string();
-    HANDLE const hMutex = CreateMutexA(nullptr, FALSE, strName.c_str());
-    for (int n = 0; n < kcIncrements; ++n) {
-        WaitForSingleObject(hMutex, INFINITE);
-        int nCount = 0;
-        std::ifstream(strFile) >> nCount;
-        std::ofstream(strFile) << nCount + 1;
-        ReleaseMutex(hMutex);
-    }
-    return CloseHandle(hMutex) ? 0 : 1;
-}
-
 CTestRole const g_holdRole("hold-mutex", &HoldMutex);
-CTestRole const g_countRole("count-in-file", &CountInFile);
 
 } // namespace
 
@@ -383,20 +364,4 @@ TEST(Processes, AKilledOwnersMutexIsAbandonedAndThenGoneWithItsLastHandle)
         EXPECT_EQ(WaitForSingleObject(hNew, 0), kdwTaken);
         ReleaseMutex(hNew);
     }
-}
-
-TEST(Processes, CountTogetherUnderANamedMutex)
-{
-    std::random_device random;
-    auto const path = std::filesystem::temp_directory_path() / ("qoma" + std::to_string(random()));
-    {
-        CRoleProcess first("count-in-file", path.string()), second("count-in-file", path.string());
-        CountInFile(path.string());
-        EXPECT_EQ(first.ExitCode(), 0u);
-        EXPECT_EQ(second.ExitCode(), 0u);
-    }
-    int nCount = 0;
-    std::ifstream(path) >> nCount;
-    EXPECT_EQ(nCount, 3 * kcIncrements);
-    std::filesystem::remove(path);
 }
