@@ -25,6 +25,9 @@ DWORD CCategory::Load(char const *pszKey)
     GRegQueryNumber(pszKey, "Display Short Name", m_fDisplayShortName);
     GRegQueryNumber(pszKey, "Display Level", m_fDisplayLevel);
 
+    if (!GRegHasKey(pszKey))
+        return 0; // nor is there a row below it
+
     auto *pszRowKey = static_cast<char *>(GMemAlloc(kcbRegText, __LINE__, __FILE__));
     auto *pszValue = static_cast<char *>(GMemAlloc(kcbRegText, __LINE__, __FILE__));
     if (pszRowKey != nullptr && pszValue != nullptr) {
@@ -42,6 +45,9 @@ DWORD CCategory::Load(char const *pszKey)
 
 void CCategory::LoadRow(LONG nRow, char const *pszRowKey, char *pszValue)
 {
+    // Most rows are not there, and each value is a look at the registry of its own.
+    if (!GRegHasKey(pszRowKey))
+        return;
     CategoryRowType &row = m_Rows[nRow];
     if (GRegQueryText(pszRowKey, "Long Name", pszValue))
         GTextJoin(row.m_strLongName, {pszValue});

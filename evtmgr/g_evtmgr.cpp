@@ -6,8 +6,10 @@
 #include "foundation/g_os.h"
 #include "foundation/g_text.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <limits>
 #include <new>
 
 std::atomic<LONG> g_cEvtMgrs{0};
@@ -19,6 +21,9 @@ constexpr DWORD kcbEventText = 1024;
 
 /// Bytes of a memory block that go on one line.
 constexpr DWORD kcbDumpLine = 16;
+
+/// No event's level is below it.
+constexpr LONG kNoLevel = std::numeric_limits<LONG>::min();
 
 /// Keeps the last error of the thread across a report: a site may stand between a system call and the
 /// question for its error.
@@ -72,7 +77,7 @@ private:
 };
 
 /// Counts a heap object of this folder that was just made, or says that it could not be had. Neither is
-/// ever reported: the event manager does not speak of its own parts.
+/// ever reported: the event manager does not speak of itself.
 template <class T>
 T *Counted(T *pObject, char const *pszWhat)
 {
@@ -180,7 +185,8 @@ void DumpLine(std::uint64_t base, std::uint64_t custom, LONG nLevel, unsigned ch
 } // namespace
 
 CGEvtMgr::CGEvtMgr(char const *pszName, DWORD nMode)
-    : CGQueue("CGEvtMgr"), m_fReady(0), m_pBaseCategory(GNewCategory("CGEvtMgr")), m_nMode(nMode)
+    : CGQueue("CGEvtMgr"), m_fReady(0), m_pBaseCategory(GNewCategory("CGEvtMgr")), m_nMode(nMode),
+      m_nLevelTaken(kNoLevel)
 {
     m_fReport = 0;
     m_strModuleName.Set(pszName);
@@ -245,6 +251,32 @@ DWORD CGEvtMgr::ReloadParameters()
     return dwResult;
 }
 
+void CGEvtMgr::NoteWhatIsTaken()
+{
+    std::uint64_t base = 0;
+    std::uint64_t custom = 0;
+    LONG nLevel = kNoLevel;
+    for (CNode const *pNode = GetHead(); pNode != nullptr; pNode = GetNext(pNode)) {
+        auto const *pHandler = static_cast<CGBaseEvtHandler const *>(pNode->m_pData);
+        if (pHandler == nullptr || pHandler->m_State != 1)
+            continue;
+        base |= pHandler->m_BaseCategoryMask;
+        custom |= pHandler->m_CustomCategoryMask;
+        nLevel = std::max(nLevel, pHandler->m_Level);
+    }
+    m_BaseTaken = base;
+    m_CustomTaken = custom;
+    m_nLevelTaken = nLevel;
+}
+
+bool CGEvtMgr::MayBeTaken(std::uint64_t base, std::uint64_t custom, LONG nLevel) const
+{
+    if (nLevel == eEL_ERROR || nLevel == eEL_SUMMARY || (base & eEB_ERROR) != 0)
+        return true; // masks and levels do not matter
+    return nLevel <= m_nLevelTaken && (base == 0 || (base & m_BaseTaken) != 0) &&
+           (custom == 0 || (custom & m_CustomTaken) != 0);
+}
+
 int CGEvtMgr::VisitNode(CNode *pNode, DWORD op, void *pRec)
 {
     if (op <= eEO_WRITE_FULL && pRec == nullptr)
@@ -270,6 +302,8 @@ int CGEvtMgr::VisitNode(CNode *pNode, DWORD op, void *pRec)
         break;
     case eEO_RELOAD:
         pHandler->LoadParams();
+        if (GetNext(pNode) == nullptr) // all have, and sites see the settings change in one step
+            NoteWhatIsTaken();
         break;
     case eEO_REMOVE:
         // Two references to give up, the list's and that of the creation; the visit's own is the last.
@@ -297,6 +331,8 @@ DWORD CGEvtMgr::Report(std::uint64_t base, std::uint64_t custom, LONG nLevel, ch
 DWORD CGEvtMgr::ReportV(std::uint64_t base, std::uint64_t custom, LONG nLevel, char const *pszFmt,
                         va_list args)
 {
+    if (!MayBeTaken(base, custom, nLevel))
+        return 0;
     CLastErrorKeeper keeper;
     LONG fOn = 0;
     EvtQueryFullType query = {base, custom, nLevel, &fOn};
@@ -313,6 +349,8 @@ DWORD CGEvtMgr::ReportV(std::uint64_t base, std::uint64_t custom, LONG nLevel, c
 
 DWORD CGEvtMgr::ReportBase(std::uint64_t base, char const *pszFmt, ...)
 {
+    if (!MayBeTaken(base, /*custom=*/0, /*nLevel=*/0))
+        return 0;
     CLastErrorKeeper keeper;
     LONG fOn = 0;
     EvtQueryBaseType query = {base, &fOn};

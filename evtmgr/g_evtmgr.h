@@ -54,26 +54,30 @@ enum : DWORD {
 
 /// Records of the traversals; they live on the stack of the thread that reports.
 struct EvtQueryBaseType {
-    std::uint64_t m_BaseMask;
-    LONG *m_pfOn;
+    std::uint64_t m_BaseMask; ///< of the event; custom mask and level count as 0
+    LONG *m_pfOn;             ///< set to 1 by a handler that takes it
 };
+/// The same for an event with all its marks.
 struct EvtQueryFullType {
-    std::uint64_t m_BaseMask;
-    std::uint64_t m_CustomMask;
-    LONG m_nLevel;
-    LONG *m_pfOn;
+    std::uint64_t m_BaseMask;   ///< of the event
+    std::uint64_t m_CustomMask; ///< of the event
+    LONG m_nLevel;              ///< of the event
+    LONG *m_pfOn;               ///< set to 1 by a handler that takes it
 };
+/// An event to write; custom mask and level count as 0.
 struct EvtWriteBaseType {
-    char const *m_pszText;
-    std::uint64_t m_BaseMask;
+    char const *m_pszText;    ///< the finished text
+    std::uint64_t m_BaseMask; ///< of the event
 };
+/// The same for an event with all its marks.
 struct EvtWriteFullType {
-    char const *m_pszText;
-    std::uint64_t m_BaseMask;
-    std::uint64_t m_CustomMask;
-    LONG m_nLevel;
+    char const *m_pszText;      ///< the finished text
+    std::uint64_t m_BaseMask;   ///< of the event
+    std::uint64_t m_CustomMask; ///< of the event
+    LONG m_nLevel;              ///< of the event
 };
 
+/// The manager: a queue whose nodes are the handlers. Any thread may report; see README.md for the locks.
 class CGEvtMgr : public CGQueue {
 public:
     /// Creates the base table and both handlers and reads the registry; a handler for which there is no
@@ -98,6 +102,11 @@ public:
     /// the parameters of two loads. @return that of LoadIdString.
     DWORD ReloadParameters();
 
+    /// Whether some handler could take such an event. A "no" is final; after a "yes" the handlers are asked.
+    /// Takes no lock, since most events end here. During a reload it goes by the settings before it, and
+    /// from its end on by the new ones.
+    bool MayBeTaken(std::uint64_t base, std::uint64_t custom, LONG nLevel) const;
+
     /// Runs one operation on the handler of a node, under the queue mutex.
     /// @return 1 to go on, 0 to stop: a query stops at the first handler that takes the event, and every
     /// operation that needs a record stops without one.
@@ -117,7 +126,8 @@ public:
 
     /// Reports a memory block in lines of 16 bytes, hexadecimal and as text; a last line with the rest
     /// always comes, blank when nothing is left. It goes through g_pEvtMgr, not through this object.
-    /// @param pData may be null when cbData is 0. @param cbData bytes.
+    /// @param base, custom, nLevel as for Report. @param pData may be null when cbData is 0.
+    /// @param cbData bytes.
     void DumpRawData(std::uint64_t base, std::uint64_t custom, LONG nLevel, void const *pData,
                      DWORD cbData);
 
@@ -126,6 +136,17 @@ public:
     CGString m_strIdString;     ///< head of every line; under the queue mutex
     CCategory *m_pBaseCategory; ///< one reference; null without memory; under the queue mutex
     DWORD m_nMode;              ///< eEM_...; constant after construction
+
+private:
+    void NoteWhatIsTaken();
+
+    // What the handlers that are on take between them. Written under the queue mutex, read by any site. A
+    // site that reads some before a reload and some after it is right all the same: what both settings
+    // take passes each of the tests by either, and an event that only one takes is just a little early or late.
+    std::atomic<std::uint64_t> m_BaseTaken{0};
+    std::atomic<std::uint64_t> m_CustomTaken{0};
+    std::atomic<LONG>
+        m_nLevelTaken; ///< the highest; the lowest number there is while no handler is on
 };
 
 /// CreateEvtMgr calls not yet matched by RemoveEvtMgr; 0 at load. CreateEvtMgr and RemoveEvtMgr must not
@@ -137,7 +158,7 @@ extern std::atomic<LONG> g_cEvtMgrs;
 DWORD CreateEvtMgr(std::atomic<CGEvtMgr *> *ppMgr, char const *pszName);
 
 /// Makes a manager, ready for use, and stores it, or null without memory, in *ppMgr. The caller holds
-/// the one reference, counted in g_cObjects. @param ppMgr not null. @return always 0.
+/// the one reference, counted in g_cObjects. @param ppMgr not null. @param pszName, nMode as for the constructor. @return always 0.
 DWORD NewEvtMgr(std::atomic<CGEvtMgr *> *ppMgr, char const *pszName, DWORD nMode);
 
 /// Reads all parameters of g_pEvtMgr again, and says so before and after. Any thread, but no signal

@@ -12,10 +12,13 @@
 /// Bytes of the scratch buffers for registry paths and registry texts.
 inline constexpr DWORD kcbRegText = 1024;
 
-/// Replaces the text by the parts joined. @return false when there is no memory; the old text stays.
-bool GTextJoin(CGString &str, std::initializer_list<char const *> parts);
+/// Replaces the text by the pieces, joined. @return false when there is no memory; the old text stays.
+bool GTextJoin(CGString &str, std::initializer_list<char const *> pieces);
 
-/// Reads a text value below HKEY_LOCAL_MACHINE. @param pszValue buffer of kcbRegText bytes; on success
+/// Whether there is a key below HKEY_LOCAL_MACHINE that can be read.
+bool GRegHasKey(char const *pszKey);
+
+/// Reads a text value below HKEY_LOCAL_MACHINE. @param pszKey, pszName key and value. @param pszValue buffer of kcbRegText bytes; on success
 /// it ends in a terminator whatever the registry held, on failure its contents are undefined.
 bool GRegQueryText(char const *pszKey, char const *pszName, char *pszValue);
 

@@ -47,6 +47,11 @@ TEST_F(CEvtMgrTest, Filter)
         pHandler->m_CustomCategoryMask = c.customMask;
         pHandler->m_Level = c.nMaxLevel;
         EXPECT_EQ(pHandler->IsEventOn(c.base, c.custom, c.nLevel), c.fExpected) << &c - cases;
+        // What the manager says beforehand is the same, but for events that masks and levels do not stop.
+        CGEvtMgr *pMgr = g_pEvtMgr;
+        pMgr->ForEachNode(eEO_RELOAD, nullptr); // finds no values, so the fields stay
+        bool const fSpecial = c.nLevel == -1 || c.nLevel == -2 || (c.base & 0x20) != 0;
+        EXPECT_EQ(pMgr->MayBeTaken(c.base, c.custom, c.nLevel), c.fExpected || fSpecial);
     }
     pHandler->m_State = 0;
 }
