@@ -275,17 +275,26 @@ std::size_t WriteUntilDone(int fd, void const *pBuffer, std::size_t cb)
     return cbDone;
 }
 
-// The base that a distance counts from, or -1 with errno.
-std::int64_t SeekBase(int fd, DWORD dwMethod)
+// Where a move of the file pointer is to end; -1 with the last error when no file pointer can be there.
+std::int64_t SeekTarget(std::int64_t nBase, LONG nDistance, LONG const *pnHigh)
 {
-    if (dwMethod == FILE_BEGIN) {
-        return 0;
+    std::int64_t nMove = nDistance;
+    if (pnHigh != nullptr) {
+        nMove = static_cast<std::int64_t>(static_cast<std::uint64_t>(static_cast<DWORD>(*pnHigh))
+                                              << 32 |
+                                          static_cast<DWORD>(nDistance));
     }
-    if (dwMethod == FILE_CURRENT) {
-        return ::lseek(fd, 0, SEEK_CUR);
+    std::int64_t nTarget;
+    if (__builtin_add_overflow(nBase, nMove, &nTarget)) {
+        return SetLastError(ERROR_INVALID_PARAMETER), -1;
     }
-    struct stat st;
-    return ::fstat(fd, &st) == 0 ? st.st_size : -1;
+    if (nTarget < 0) {
+        return SetLastError(ERROR_NEGATIVE_SEEK), -1;
+    }
+    if (pnHigh == nullptr && nTarget > 0xFFFFFFFF) {
+        return SetLastError(ERROR_INVALID_PARAMETER), -1;
+    }
+    return nTarget;
 }
 
 // The runtime's errno for an open that failed.
@@ -491,27 +500,24 @@ DWORD SetFilePointer(HANDLE hFile, LONG nDistance, LONG *pnHigh, DWORD dwMethod)
     if (dwMethod > FILE_END) {
         return SetLastError(ERROR_INVALID_PARAMETER), INVALID_SET_FILE_POINTER;
     }
-    std::int64_t const nBase = SeekBase(file->m_fd, dwMethod);
+    // The end is found by going there. To ask for the file's size costs more, and makes the next write
+    // dearer: a kernel that was asked for a file gives its next change a time of its own.
+    int const fd = file->m_fd;
+    std::int64_t const nHere = dwMethod == FILE_BEGIN ? 0 : ::lseek(fd, 0, SEEK_CUR);
+    bool const fToEnd = dwMethod == FILE_END && nHere >= 0;
+    std::int64_t const nBase = fToEnd ? ::lseek(fd, 0, SEEK_END) : nHere;
     if (nBase < 0) {
         return PlatFailErrno(), INVALID_SET_FILE_POINTER;
     }
-    std::int64_t nMove = nDistance;
-    if (pnHigh != nullptr) {
-        nMove = static_cast<std::int64_t>(static_cast<std::uint64_t>(static_cast<DWORD>(*pnHigh))
-                                              << 32 |
-                                          static_cast<DWORD>(nDistance));
-    }
-    std::int64_t nTarget;
-    if (__builtin_add_overflow(nBase, nMove, &nTarget)) {
-        return SetLastError(ERROR_INVALID_PARAMETER), INVALID_SET_FILE_POINTER;
-    }
+    std::int64_t const nTarget = SeekTarget(nBase, nDistance, pnHigh);
     if (nTarget < 0) {
-        return SetLastError(ERROR_NEGATIVE_SEEK), INVALID_SET_FILE_POINTER;
+        if (fToEnd) {
+            ::lseek(fd, nHere, SEEK_SET); // a failure moves nothing
+        }
+        return INVALID_SET_FILE_POINTER;
     }
-    if (pnHigh == nullptr && nTarget > 0xFFFFFFFF) {
-        return SetLastError(ERROR_INVALID_PARAMETER), INVALID_SET_FILE_POINTER;
-    }
-    if (::lseek(file->m_fd, nTarget, SEEK_SET) < 0) {
+    bool const fThere = fToEnd && nTarget == nBase;
+    if (!fThere && ::lseek(fd, nTarget, SEEK_SET) < 0) {
         return PlatFailErrno(), INVALID_SET_FILE_POINTER;
     }
     if (pnHigh != nullptr) {

@@ -215,6 +215,7 @@ TEST(FileTest, SeeksFarAndRefusesTheImpossible)
     SetLastError(kdwPoison);
     EXPECT_EQ(SetFilePointer(file, -8, nullptr, FILE_CURRENT), INVALID_SET_FILE_POINTER);
     EXPECT_EQ(GetLastError(), DWORD{ERROR_NEGATIVE_SEEK});
+    EXPECT_EQ(SetFilePointer(file, -11, nullptr, FILE_END), INVALID_SET_FILE_POINTER);
     EXPECT_EQ(SetFilePointer(file, 0, nullptr, 3), INVALID_SET_FILE_POINTER);
     EXPECT_EQ(GetLastError(), DWORD{ERROR_INVALID_PARAMETER});
     EXPECT_EQ(SetFilePointer(file, 0, nullptr, FILE_CURRENT), 7u) << "these have moved nothing";
