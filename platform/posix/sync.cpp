@@ -230,11 +230,12 @@ void SlotSignal(CHandleSlot &slot)
         if (fAll || !slot.m_pFirstWaiter)
             slot.m_word.fetch_or(kswSignalled, std::memory_order_release);
         while (slot.m_pFirstWaiter) {
+            // The last one, mostly the only one, is woken behind the lock: it may run at once, and want it.
+            if (pWake)
+                PlatFutexWake(pWake, 1);
             pWake = Dismiss(slot, CWaitNode::eWN_GRANTED);
             if (!fAll)
                 break;
-            PlatFutexWake(pWake, 1);
-            pWake = nullptr;
         }
     }
     if (pWake)
