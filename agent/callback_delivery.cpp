@@ -133,23 +133,12 @@ DWORD CCallbackQThread::PostCallback(DWORD dwKind, CNotifyAgent *pAgent, int nVa
     CopyText(pMsg->szOption, pszOption);
     CopyText(pMsg->szSenderAddress, pszSenderAddress);
     CopyText(pMsg->szSenderName, pszSenderName);
-    if (!Queue(pMsg)) {
+    bool bTaken = false;
+    Post(NodeNameOf(dwKind), pMsg, sizeof *pMsg, kMsgPriority, &bTaken);
+    if (!bTaken) {
         GMemFree(&pMsg, sizeof *pMsg, __LINE__, __FILE__);
     }
     return 0;
-}
-
-/*
- * Whether the message is the queue's now. Post says eGE_OK of a thread that is not running, too, so
- * the run state is looked at inside the same hold of the thread mutex.
- */
-bool CCallbackQThread::Queue(CallbackMsgType *pMsg)
-{
-    LockThread();
-    bool const bTaken = m_eRun == eRS_RUNNING && Post(NodeNameOf(static_cast<DWORD>(pMsg->eType)),
-                                                      pMsg, sizeof *pMsg, kMsgPriority) == eGE_OK;
-    UnlockThread();
-    return bTaken;
 }
 
 void CCallbackQThread::PostTo(CCallbackQThread *pThread, DWORD dwKind, CNotifyAgent *pAgent,

@@ -18,16 +18,16 @@
 #pragma pack(push, 2) /* 32-bit layout: no field moves, but the block ends with its last byte */
 #endif
 struct CallbackMsgType {
-    CallbackType eType;
-    CNotifyAgent *pAgent;
-    int nValue;
-    DWORD dwValue;
-    char *pszOption;        /* szOption */
-    char *pszSenderAddress; /* szSenderAddress */
-    char *pszSenderName;    /* szSenderName */
-    char szOption[350];
-    char szSenderAddress[16];
-    char szSenderName[260];
+    CallbackType eType;       /* what the client is told */
+    CNotifyAgent *pAgent;     /* whose client; lives longer than its queue */
+    int nValue;               /* of the record that the client gets */
+    DWORD dwValue;            /* likewise */
+    char *pszOption;          /* szOption */
+    char *pszSenderAddress;   /* szSenderAddress */
+    char *pszSenderName;      /* szSenderName */
+    char szOption[350];       /* 349 bytes of text and a zero */
+    char szSenderAddress[16]; /* a dotted IPv4 address, or empty */
+    char szSenderName[260];   /* 259 bytes at most, or empty */
 };
 #if UINTPTR_MAX == 0xFFFFFFFFu
 #pragma pack(pop)
@@ -35,6 +35,7 @@ struct CallbackMsgType {
 static_assert(sizeof(void *) != 4 || sizeof(CallbackMsgType) == 654,
               "the block that is counted has 654 bytes on the 32-bit layout");
 
+/* The queue of messages with its worker, see above. */
 class CCallbackQThread final : public CGQThread {
 public:
     /* Arguments but the first are CGQThread's; dwParam is not passed on, the worker always gets 0. */
@@ -70,7 +71,5 @@ public:
     }
 
 private:
-    bool Queue(CallbackMsgType *pMsg);
-
     [[maybe_unused]] CNotifyAgent *const m_pAgent; /* each message names its agent itself */
 };

@@ -9,14 +9,15 @@
 #include "agent/QOMANoAg.h"
 #include "foundation/g_qthread.h"
 
+/* What the thread can be asked for. */
 enum DatagramRequestType : std::int32_t {
     eDT_RECEIVE_DATAGRAMS = 0, /* run the agent's receive loop */
 };
 
 /* A request: one tracked block, the queue's once it is queued. */
 struct DatagramMsgType {
-    DatagramRequestType eType;
-    CNotifyAgent *pAgent;
+    DatagramRequestType eType; /* what to do */
+    CNotifyAgent *pAgent;      /* for which agent, which ends the thread before itself */
 };
 
 class CDatagramQThread final : public CGQThread {
@@ -39,7 +40,5 @@ public:
     DWORD ProcessEntry(CNode *pNode, CGQThread *pSelf, DWORD dwParam) override;
 
 private:
-    bool Queue(DatagramMsgType *pMsg);
-
     [[maybe_unused]] CNotifyAgent *const m_pAgent; /* each request names its agent itself */
 };

@@ -126,22 +126,14 @@ DWORD CDatagramQThread::PostRequest(DatagramRequestType eType, CNotifyAgent *pAg
     auto *pMsg = new (pBlock) DatagramMsgType{};
     pMsg->eType = eType;
     pMsg->pAgent = pAgent;
-    if (!Queue(pMsg)) {
+    char const *const pszName =
+        eType == eDT_RECEIVE_DATAGRAMS ? "eDT_RECEIVE_DATAGRAMS" : g_aszText[eGT_EMPTY_DEFAULT];
+    bool bTaken = false;
+    Post(pszName, pMsg, sizeof *pMsg, kRequestPriority, &bTaken);
+    if (!bTaken) {
         GMemFree(&pMsg, sizeof *pMsg, __LINE__, __FILE__);
     }
     return 0;
-}
-
-/* Whether the request is the queue's now; see CCallbackQThread::Queue. */
-bool CDatagramQThread::Queue(DatagramMsgType *pMsg)
-{
-    char const *const pszName = pMsg->eType == eDT_RECEIVE_DATAGRAMS ? "eDT_RECEIVE_DATAGRAMS"
-                                                                     : g_aszText[eGT_EMPTY_DEFAULT];
-    LockThread();
-    bool const bTaken =
-        m_eRun == eRS_RUNNING && Post(pszName, pMsg, sizeof *pMsg, kRequestPriority) == eGE_OK;
-    UnlockThread();
-    return bTaken;
 }
 
 DWORD CDatagramQThread::ProcessEntry(CNode *pNode, CGQThread *, DWORD)

@@ -122,17 +122,26 @@ void CGQThread::UnlockThread()
     ReleaseMutex(m_hThreadMutex);
 }
 
-DWORD CGQThread::Post(char const *pszName, void *pData, DWORD cbData, DWORD nPriority)
+DWORD CGQThread::Post(char const *pszName, void *pData, DWORD cbData, DWORD nPriority,
+                      bool *pfTaken)
 {
     DWORD dwResult = eGE_OK;
     LockThread();
-    if (m_eRun == eRS_RUNNING) {
+    bool const fRunning = m_eRun == eRS_RUNNING;
+    if (fRunning) {
         dwResult = AddNode(pszName, pData, cbData, nPriority);
-        if (dwResult == eGE_OK) {
-            SetEvent(m_hWake);
-        }
     }
+    HANDLE const hWake = m_hWake;
     UnlockThread();
+    bool const fTaken = fRunning && dwResult == eGE_OK;
+    if (fTaken) {
+        // Behind the unlock, or the worker would wake only to wait for that. No wake-up is lost: the
+        // worker resets the event only where it has found the list empty, so without this node.
+        SetEvent(hWake);
+    }
+    if (pfTaken != nullptr) {
+        *pfTaken = fTaken;
+    }
     return dwResult;
 }
 
@@ -163,7 +172,9 @@ void CGQThread::EndWorker()
     UnlockThread();
     Stop();
     if (HasWorker()) {
-        WaitForSingleObject(m_hDone, INFINITE);
+        // The thread's own end, where there is a handle for it, comes soon after the done event: to wait
+        // for both would be to be woken twice.
+        WaitForSingleObject(m_eKind == eTK_BEGINTHREADEX ? m_hThread : m_hDone, INFINITE);
     }
 }
 

@@ -28,7 +28,9 @@
 
 #include <atomic>
 
+// How the worker is made.
 enum EGThreadKind : LONG { eTK_BEGINTHREADEX = 0, eTK_AFXTHREAD = 1 };
+// What the worker is to do when it has worked a node: see "How it ends".
 enum EGRunState : LONG { eRS_RUNNING = 0, eRS_STOPPING = 1, eRS_ABORTING = 2 };
 
 class CGQThread : public CGQueue {
@@ -47,8 +49,10 @@ public:
 
     // Adds a node (as AddNode, with the same ownership) and wakes the worker. Any thread; does not wait
     // for work in progress. The result of AddNode. When the thread is not running, nothing is added, the
-    // payload stays with the caller, and the result is eGE_OK: the caller cannot tell.
-    DWORD Post(char const *pszName, void *pData, DWORD cbData, DWORD nPriority);
+    // payload stays with the caller, and the result is eGE_OK: only *pfTaken, unless null, tells whether
+    // the payload is the queue's now.
+    DWORD Post(char const *pszName, void *pData, DWORD cbData, DWORD nPriority,
+               bool *pfTaken = nullptr);
 
     // Closes the queue and asks the worker to end; does not wait. The last call of the two wins. Any
     // thread. Always eGE_OK.
@@ -60,6 +64,7 @@ public:
     // nothing and returns 0.
     virtual DWORD ProcessEntry(CNode *pNode, CGQThread *pSelf, DWORD dwParam);
 
+    // The thread mutex, recursive for its owner. Comes before the queue mutex.
     void LockThread();
     void UnlockThread();
 
@@ -76,18 +81,18 @@ protected:
     void EndWorker();
 
     // Constant once the worker runs.
-    HANDLE m_hThread; // all bits set: no thread
-    DWORD m_idThread; // -1 until it is known
-    LONG m_nPriorityClass;
-    LONG m_nPriority;
-    LONG m_eKind;
-    CGString m_strThreadName;
+    HANDLE m_hThread;               // all bits set: no thread
+    DWORD m_idThread;               // -1 until it is known
+    LONG m_nPriorityClass;          // carried along
+    LONG m_nPriority;               // -1: the default
+    LONG m_eKind;                   // an EGThreadKind, or none
+    CGString m_strThreadName;       // for reports
     std::atomic<DWORD> m_fIdled{0}; // 1 once the worker has found nothing to do; never cleared
     std::atomic<LONG> m_eRun{eRS_STOPPING}; // written under m_hThreadMutex only
-    DWORD m_dwParam;
-    HANDLE m_hThreadMutex = nullptr; // guards the run state and the moves of m_hWake
-    HANDLE m_hDone = nullptr;        // manual reset: the worker touches the object no more
-    HANDLE m_hWake = nullptr;        // manual reset, created signalled: look again
+    DWORD m_dwParam;                        // for every ProcessEntry
+    HANDLE m_hThreadMutex = nullptr;        // guards the run state and the moves of m_hWake
+    HANDLE m_hDone = nullptr;               // manual reset: the worker touches the object no more
+    HANDLE m_hWake = nullptr;               // manual reset, created signalled: look again
     HANDLE m_hStarted = nullptr; // manual reset, created signalled: the priority has been applied
 
 private:
