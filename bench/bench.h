@@ -1,6 +1,9 @@
 #pragma once
 // What the benchmarks share. Names are "row/who": report.py compares those of one row. All of one row
 // run in one process, in turns, with --benchmark_enable_random_interleaving.
+//
+// Where the threads of a row take turns on one core, what they all use of it (MeasureProcessCPUTime) is what
+// one waits on an idle machine, and others on the machine disturb it less.
 
 #include <algorithm>
 #include <benchmark/benchmark.h>

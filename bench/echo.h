@@ -131,10 +131,11 @@ template <class Server>
 bool EchoPeer(std::string const &strWho)
 {
     benchmark::RegisterBenchmark(("echo-back-to-back/" + strWho).c_str(), EchoBackToBack<Server>)
-        ->UseRealTime();
+        ->MeasureProcessCPUTime();
     benchmark::RegisterBenchmark(("echo-paced/" + strWho).c_str(), EchoPaced<Server>)
         ->UseManualTime();
     benchmark::RegisterBenchmark(("echo-flood/" + strWho).c_str(), EchoFlood<Server>)
+        ->MeasureProcessCPUTime()
         ->UseRealTime();
     return true;
 }

@@ -78,6 +78,6 @@ bool PostPeer(std::string const &strWho)
     benchmark::RegisterBenchmark(("post-latency/" + strWho).c_str(), PostLatency<Queue>)
         ->UseManualTime();
     benchmark::RegisterBenchmark(("post-throughput/" + strWho).c_str(), PostThroughput<Queue>)
-        ->UseRealTime();
+        ->MeasureProcessCPUTime();
     return true;
 }

@@ -120,10 +120,10 @@ void ThreadPthread(benchmark::State &state)
 
 BENCHMARK(MutexOurs)->Name("mutex/ours");
 BENCHMARK(MutexPthread)->Name("mutex/pthread");
-BENCHMARK(PingPong<CEventSignal>)->Name("ping-pong/ours")->UseRealTime();
-BENCHMARK(PingPong<CConditionSignal>)->Name("ping-pong/condvar")->UseRealTime();
-BENCHMARK(ThreadOurs)->Name("thread/ours")->UseRealTime();
-BENCHMARK(WorkerOurs)->Name("thread/worker")->UseRealTime();
-BENCHMARK(ThreadPthread)->Name("thread/pthread")->UseRealTime();
+BENCHMARK(PingPong<CEventSignal>)->Name("ping-pong/ours")->MeasureProcessCPUTime();
+BENCHMARK(PingPong<CConditionSignal>)->Name("ping-pong/condvar")->MeasureProcessCPUTime();
+BENCHMARK(ThreadOurs)->Name("thread/ours")->MeasureProcessCPUTime();
+BENCHMARK(WorkerOurs)->Name("thread/worker")->MeasureProcessCPUTime();
+BENCHMARK(ThreadPthread)->Name("thread/pthread")->MeasureProcessCPUTime();
 
 } // namespace
