@@ -108,7 +108,7 @@ public:
           m_heardDice(nSeed + 1)
     {
         s_lives[nNumber] = this;
-        Renew();
+        m_agent.emplace(&CLife::OnNotify, static_cast<DWORD>(m_nNumber));
     }
     ~CLife()
     {
@@ -118,36 +118,31 @@ public:
     }
     void Step()
     {
-        static constexpr unsigned kcKinds = 16;
+        using Act = void (*)(CLife &);
+        static constexpr Act kActs[] = {
+            [](CLife &own) { own.Quiet(); },
+            [](CLife &own) { own.Renew(); },
+            [](CLife &own) { own.Note("RestartDolRtl", own.m_agent->RestartDolRtl()); },
+            [](CLife &own) { own.Note("ReadTraps", own.m_agent->ReadTraps()); },
+            [](CLife &own) { own.Discover(); },
+            [](CLife &own) {
+                own.Note("Delete", own.m_agent->Delete(own.m_dwInstance, own.Flags(), "Entry"));
+            },
+            [](CLife &own) {
+                own.Note("Modify", own.m_agent->Modify(&own.m_dwInstance, "Entry", "Entry"));
+            },
+            &CLife::Connect,
+            &CLife::Connect,
+            &CLife::Connect,
+            [](CLife &own) { own.m_dice.Rest(50); },
+            [](CLife &own) { own.m_dice.Rest(50); },
+            &CLife::Add,
+            &CLife::Add,
+            &CLife::Add,
+            &CLife::Add};
         ++g_cSteps;
         m_tpStep = Clock::now();
-        switch (m_dice.Below(kcKinds)) {
-        case 0:
-            return Quiet();
-        case 1:
-            Quiet();
-            return Renew();
-        case 2:
-            return Note("RestartDolRtl", m_agent->RestartDolRtl());
-        case 3:
-            return Note("ReadTraps", m_agent->ReadTraps());
-        case 4:
-            return Note("InitiateSrvQDiscovery",
-                        m_agent->InitiateSrvQDiscovery(&m_dwInstance, m_strTarget.c_str()));
-        case 5:
-            return Note("Delete", m_agent->Delete(m_dwInstance, 1 + m_dice.Below(15), "Entry"));
-        case 6:
-            return Note("Modify", m_agent->Modify(&m_dwInstance, "Entry", "Entry"));
-        case 7:
-        case 8:
-        case 9:
-            return Connect();
-        case 10:
-        case 11:
-            return m_dice.Rest(50);
-        default:
-            return Note("Add", m_agent->Add(&m_dwInstance, 1 + m_dice.Below(15), "Entry"));
-        }
+        kActs[m_dice.Below(std::size(kActs))](*this);
     }
     // Called by the thread that watches over all of them.
     void LookForHang() const
@@ -160,17 +155,26 @@ public:
 private:
     void Renew()
     {
-        m_agent.reset();
+        Quiet();
         m_agent.emplace(&CLife::OnNotify, static_cast<DWORD>(m_nNumber));
     }
-    void Connect()
+    static void Connect(CLife &own)
     {
-        m_fMayHear = true;
-        int const bNetwork = m_dice.OneIn(2) ? 1 : 0;
-        // Now and then at a port where nobody listens.
-        Note("Init", m_agent->Init(bNetwork ? "127.0.0.1" : nullptr, m_dice.OneIn(12) ? 1 : m_wPort,
-                                   bNetwork));
+        own.m_fMayHear = true;
+        int const bNetwork = own.m_dice.OneIn(2) ? 1 : 0;
+        DWORD const dwPort = own.m_dice.OneIn(12) ? 1 : own.m_wPort; // 1: nobody listens
+        own.Note("Init", own.m_agent->Init(bNetwork ? "127.0.0.1" : nullptr, dwPort, bNetwork));
     }
+    static void Add(CLife &own)
+    {
+        own.Note("Add", own.m_agent->Add(&own.m_dwInstance, own.Flags(), "Entry"));
+    }
+    void Discover()
+    {
+        Note("InitiateSrvQDiscovery",
+             m_agent->InitiateSrvQDiscovery(&m_dwInstance, m_strTarget.c_str()));
+    }
+    DWORD Flags() { return 1 + m_dice.Below(15); }
     void Quiet()
     {
         DWORD const dwResult = m_agent->Shutdown();
@@ -240,36 +244,27 @@ void DeviceStep(CDeviceHolder &holder, CDice &dice)
     if (dice.OneIn(800)) {
         return holder.Restart(dice.OneIn(8) ? "OTHER MAKE" : "VELLUMAX 4000");
     }
+    using Act = void (*)(CSoftDevice &, CDice &);
+    static constexpr Act kActs[] = {
+        [](auto &device, auto &r) { r.OneIn(10) ? device.CutLinks(r.Below(300)) : void(); },
+        [](auto &device, auto &r) { device.DropDatagrams(r.Below(8)); },
+        [](auto &device, auto &r) { device.RepeatDatagrams(r.Below(8)); },
+        [](auto &device, auto &r) { device.ReorderDatagrams(r.Below(8)); },
+        [](auto &device, auto &r) { device.LoseEchoes(r.Below(8)); },
+        [](auto &device, auto &r) { device.RefuseClaims(r.Below(8)); },
+        [](auto &device, auto &r) { device.SetLate(r.OneIn(2) ? 0 : r.Below(100)); },
+        [](auto &device, auto &r) { device.GarbleAnswers(r.OneIn(4) ? 1 : 0); },
+        [](auto &device, auto &r) { r.OneIn(20) ? device.SendGarbage() : device.AnnounceFax(); },
+        [](auto &device, auto &r) { device.SetMute(r.OneIn(20)); },
+        [](auto &device, auto &r) { device.SetFeeder(r.OneIn(2)); }};
     holder.With([&](CSoftDevice &device) {
-        unsigned const n = dice.Below(8);
-        switch (dice.Below(40)) {
-        case 0:
-            return dice.OneIn(10) ? device.CutLinks(dice.Below(300)) : void();
-        case 1:
-            return device.DropDatagrams(n);
-        case 2:
-            return device.RepeatDatagrams(n);
-        case 3:
-            return device.ReorderDatagrams(n);
-        case 4:
-            return device.RefuseClaims(n);
-        case 5:
-            return device.SetLate(dice.OneIn(2) ? 0 : dice.Below(100));
-        case 6:
-            return device.GarbleAnswers(dice.OneIn(4) ? 1 : 0);
-        case 7:
-            return dice.OneIn(20) ? device.SendGarbage() : void();
-        case 8:
-            return device.SetMute(dice.OneIn(20));
-        case 9:
-            return device.AnnounceFax();
-        case 10:
-            return device.SetFeeder(dice.OneIn(2));
-        case 11:
-        case 12:
+        unsigned const n = dice.Below(40);
+        if (n < std::size(kActs)) {
+            kActs[n](device, dice);
+        } else if (n < std::size(kActs) + 3) {
             ++g_cPresses;
-            return device.PressButton();
-        default:
+            device.PressButton();
+        } else {
             device.Pick(1 + dice.Below(20)); // false where there is no entry
         }
     });
