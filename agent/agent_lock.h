@@ -70,3 +70,19 @@ DWORD CatchNoMemory(Work work)
         return ERROR_NOT_ENOUGH_MEMORY;
     }
 }
+
+/*
+ * Runs work under the agent's mutex, if state, which is asked under it, says that the agent is connected;
+ * returns that answer otherwise. The shape of every operation that needs a link.
+ */
+template <class State, class Work>
+DWORD RunConnected(HANDLE hMutex, std::atomic<CDolRtl *> const *pWhileLinked, State state,
+                   Work work)
+{
+    CAgentLock const lock(hMutex, pWhileLinked);
+    DWORD const dwState = state();
+    if (!lock.IsHeld() || dwState != ERROR_ALREADY_INITIALIZED) {
+        return dwState;
+    }
+    return CatchNoMemory(work);
+}

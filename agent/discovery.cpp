@@ -66,15 +66,7 @@ private:
 
 DWORD CNotifyAgent::InitiateSrvQDiscovery(DWORD *pdwSequence, char const *pszTarget)
 {
-    CAgentLock const lock(m_hMutex, CCallbackQThread::LinkToWatch(this, m_pDolRtl));
-    DWORD const dwState = IsDeviceInitialized();
-    if (!lock.IsHeld() || dwState != ERROR_ALREADY_INITIALIZED) {
-        return dwState;
-    }
-    if (pszTarget == nullptr || pdwSequence == nullptr) {
-        return ERROR_INVALID_PARAMETER;
-    }
-    DWORD const dwResult = CatchNoMemory([&]() -> DWORD {
+    auto const Write = [&]() -> DWORD {
         CJobFile file;
         if (!file.Exists()) {
             return ERROR_NOT_ENOUGH_MEMORY;
@@ -89,9 +81,18 @@ DWORD CNotifyAgent::InitiateSrvQDiscovery(DWORD *pdwSequence, char const *pszTar
         strJob += g_aszText[eGT_QUOTE];
         strJob += kExitLanguage;
         return file.WriteTo(pszTarget, strJob);
-    });
-    if (dwResult != NO_ERROR) {
-        *pdwSequence = 0;
-    }
-    return dwResult;
+    };
+    return RunConnected(
+        m_hMutex, CCallbackQThread::LinkToWatch(this, m_pDolRtl),
+        [this] { return IsDeviceInitialized(); },
+        [&]() -> DWORD {
+            if (pszTarget == nullptr || pdwSequence == nullptr) {
+                return ERROR_INVALID_PARAMETER;
+            }
+            DWORD const dwResult = CatchNoMemory(Write);
+            if (dwResult != NO_ERROR) {
+                *pdwSequence = 0;
+            }
+            return dwResult;
+        });
 }

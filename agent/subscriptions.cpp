@@ -57,44 +57,40 @@ DWORD *CountOfRow(DWORD dwRow, DWORD &cAdf, DWORD &cScannerButton, DWORD &cFaxUp
 
 DWORD CNotifyAgent::Add(DWORD *pdwInstance, DWORD dwFlags, char const *pszOption)
 {
-    CAgentLock const lock(m_hMutex, CCallbackQThread::LinkToWatch(this, m_pDolRtl));
-    DWORD const dwState = IsDeviceInitialized();
-    if (!lock.IsHeld() || dwState != ERROR_ALREADY_INITIALIZED) {
-        return dwState;
-    }
-    return CatchNoMemory([&] {
-        return WalkFlags(
-            dwFlags, [&] { return AddUIOptionTrap(pdwInstance, pszOption); },
-            [&](DWORD dwRow) { return AddTrap(dwRow); });
-    });
+    return RunConnected(
+        m_hMutex, CCallbackQThread::LinkToWatch(this, m_pDolRtl),
+        [this] { return IsDeviceInitialized(); },
+        [&]() -> DWORD {
+            return WalkFlags(
+                dwFlags, [&] { return AddUIOptionTrap(pdwInstance, pszOption); },
+                [&](DWORD dwRow) { return AddTrap(dwRow); });
+        });
 }
 
 DWORD CNotifyAgent::Delete(DWORD dwInstance, DWORD dwFlags, char const *pszOption)
 {
-    CAgentLock const lock(m_hMutex, CCallbackQThread::LinkToWatch(this, m_pDolRtl));
-    DWORD const dwState = IsDeviceInitialized();
-    if (!lock.IsHeld() || dwState != ERROR_ALREADY_INITIALIZED) {
-        return dwState;
-    }
-    return CatchNoMemory([&] {
-        return WalkFlags(
-            dwFlags, [&] { return DeleteUIOptionTrap(dwInstance, pszOption); },
-            [&](DWORD dwRow) { return DeleteTrap(dwRow); });
-    });
+    return RunConnected(
+        m_hMutex, CCallbackQThread::LinkToWatch(this, m_pDolRtl),
+        [this] { return IsDeviceInitialized(); },
+        [&]() -> DWORD {
+            return WalkFlags(
+                dwFlags, [&] { return DeleteUIOptionTrap(dwInstance, pszOption); },
+                [&](DWORD dwRow) { return DeleteTrap(dwRow); });
+        });
 }
 
 DWORD CNotifyAgent::Modify(DWORD *pdwInstance, char const *pszOldOption, char const *pszNewOption)
 {
-    CAgentLock const lock(m_hMutex, CCallbackQThread::LinkToWatch(this, m_pDolRtl));
-    DWORD const dwState = IsDeviceInitialized();
-    if (!lock.IsHeld() || dwState != ERROR_ALREADY_INITIALIZED) {
-        return dwState;
-    }
-    if (pdwInstance == nullptr || pszOldOption == nullptr || pszNewOption == nullptr) {
-        return ERROR_INVALID_PARAMETER;
-    }
-    DWORD const dwResult = Delete(*pdwInstance, eNF_SELECT, pszOldOption);
-    return dwResult != NO_ERROR ? dwResult : Add(pdwInstance, eNF_SELECT, pszNewOption);
+    return RunConnected(
+        m_hMutex, CCallbackQThread::LinkToWatch(this, m_pDolRtl),
+        [this] { return IsDeviceInitialized(); },
+        [&]() -> DWORD {
+            if (pdwInstance == nullptr || pszOldOption == nullptr || pszNewOption == nullptr) {
+                return ERROR_INVALID_PARAMETER;
+            }
+            DWORD const dwResult = Delete(*pdwInstance, eNF_SELECT, pszOldOption);
+            return dwResult != NO_ERROR ? dwResult : Add(pdwInstance, eNF_SELECT, pszNewOption);
+        });
 }
 
 DWORD CNotifyAgent::SupportedOverNetwork(DWORD dwRow)
