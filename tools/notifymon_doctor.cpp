@@ -233,7 +233,7 @@ private:
         std::error_code error;
         if (!strProblem.empty()) {
             m_findings.Fail("settings refused: " + Printable(strProblem),
-                            "correct that line; docs/registry-file.md tells the format");
+                            "mend what it says; docs/registry-file.md tells the format");
             return false;
         }
         if (strFile.empty()) {
