@@ -71,7 +71,7 @@ void FindSenderName(sockaddr_in const &from, char *pszName)
     auto const *const pAddress = reinterpret_cast<char const *>(&from.sin_addr);
     hostent const *const pEntry = ws::gethostbyaddr(pAddress, 4, AF_INET);
     if (pEntry != nullptr && pEntry->h_name != nullptr) {
-        std::snprintf(pszName, kcbSenderName, "%s", pEntry->h_name);
+        lstrcpynA(pszName, pEntry->h_name, static_cast<int>(kcbSenderName));
     }
 }
 
@@ -242,7 +242,8 @@ DWORD CNotifyAgent::ReceiveDatagrams()
         if (dwLastKickSeq != 0 && dwLastKickSeq >= dwSequence) {
             continue;
         }
-        std::snprintf(pszSenderAddress.get(), kcbSenderAddress, "%s", ws::inet_ntoa(from.sin_addr));
+        lstrcpynA(pszSenderAddress.get(), ws::inet_ntoa(from.sin_addr),
+                  static_cast<int>(kcbSenderAddress));
         FindSenderName(from, pszSenderName.get());
         CCallbackQThread::PostTo(m_pCallbackQThread, eCT_SELECT_NOTIFY, this, 0, 0, pszText.get(),
                                  pszSenderAddress.get(), pszSenderName.get());

@@ -36,7 +36,9 @@ Usage Now()
         else if (strWord == "Threads:")
             status >> usage.cThreads;
     }
-    for ([[maybe_unused]] auto const &entry : std::filesystem::directory_iterator("/proc/self/fd"))
+    std::error_code none; // left when the agents have used all
+    for ([[maybe_unused]] auto const &entry :
+         std::filesystem::directory_iterator("/proc/self/fd", none))
         ++usage.cDescriptors;
     return usage;
 }
