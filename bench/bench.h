@@ -58,10 +58,10 @@ public:
     }
     CSamples(CSamples const &) = delete;
     CSamples &operator=(CSamples const &) = delete;
-    /// For a benchmark with UseManualTime, once for each iteration.
-    void Add(std::int64_t ns)
+    /// For a benchmark with UseManualTime, once for each iteration: ns for c of what is measured.
+    void Add(std::int64_t ns, std::int64_t c = 1)
     {
-        m_samples.push_back(ns);
+        m_samples.push_back(ns / c);
         m_state.SetIterationTime(static_cast<double>(ns) * 1e-9);
     }
 

@@ -1,4 +1,4 @@
-// The agent's callback thread, the queue thread that it is, and what one writes by hand: a deque with a mutex and a condition.
+// The agent's callback thread, and what one writes by hand: a deque with a mutex and a condition.
 
 #include "bench/post.h"
 
@@ -29,32 +29,6 @@ private:
                          0};
     CCallbackQThread *const m_pThread =
         new CCallbackQThread(&m_agent, "CCallbackQThread", eTK_BEGINTHREADEX, -1, -1, 0);
-};
-
-/// The queue thread below it, with the very message that the peers have.
-class CQueueThread {
-public:
-    ~CQueueThread() { m_pThread->Release(); }
-    void Post(std::string const &strText)
-    {
-        void *const pMessage =
-            new (GMemAlloc(sizeof(CMessage), __LINE__, __FILE__)) CMessage(strText);
-        m_pThread->Post("message", pMessage, sizeof(CMessage), /*nPriority=*/5);
-    }
-
-private:
-    class CThread : public CGQThread {
-    public:
-        CThread() : CGQThread("CThread", eTK_BEGINTHREADEX, -1, -1, 0) {}
-        ~CThread() override { EndWorker(); }
-        DWORD ProcessEntry(CNode *pNode, CGQThread *, DWORD) override
-        {
-            benchmark::DoNotOptimize(pNode->m_pData);
-            CArrivals::Arrived();
-            return 0;
-        }
-    };
-    CThread *const m_pThread = new CThread;
 };
 
 class CDeque {
@@ -97,6 +71,6 @@ private:
 };
 
 [[maybe_unused]] bool const g_fRegistered =
-    PostPeer<CAgentQueue>("ours") && PostPeer<CQueueThread>("queue") && PostPeer<CDeque>("deque");
+    PostPeer<CAgentQueue>("ours") && PostPeer<CDeque>("deque");
 
 } // namespace

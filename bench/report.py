@@ -22,7 +22,6 @@ ROWS = [
     ("post to callback, against uv_async_send", "post-latency", "ours", "uv", "p50", 0.6, "libuv1-dev"),
     ("post to callback, against asio::post", "post-latency", "ours", "asio", "p50", 1.0, "libasio-dev"),
     ("posts, depth below 10, against a deque", "post-throughput", "ours", "deque", "time", 1.0, ""),
-    ("the same of the queue thread alone", "post-throughput", "queue", "deque", "time", 1.0, ""),
     ("mutex, free: wait and release", "mutex", "ours", "pthread", "time", 2.0, ""),
     ("SetEvent there and back, one core", "ping-pong", "ours", "condvar", "time", 1.0, ""),
     ("site without a manager", "site", "ours", "empty", "difference", 1.0, ""),
@@ -115,6 +114,19 @@ def report_growth(options):
     subprocess.run([os.path.join(options.folder, "bench_agents"), *numbers], check=True)
 
 
+def raise_priority():
+    """Where it is allowed: other work on the machine then disturbs less."""
+    try:
+        os.nice(-15)
+        if os.getsid(0) != os.getpid():
+            os.setsid()
+        # The scheduler may weigh whole sessions against each other.
+        with open("/proc/self/autogroup", "w") as group:
+            group.write("-15")
+    except OSError:
+        pass
+
+
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("folder")
@@ -125,10 +137,7 @@ def main():
     options.repetitions = 1 if options.smoke else 15
     options.seconds = 0.001 if options.smoke else 0.03
     options.wine_turns = 1 if options.smoke else 5
-    try:
-        os.nice(-15)  # other work on the machine then disturbs less
-    except PermissionError:
-        pass
+    raise_priority()
     sys.stdout.reconfigure(line_buffering=True)
     report_rows(options)
     report_wine(options)
