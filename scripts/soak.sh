@@ -11,6 +11,8 @@ preset=${3:-default}
 }
 scripts/setup.sh
 scripts/build.sh "$preset" soak
+# A thread's own store of freed blocks would count as in use.
+export GLIBC_TUNABLES=glibc.malloc.tcache_count=0
 # A sanitizer's runtime keeps what was freed: its memory says nothing.
 [[ $preset == asan || $preset == tsan ]] && export QOMA_SOAK_MEMORY=0
 exec "build/$preset/bin/soak" "$1" ${2:+"$2"}

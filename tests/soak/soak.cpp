@@ -38,7 +38,7 @@ constexpr std::chrono::seconds kRound{10};
 constexpr std::chrono::seconds kLongestStep{60}; // an operation that takes longer hangs
 // What may be added to the memory, in MB, from an early to a late quarter of a run.
 constexpr double kHeldSlack = 3.0;
-constexpr double kInUseSlack = 0.1;
+constexpr double kInUseSlack = 0.05;
 std::atomic<unsigned long> g_cSteps{0};
 std::atomic<unsigned long> g_cHeard{0};
 std::atomic<unsigned long> g_cPresses{0};
