@@ -33,7 +33,7 @@ ROWS = [
     ("queue thread start and end", "thread", "worker", "pthread", "time", 1.2, ""),
 ]
 WINE_ROWS = [("mutex, free: under Wine", "mutex", 0.002), ("SetEvent there and back: under Wine", "ping-pong", 0.12)]
-GROWTH = ["queue-add", "handlers-on", "log-processes", "registry-load", "registry-query", "registry-reload"]
+GROWTH = ["queue-add", "handlers-on", "log-processes", "registry-load", "registry-query", "registry-reload", "registry-reload-fresh"]
 
 
 def run_rounds(program, row, options):
