@@ -9,7 +9,7 @@ if [[ $# -gt 0 && $1 != -* ]]; then
     shift
 fi
 packages=(iproute2) # two hosts on one machine
-[[ $preset == clang ]] && packages=(clang)
+[[ $preset == clang ]] && packages+=(clang)
 scripts/setup.sh "${packages[@]}"
 scripts/build.sh "$preset"
 exec ctest --preset "$preset" -j "$(nproc)" "$@"
