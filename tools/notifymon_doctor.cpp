@@ -7,6 +7,7 @@
 #include "platform/registry.h"
 #include "platform/window.h"
 #include "tools/notifymon_settings.h"
+#include "tools/showable.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -228,11 +229,11 @@ private:
         }
         std::string const strFile = SettingsFile();
         std::string const strProblem = SettingsProblem();
-        std::string const strNamed = "settings: " + Printable(strFile) +
+        std::string const strNamed = "settings: " + Showable(strFile) +
                                      (bChosen ? ", named by --registry" : ", the usual place");
         std::error_code error;
         if (!strProblem.empty()) {
-            m_findings.Fail("settings refused: " + Printable(strProblem),
+            m_findings.Fail("settings refused: " + Showable(strProblem),
                             "mend what it says; docs/registry-file.md tells the format");
             return false;
         }
@@ -258,7 +259,7 @@ private:
         if (m_options.strDiagnostics.empty()) {
             m_findings.Ok("diagnostics: off, since there is no --diagnostics NAME");
             for (std::string const &strModule : modules) {
-                m_findings.Detail("there are settings for " + Printable(strModule));
+                m_findings.Detail("there are settings for " + Showable(strModule));
             }
             return;
         }
@@ -269,10 +270,9 @@ private:
             bSet = bSet || (setting.strKey.starts_with(strKey) && setting.eSource == eSS_REGISTRY);
         }
         if (bSet) {
-            m_findings.Ok("diagnostics: settings of " + Printable(m_options.strDiagnostics));
+            m_findings.Ok("diagnostics: settings of " + Showable(m_options.strDiagnostics));
         } else {
-            m_findings.Warn("diagnostics: nothing is set for " +
-                                Printable(m_options.strDiagnostics),
+            m_findings.Warn("diagnostics: nothing is set for " + Showable(m_options.strDiagnostics),
                             "copy docs/example.reg and give the module's key this name");
         }
         for (Setting const &setting : settings) {
@@ -281,7 +281,7 @@ private:
         CheckLog(settings, strKey + "\\File");
         if (FindSetting(settings, "TraceDeck", "DebugFile").qwNumber != 0) {
             std::string const strFile = FindSetting(settings, "TraceDeck", "DebugFilePath").strText;
-            CheckWritable("viewer: off; its lines go to " + Printable(strFile) + ", which", strFile,
+            CheckWritable("viewer: off; its lines go to " + Showable(strFile) + ", which", strFile,
                           "");
         } else {
             CheckViewer(settings, strKey + "\\TD");
@@ -296,7 +296,7 @@ private:
             return;
         }
         bool const bAppends = FindSetting(settings, strKey, "Append").qwNumber != 0;
-        CheckWritable("log: " + Printable(strName), strName,
+        CheckWritable("log: " + Showable(strName), strName,
                       bAppends ? "" : "; each start empties it, since \"Append\" is 0");
     }
 
@@ -355,7 +355,7 @@ private:
         MonitorOptions const &monitor = m_options.monitor;
         DWORD const dwPort = monitor.dwPort == kNotifyNoPort ? kLinkDefaultPort : monitor.dwPort;
         std::string const strDevice =
-            "device: " + (monitor.bLocal ? "this machine" : Printable(monitor.strAddress)) +
+            "device: " + (monitor.bLocal ? "this machine" : Showable(monitor.strAddress)) +
             ", TCP port " + std::to_string(dwPort);
         DWORD const dwResult = m_client.Connect();
         if (dwResult != 0) {
@@ -389,7 +389,7 @@ private:
         std::string const strAddress = AdvertisedAddress();
         if (m_options.monitor.bLocal) {
             if (!strAddress.empty()) {
-                m_findings.Ok("address: the device knows this client as " + Printable(strAddress));
+                m_findings.Ok("address: the device knows this client as " + Showable(strAddress));
             }
             return std::nullopt;
         }
@@ -483,7 +483,7 @@ private:
     void CheckDiscovery()
     {
         DWORD dwSequence = 0;
-        std::string const strTarget = Printable(m_options.strDiscover);
+        std::string const strTarget = Showable(m_options.strDiscover);
         DWORD const dwResult = m_client.Discover(m_options.strDiscover, &dwSequence);
         if (dwResult != 0) {
             m_findings.Fail("discovery: " + strTarget + ": " + ResultText(dwResult),

@@ -1,6 +1,7 @@
 #include "tools/notifymon_output.h"
 
 #include "dolrtl/QOMADolC.h"
+#include "tools/showable.h"
 
 #include <array>
 #include <cstdio>
@@ -46,30 +47,14 @@ std::string SenderText(Notification const &notification)
     if (notification.strSenderAddress.empty()) {
         return {};
     }
-    std::string strText = " from " + Printable(notification.strSenderAddress);
+    std::string strText = " from " + Showable(notification.strSenderAddress);
     if (!notification.strSenderName.empty()) {
-        strText += " (" + Printable(notification.strSenderName) + ")";
+        strText += " (" + Showable(notification.strSenderName) + ")";
     }
     return strText;
 }
 
 } // namespace
-
-std::string Printable(std::string const &str)
-{
-    std::string strOut;
-    for (char ch : str) {
-        auto const by = static_cast<unsigned char>(ch);
-        if (by >= 0x20 && by < 0x7f) {
-            strOut += ch;
-            continue;
-        }
-        char szHex[5];
-        std::snprintf(szHex, sizeof(szHex), "\\x%02x", static_cast<unsigned>(by));
-        strOut += szHex;
-    }
-    return strOut;
-}
 
 std::string Quoted(std::string const &str)
 {
@@ -78,7 +63,7 @@ std::string Quoted(std::string const &str)
         strEscaped += ch == '"' || ch == '\\' ? "\\" : "";
         strEscaped += ch;
     }
-    return "\"" + Printable(strEscaped) + "\"";
+    return "\"" + Showable(strEscaped) + "\"";
 }
 
 std::string KindName(CallbackType eType)

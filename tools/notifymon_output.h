@@ -25,13 +25,10 @@ std::string KindName(CallbackType eType);
 /* A result code of the agent in words, with its number: "not connected (2250)". */
 std::string ResultText(DWORD dwResult);
 
-/* Text from elsewhere as it may go to a terminal: bytes that are not printable appear as \xNN. */
-std::string Printable(std::string const &str);
-
-/* The same in quotes, with a backslash before quotes and backslashes. */
+/* Showable text in quotes, with a backslash before quotes and backslashes. */
 std::string Quoted(std::string const &str);
 
-/* One line for a person, without a line end. Bytes that are not printable appear as \xNN. */
+/* One line for a person, without a line end, of showable characters alone. */
 std::string TextLine(Notification const &notification);
 
 /* One JSON object, without a line end. Bytes that are not UTF-8 become U+FFFD. */

@@ -5,6 +5,7 @@
 #include "evtmgr/g_evttext.h"
 #include "platform/registry.h"
 #include "tools/notifymon_output.h"
+#include "tools/showable.h"
 #include "trace/g_trace.h"
 
 #include <algorithm>
@@ -178,7 +179,7 @@ std::string SettingLine(Setting const &setting)
                   static_cast<unsigned long long>(setting.qwNumber));
     std::string const strValue = setting.bText ? Quoted(setting.strText) : std::string(szNumber);
     char const *const apszSource[] = {"default", "set", "default, what is set is too long"};
-    return Printable(setting.strKey) + ": " + setting.strName + " = " + strValue + " (" +
+    return Showable(setting.strKey) + ": " + setting.strName + " = " + strValue + " (" +
            apszSource[setting.eSource] + ")";
 }
 
