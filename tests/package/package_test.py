@@ -59,10 +59,8 @@ def build_clients(pkgconfig):
     run("make", "-C", example, f"CXX={args.compiler}", f"LDFLAGS={'-static' if windows else ''}",
         PKG_CONFIG_PATH=str(pkgconfig), PKG_CONFIG_LIBDIR=str(pkgconfig))
     (home / "make").mkdir()
-    (example / "client").rename(home / "make/client")
+    (example / f"client{suffix}").rename(home / f"make/client{suffix}")
     for kind in ("cmake", "make") if windows else ():
-        if (home / kind / "client").exists():
-            (home / kind / "client").rename(home / kind / "client.exe")
         for module in (prefix / "bin").glob("*.dll"):
             shutil.copy(module, home / kind)
 
