@@ -56,15 +56,16 @@ def run_rounds(program, row, options):
     return {who: {m: statistics.median(v) for m, v in by.items()} for who, by in rounds.items()}
 
 
-def judge(title, ours, peer, measure, goal):
+def judge(title, ours, peer, measure, goal, smoke):
     if measure == "difference":
         value, unit, met = max(ours - peer, 0), " ns", ours - peer <= goal
     elif measure == "rate":
         value, unit, met = peer / ours, "×", peer / ours >= goal
     else:
         value, unit, met = ours / peer, "×", ours / peer <= goal
+    verdict = "not judged" if smoke else "met" if met else "MISSED"
     sign = "≥" if measure == "rate" else "≤"
-    print(f"| {title} | {ours:.4g} | {peer:.4g} | {value:.3g}{unit} | {sign} {goal:g}{unit} | {'met' if met else 'MISSED'} |")
+    print(f"| {title} | {ours:.4g} | {peer:.4g} | {value:.3g}{unit} | {sign} {goal:g}{unit} | {verdict} |")
 
 
 def report_rows(options):
@@ -81,7 +82,7 @@ def report_rows(options):
             print(f"| {title} | | | | | no peer: the package {package} is missing |")
             continue
         key = {"p50": "p50", "rate": "real_time"}.get(measure, "cpu_time")
-        judge(title, by[we + suffix][key], by[peer + suffix][key], measure, goal)
+        judge(title, by[we + suffix][key], by[peer + suffix][key], measure, goal, options.smoke)
 
 
 def run_win32(command):
@@ -99,7 +100,7 @@ def report_wine(options):
               run_win32(["taskset", "-c", "0", options.windows, "bench_win32.exe"])) for _ in range(options.wine_turns)]
     for title, key, goal in WINE_ROWS:
         ours, wine = (statistics.median(turn[side][key] for turn in turns) for side in (0, 1))
-        judge(title, ours, wine, "time", goal)
+        judge(title, ours, wine, "time", goal, options.smoke)
 
 
 def report_growth(options):
