@@ -90,12 +90,6 @@ TEST_F(CCompoundTest, WhatWasWrittenIsThereAgain)
 
 TEST_F(CCompoundTest, RefusalsLeaveTheObjectClosedOrAsItWas)
 {
-    DWORD cb = 99;
-    EXPECT_EQ(m_file.CompoundWriteData(nullptr, 1, &cb), eGE_NULL_ARGUMENT);
-    EXPECT_EQ(m_file.CompoundWriteData("x", 1, nullptr), eGE_NULL_ARGUMENT);
-    EXPECT_EQ(m_file.CompoundOpen(nullptr), eGE_FILE_OPEN);
-    EXPECT_EQ(m_file.CompoundOpenExisting(nullptr), eGE_FILE_OPEN);
-    ExpectReports({});
     EXPECT_EQ(OpenExisting(), eGE_FILE_OPEN);
     EXPECT_EQ(m_file.CompoundOpen(m_dir.File("none/file").c_str()), eGE_FILE_OPEN);
     EXPECT_EQ(Write("x"), eGE_FILE_NOT_OPEN);
@@ -111,18 +105,13 @@ TEST_F(CCompoundTest, RefusalsLeaveTheObjectClosedOrAsItWas)
     ASSERT_EQ(Open(), eGE_OK);
     EXPECT_EQ(m_file.CompoundOpen(m_dir.File("other").c_str()), eGE_FILE_ALREADY_OPEN);
     EXPECT_EQ(OpenExisting(), eGE_FILE_ALREADY_OPEN);
-    EXPECT_EQ(m_file.CompoundOpen(nullptr), eGE_FILE_OPEN); // the name first
     EXPECT_FALSE(std::filesystem::exists(m_dir.File("other")));
     EXPECT_EQ(Write("abc"), eGE_OK);
-    if (kIsPosix) { // the system's own storage takes these
+    if (kIsPosix) { // the system's own storage takes this
         LARGE_INTEGER move;
         move.QuadPart = std::int64_t{1} << 40;
         EXPECT_EQ(m_file.m_pStream->Seek(move, STREAM_SEEK_SET, nullptr), S_OK);
         EXPECT_EQ(Write("abc"), eGE_FILE_WRITE);
-        m_file.SetFormat(0xC001); // registered by nobody
-        EXPECT_EQ(m_file.CompoundWriteInfo(L"A type"), eGE_FILE_WRITE);
-        ExpectReports({"CompoundWriteData: cbDataIn bytesWritten hr = 3 0 0x80030070",
-                       "CompoundWriteInfo: WriteFmtUserTypeStg hr = 0x8004006a"});
     }
 }
 
@@ -135,9 +124,7 @@ TEST_F(CCompoundTest, AFileWithoutTheStreamStaysOpenAsStorage)
     pStorage->Release();
     EXPECT_EQ(OpenExisting(), eGE_FILE_OPEN);
     EXPECT_EQ(m_file.CompoundWriteId(kClsid), eGE_OK);
-    EXPECT_EQ(m_file.CompoundWriteInfo(L"A type"), eGE_OK);
     EXPECT_EQ(Write("x"), eGE_FILE_NOT_OPEN);
-    EXPECT_EQ(Open(), eGE_FILE_ALREADY_OPEN);
     EXPECT_EQ(m_file.CompoundClose(), eGE_FILE_NOT_OPEN);
     EXPECT_EQ(m_file.m_pStorage, nullptr);
     ExpectReports({"CompoundOpenExisting: OpenStream hr = 0x80030002",

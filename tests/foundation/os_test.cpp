@@ -1,7 +1,5 @@
 #include "foundation/g_os.h"
-#include "tests/support/alloc_fault.h"
 #include "tests/support/guards.h"
-#include "tests/support/reg_file.h"
 #include "tests/support/site_recorder.h"
 
 TEST(GMem, AllocAndFree_MoveTheCountersTogether)
@@ -13,10 +11,6 @@ TEST(GMem, AllocAndFree_MoveTheCountersTogether)
     GMemFree(&psz, 100, 2, "f");
     GMemFree(&psz, 100, 3, "f"); // the cleared pointer makes the second call harmless
     GMemFree(nullptr, 100, 4, "f");
-    void *pUncounted = ::operator new(10);
-    GMemFree(&pUncounted, 0, 5, "f");
-    CAllocFault fault(1);
-    EXPECT_EQ(GMemAlloc(8, 6, "f"), nullptr);
 }
 
 TEST(GCounters, Macros_ReportUnlessThereIsNoMaskOrReadyManager)
@@ -79,23 +73,4 @@ TEST(GMutexAndGEvent, Named_AreSharedByNameAndClosedOnceByVariable)
     EXPECT_EQ(GEventClose(&hFirst), eGE_EVENT_CLOSE);
     EXPECT_EQ(GEventClose(&hSecond), eGE_OK);
     EXPECT_EQ(GEventClose(nullptr), eGE_NULL_ARGUMENT);
-}
-
-TEST(GReg, Enum_OpensChildAfterChild)
-{
-    CTempDir dir;
-    CRegFile reg(dir.File("r.reg"));
-    reg.Write("\n[Test\\Child]\n");
-    DWORD const cKeys = PlatLiveKeys();
-    DWORD cb = 0;
-    HKEY hKey = nullptr;
-    HKEY hChild = nullptr;
-    char szName[64] = "";
-    ASSERT_EQ(RegOpenKeyExA(HKEY_LOCAL_MACHINE, "Test", 0, KEY_READ, &hKey), 0);
-    EXPECT_EQ(GRegOpenEnumKey(hKey, &hChild, 0, szName, &(cb = sizeof szName)), 0);
-    EXPECT_STREQ(szName, "Child");
-    EXPECT_EQ(RegCloseKey(hChild), 0);
-    EXPECT_EQ(GRegOpenEnumKey(hKey, &hChild, 1, szName, &(cb = sizeof szName)), 259); // no more
-    RegCloseKey(hKey);
-    EXPECT_EQ(PlatLiveKeys(), cKeys);
 }

@@ -1,7 +1,6 @@
 #include "foundation/g_qthread.h"
 #include "platform/probe.h"
 #include "platform/thread.h"
-#include "tests/support/alloc_fault.h"
 #include "tests/support/guards.h"
 
 #include <vector>
@@ -142,16 +141,4 @@ TEST(GQThread, LastCallOfStopAndAbort_DecidesWhatIsWorked)
             EXPECT_EQ(thread.m_strWorked, strCalls.back() == 'S' ? "321" : "");
         }
     }
-    EXPECT_EQ(CGQThread::QThreadEntry(nullptr), eGE_NULL_ARGUMENT);
-    EXPECT_EQ(CGQThread::QThreadEntryAfx(nullptr), eGE_NULL_ARGUMENT);
-}
-
-TEST(GQThread, AllocationFaults_LeaveNothingBehind)
-{
-    CCountersGuard guard;
-    std::size_t const cFaults = FailEachAllocation([] {
-        CGQThread thread("worker", eTK_AFXTHREAD, -1, -1, 0);
-        thread.Post("node", nullptr, 0, 1);
-    });
-    EXPECT_GE(cFaults, 5u); // names and node; the platform's beside them
 }
