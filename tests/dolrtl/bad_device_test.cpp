@@ -33,9 +33,10 @@ LinkBytes HelloPayload(WORD wVersion)
 // Accepts connections and lets a script talk on each, on a thread of its own.
 class CBadDevice {
 public:
-    using Script = std::function<void(CLinkStream &)>;
+    // What it sends when a request has come: on the hello, then on each that follows.
+    using Says = std::function<LinkBytes(LinkFrame const &)>;
 
-    explicit CBadDevice(Script script) : m_script(std::move(script))
+    explicit CBadDevice(std::vector<Says> script) : m_script(std::move(script))
     {
         sockaddr_in sa = ToSockAddr({0x7F000001, 0});
         int cb = sizeof sa;
@@ -69,11 +70,17 @@ private:
             if (s == INVALID_SOCKET)
                 continue;
             CLinkStream &stream = m_streams.emplace_back(s);
-            m_threads.emplace_back([this, &stream] { m_script(stream); });
+            m_threads.emplace_back([this, &stream] {
+                LinkFrame frame;
+                for (size_t n = 0; stream.Receive(&frame, Soon()) == eRX_FRAME; ++n) {
+                    if (n < m_script.size())
+                        stream.Send(m_script[n](frame), Soon());
+                }
+            });
         }
     }
 
-    Script const m_script;
+    std::vector<Says> const m_script;
     CSocketLibrary m_library;
     CLinkSocket m_listener;
     std::atomic<bool> m_fEnding{false};
@@ -82,151 +89,89 @@ private:
     std::list<std::thread> m_threads;
 };
 
-void SayNothing(CLinkStream &stream)
+CBadDevice::Says Bytes(LinkBytes bytes)
 {
-    for (LinkFrame frame; stream.Receive(&frame, Soon()) == eRX_FRAME;) {
-    }
+    return [bytes](LinkFrame const &) { return bytes; };
 }
 
-CBadDevice::Script Says(LinkBytes bytes)
+CBadDevice::Says Answers(LinkBytes payload)
 {
-    return [bytes](CLinkStream &stream) {
-        stream.Send(bytes, Soon());
-        SayNothing(stream);
+    return [payload](LinkFrame const &request) { return Answer(request, payload); };
+}
+
+LinkBytes TrapsFirst(LinkFrame const &request)
+{
+    LinkBytes result;
+    for (LinkBytes const &bytes :
+         {EncodeLinkFrame({eLK_TRAP_VALUE, 0, {1, 0, 4, 9, 0, 0, 0, 'x'}}),
+          EncodeLinkFrame({99, 0, {1, 2, 3}}), Answer(request, {0, 0, 0, 0})})
+        result.insert(result.end(), bytes.begin(), bytes.end());
+    return result;
+}
+
+} // namespace
+
+TEST(BadDevice, EachCallEndsInTimeWithACode)
+{
+    std::string const strMail = "220 mail.example ESMTP ready\r\n";
+    LinkBytes const hello = HelloPayload(kLinkVersion);
+    auto const code = [](DWORD dw) { return Answers(CLinkWriter().Word32(dw).Take()); };
+    auto const other = [](LinkFrame const &request) {
+        return Answer({request.kind, request.dwNumber + 1, {}}, {0, 0, 0, 0});
     };
-}
-
-CBadDevice::Script AnswersHello(LinkBytes payload)
-{
-    return [payload](CLinkStream &stream) {
-        LinkFrame frame;
-        if (stream.Receive(&frame, Soon()) == eRX_FRAME)
-            stream.Send(Answer(frame, payload), Soon());
-        SayNothing(stream);
+    struct {
+        char const *pszWhat;
+        std::vector<CBadDevice::Says> script;
+        DWORD dwInit, dwSet;
+    } const aCases[] = {
+        {"says nothing", {}, eDR_TIMEOUT, eDR_LINK_LOST},
+        {"another protocol",
+         {Bytes({strMail.begin(), strMail.end()})},
+         eDR_BAD_ANSWER,
+         eDR_LINK_LOST},
+        {"a frame without end", {Bytes({100, 0, 0, 0, 1, 2, 3})}, eDR_TIMEOUT, eDR_LINK_LOST},
+        {"another version",
+         {Answers(HelloPayload(kLinkVersion + 1))},
+         eDR_VERSION_MISMATCH,
+         eDR_LINK_LOST},
+        {"a refusal", {code(eLR_REFUSED)}, eDR_REFUSED, eDR_LINK_LOST},
+        {"the code that ends a drain", {Answers(hello), code(2)}, eDR_OK, eDR_DEVICE_FAILED},
+        {"the library's own", {Answers(hello), code(eDR_LINK_LOST)}, eDR_OK, eDR_DEVICE_FAILED},
+        {"half a code", {Answers(hello), Answers({0, 0})}, eDR_OK, eDR_BAD_ANSWER},
+        {"to another request", {Answers(hello), other}, eDR_OK, eDR_TIMEOUT},
+        {"bad traps, then a good answer", {Answers(hello), TrapsFirst}, eDR_OK, eDR_OK},
     };
-}
-
-// Says hello, and to the first request what is given for it; nothing given, it hangs up.
-CBadDevice::Script Answers(std::function<LinkBytes(LinkFrame const &)> answer)
-{
-    return [answer](CLinkStream &stream) {
-        LinkFrame frame;
-        if (stream.Receive(&frame, Soon()) != eRX_FRAME)
-            return;
-        stream.Send(Answer(frame, HelloPayload(kLinkVersion)), Soon());
-        if (stream.Receive(&frame, Soon()) != eRX_FRAME)
-            return;
-        LinkBytes const bytes = answer(frame);
-        if (bytes.empty())
-            stream.Close();
-        stream.Send(bytes, Soon());
-        SayNothing(stream);
-    };
-}
-
-CBadDevice::Script AnswersCode(DWORD dwResult)
-{
-    return Answers([dwResult](LinkFrame const &request) {
-        return Answer(request, CLinkWriter().Word32(dwResult).Take());
-    });
-}
-
-struct BadCase {
-    char const *pszWhat;
-    CBadDevice::Script script;
-    DWORD dwExpected;
-};
-
-// Side by side, since some take their full time.
-void ForAll(std::vector<BadCase> const &cases, std::function<DWORD(CTestClient &, DWORD)> call,
-            std::function<void(CTestClient &)> then)
-{
-    std::list<std::thread> threads;
-    for (BadCase const &c : cases) {
+    std::list<std::thread> threads; // side by side, since some take their full time
+    for (auto const &c : aCases) {
         threads.emplace_back([&] {
             SCOPED_TRACE(c.pszWhat);
             CBadDevice device(c.script);
             CTestClient client;
-            auto const start = steady_clock::now();
-            EXPECT_EQ(call(client, device.dwPort), c.dwExpected);
+            auto start = steady_clock::now();
+            EXPECT_EQ(client.InitLocal(device.dwPort), c.dwInit);
             EXPECT_LT(steady_clock::now() - start, std::chrono::seconds(5));
-            then(client);
+            start = steady_clock::now();
+            EXPECT_EQ(client.SetWord(g_button, 1), c.dwSet);
+            EXPECT_LT(steady_clock::now() - start, std::chrono::seconds(5));
+            EXPECT_EQ(client.Read(), std::nullopt);
+            start = steady_clock::now();
+            client.dol.reset(); // perhaps in the middle of its search for the device
+            EXPECT_LT(steady_clock::now() - start, std::chrono::seconds(2));
+            EXPECT_EQ(client.Events(eDE_RESTART_LINK), 0);
         });
     }
     for (std::thread &thread : threads)
         thread.join();
 }
 
-} // namespace
-
-TEST(BadDevice, InitEndsInTimeWithACode)
-{
-    std::string const strMail = "220 mail.example ESMTP ready\r\n";
-    LinkBytes longer = HelloPayload(kLinkVersion);
-    longer.push_back(0);
-    ForAll(
-        {
-            {"says nothing", SayNothing, eDR_TIMEOUT},
-            {"hangs up", [](CLinkStream &stream) { stream.Close(); }, eDR_LINK_LOST},
-            {"another protocol", Says({strMail.begin(), strMail.end()}), eDR_BAD_ANSWER},
-            {"a frame without end", Says({100, 0, 0, 0, 1, 2, 3}), eDR_TIMEOUT},
-            {"another version", AnswersHello(HelloPayload(kLinkVersion + 1)), eDR_VERSION_MISMATCH},
-            {"a refusal", AnswersHello(CLinkWriter().Word32(eLR_REFUSED).Take()), eDR_REFUSED},
-            {"an empty answer", AnswersHello({}), eDR_BAD_ANSWER},
-            {"too long an answer", AnswersHello(longer), eDR_BAD_ANSWER},
-            {"an answer to something else",
-             Says(Answer({eLK_SET, 0, {}}, HelloPayload(kLinkVersion))), eDR_BAD_ANSWER},
-        },
-        [](CTestClient &client, DWORD dwPort) { return client.InitLocal(dwPort); },
-        [](CTestClient &client) {
-            EXPECT_EQ(client.SetWord(g_button, 1), eDR_LINK_LOST);
-            auto const end = steady_clock::now();
-            client.dol.reset(); // in the middle of its search for the device
-            EXPECT_LT(steady_clock::now() - end, std::chrono::seconds(2));
-            EXPECT_EQ(client.Events(eDE_RESTART_LINK), 0);
-        });
-}
-
-TEST(BadDevice, RequestsEndInTimeWithACode)
-{
-    auto const trapsFirst = [](LinkFrame const &request) {
-        LinkBytes result;
-        for (LinkBytes const &bytes :
-             {EncodeLinkFrame({eLK_TRAP_VALUE, 0, {1, 0, 4, 9, 0, 0, 0, 'x'}}),
-              EncodeLinkFrame({eLK_TRAP_VALUE, 0, {}}), EncodeLinkFrame({99, 0, {1, 2, 3}}),
-              Answer(request, {0, 0, 0, 0})})
-            result.insert(result.end(), bytes.begin(), bytes.end());
-        return result;
-    };
-    auto const other = [](LinkFrame const &request) {
-        return Answer({request.kind, request.dwNumber + 1, {}}, {0, 0, 0, 0});
-    };
-    ForAll(
-        {
-            {"a good answer", AnswersCode(0), eDR_OK},
-            {"the code that ends a drain of traps", AnswersCode(2), eDR_DEVICE_FAILED},
-            {"a code of this library's own", AnswersCode(eDR_LINK_LOST), eDR_DEVICE_FAILED},
-            {"half a code", Answers([](auto &request) {
-                 return Answer(request, {0, 0});
-             }),
-             eDR_BAD_ANSWER},
-            {"an answer to another request", Answers(other), eDR_TIMEOUT},
-            {"bad traps, then a good answer", Answers(trapsFirst), eDR_OK},
-            {"garbage", Answers([](auto &) { return LinkBytes(20, 0xFF); }), eDR_BAD_ANSWER},
-            {"the line goes dead", Answers([](auto &) { return LinkBytes(); }), eDR_LINK_LOST},
-        },
-        [](CTestClient &client, DWORD dwPort) {
-            EXPECT_EQ(client.InitLocal(dwPort), eDR_OK);
-            return client.SetWord(g_button, 1);
-        },
-        [](CTestClient &client) { EXPECT_EQ(client.Read(), std::nullopt); });
-}
-
 // A device that stops reading: what is sent piles up until nothing goes out any more.
 TEST(BadDevice, SendingIntoAFullLineEndsInTime)
 {
     std::atomic<bool> fEnd{false};
-    CBadDevice device([&](CLinkStream &) { WaitFor([&] { return fEnd.load(); }); });
+    CBadDevice device({[&](LinkFrame const &) {
+        WaitFor([&] { return fEnd.load(); });
+        return LinkBytes();
+    }});
     CSocketLibrary library;
     CLinkStream stream;
     ASSERT_EQ(stream.Connect({0x7F000001, static_cast<WORD>(device.dwPort)}, Soon()), 0);

@@ -74,16 +74,11 @@ TEST_F(Link, ObjectsAreChecked)
     CTestClient client(dwPort);
     CDolRtl &dol = *client.dol;
     TestObject unknown{{1, 2, 2, 1}, 4};
-    TestObject textFeeder{g_feeder.oid, 4};
-    EXPECT_EQ(dol.Get(g_selectOption.Oid(), 5, 4), eDR_OK);
     EXPECT_EQ(dol.Get(g_selectOption.Oid(), 5, 1), eDR_WRONG_TYPE);
-    EXPECT_EQ(dol.Get(nullptr, 5, 4), eDR_INVALID_ARGUMENT);
     EXPECT_EQ(client.SetText(unknown, "x"), eDR_NO_SUCH_OBJECT);
-    EXPECT_EQ(client.SetText(g_addOption, ""), eDR_INVALID_ARGUMENT);
     EXPECT_EQ(client.SetText(g_addOption, std::string(350, 'x')), eDR_WRONG_LENGTH);
     EXPECT_EQ(client.SetText(g_token, "too short"), eDR_WRONG_LENGTH);
     EXPECT_EQ(client.SetWord(g_feeder, 1), eDR_REFUSED);
-    EXPECT_EQ(client.Trap(textFeeder, 3), eDR_WRONG_TYPE);
     EXPECT_EQ(dol.UnTrap(g_feeder.Oid(), 5), eDR_NO_SUCH_OBJECT);
     EXPECT_EQ(client.Trap(g_feeder, 3), eDR_OK);
     EXPECT_EQ(dol.UnTrap(g_feeder.Oid(), 5), eDR_OK);
@@ -182,18 +177,12 @@ TEST_F(Link, TheOldestOfTooManyTrapsGivesWay)
 
 TEST_F(Link, LocalClientsHaveAddressesOfTheirOwn)
 {
-    std::optional<CTestClient> first(std::in_place);
+    CTestClient first(dwPort);
     CTestClient second;
-    ASSERT_EQ(first->InitLocal(dwPort), eDR_OK);
-    std::string const strFirst = first->dol->GetAddress();
+    std::string const strFirst = first.dol->GetAddress();
     EXPECT_NE(strFirst, "");
     ASSERT_EQ(second.Init(strFirst.c_str(), dwPort, eLT_LOCAL), eDR_OK);
     EXPECT_NE(second.dol->GetAddress(), strFirst) << "held by another";
-    first.reset();
-    CTestClient third;
-    ASSERT_EQ(third.Init(strFirst.c_str(), dwPort, eLT_LOCAL), eDR_OK);
-    EXPECT_EQ(third.dol->GetAddress(), strFirst) << "free again";
-
     CTestClient bad;
     ASSERT_EQ(bad.Init("a;NETADDR=", dwPort, eLT_LOCAL), eDR_OK);
     EXPECT_EQ(std::string(bad.dol->GetAddress()).find(';'), std::string::npos);
