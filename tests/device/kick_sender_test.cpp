@@ -72,14 +72,6 @@ TEST_F(KickSender, GivesUpAndGoesOnWithTheNext)
     EXPECT_EQ(sent, (Sent{"x;KICKSEQ=1;", "x;KICKSEQ=1;", "y;KICKSEQ=2;"}));
 }
 
-TEST_F(KickSender, TheLongestTextFillsADatagram)
-{
-    EXPECT_EQ(sender.Add(kA, std::string(CKickSender::kMaxText + 1, 'x')), std::nullopt);
-    EXPECT_EQ(sender.Add(kA, std::string(CKickSender::kMaxText, 'x')), 1u);
-    Pass(milliseconds(0));
-    EXPECT_EQ(sent.at(0).size() + 9, CKickSender::kMaxDatagram) << "1 stands for ten digits";
-}
-
 TEST_F(KickSender, ReorderLetsTheNextGoFirst)
 {
     sender.Reorder(1);
