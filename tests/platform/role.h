@@ -52,14 +52,6 @@ inline constexpr DWORD kdwLimit = 60000;
         EXPECT_EQ(GetLastError(), DWORD{dwExpected});                                              \
     } while (false)
 
-/// A wait that fails, and with which error.
-#define EXPECT_WAIT_FAILS(hObject, dwExpected)                                                     \
-    do {                                                                                           \
-        SetLastError(0xDEADBEEF);                                                                  \
-        EXPECT_EQ(WaitForSingleObject(hObject, 0), DWORD{WAIT_FAILED});                            \
-        EXPECT_EQ(GetLastError(), DWORD{dwExpected});                                              \
-    } while (false)
-
 /// Closes at the end of its block, if there is something left to close.
 class CTestHandle {
 public:
@@ -125,6 +117,15 @@ requires std::is_empty_v<Code> HANDLE StartThread(Code, void *pvArgument = nullp
                                                   unsigned *pidThread = nullptr)
 {
     return StartThread(&RunThreadCode<Code>, pvArgument, fwFlags, pidThread);
+}
+
+/// Waits for the thread's end.
+inline DWORD ExitCodeOf(HANDLE hThread)
+{
+    DWORD dwCode = WAIT_FAILED;
+    EXPECT_EQ(WaitForSingleObject(hThread, kdwLimit), DWORD{WAIT_OBJECT_0});
+    EXPECT_TRUE(GetExitCodeThread(hThread, &dwCode));
+    return dwCode;
 }
 
 /// The result of a call on a thread of its own.

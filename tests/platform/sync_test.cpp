@@ -5,7 +5,7 @@
 #include <atomic>
 #include <chrono>
 #include <fstream>
-#include <memory>
+#include <list>
 
 namespace {
 
@@ -42,11 +42,9 @@ unsigned __stdcall WaitForGiven(void *pvObject)
 // What holds for mutexes holds for those with a name too.
 class MutexTest : public testing::TestWithParam<bool> {
 protected:
-    static std::string NameOf() { return GetParam() ? UniqueName("mutex") : std::string(); }
     static HANDLE Make(BOOL fOwner)
     {
-        std::string const strName = NameOf();
-        return CreateMutexA(nullptr, fOwner, strName.empty() ? nullptr : strName.c_str());
+        return CreateMutexA(nullptr, fOwner, GetParam() ? UniqueName("mutex").c_str() : nullptr);
     }
 };
 
@@ -132,16 +130,12 @@ TEST_P(MutexTest, OutlivesItsHandleForOwnerAndWaiter)
     AwaitSleep(idWaiter);
     EXPECT_TRUE(CloseHandle(hMutex));
     EXPECT_FAILS(ReleaseMutex(hMutex), ERROR_INVALID_HANDLE);
-    std::vector<std::unique_ptr<CTestHandle>>
-        aOthers; // none of them may be taken for the closed one
+    std::list<CTestHandle> aOthers; // none of them may be taken for the closed one
     for (int n = 0; n < 300; ++n)
-        aOthers.push_back(std::make_unique<CTestHandle>(CreateMutexA(nullptr, FALSE, nullptr)));
+        aOthers.emplace_back(CreateMutexA(nullptr, FALSE, nullptr));
     SetEvent(hEnd);
     owner.join();
-    EXPECT_EQ(WaitForSingleObject(hWaiter, kdwLimit), kdwTaken);
-    DWORD dwResult = WAIT_FAILED;
-    GetExitCodeThread(hWaiter, &dwResult);
-    EXPECT_EQ(dwResult, kdwAbandoned);
+    EXPECT_EQ(ExitCodeOf(hWaiter), kdwAbandoned);
 }
 
 TEST(Event, StatesAfterEachCall)
@@ -155,12 +149,10 @@ TEST(Event, StatesAfterEachCall)
                 SCOPED_TRACE(testing::Message() << fNamed << fManual << fSet);
                 EXPECT_EQ(WaitForSingleObject(hEvent, 0), fSet ? kdwTaken : kdwTimeout);
                 EXPECT_EQ(WaitForSingleObject(hEvent, 0), fSet && fManual ? kdwTaken : kdwTimeout);
-                EXPECT_TRUE(SetEvent(hEvent));
-                EXPECT_TRUE(SetEvent(hEvent));
+                EXPECT_TRUE(SetEvent(hEvent) && SetEvent(hEvent));
                 EXPECT_EQ(WaitElsewhere(hEvent), kdwTaken);
                 EXPECT_EQ(WaitElsewhere(hEvent), fManual ? kdwTaken : kdwTimeout);
-                EXPECT_TRUE(SetEvent(hEvent));
-                EXPECT_TRUE(ResetEvent(hEvent));
+                EXPECT_TRUE(SetEvent(hEvent) && ResetEvent(hEvent));
                 EXPECT_EQ(WaitForSingleObject(hEvent, 0), kdwTimeout);
             }
 }
@@ -170,23 +162,18 @@ TEST(Event, EachCallReleasesOneSleeperOfAnAutoResetOneAndAllOfAManualResetOne)
     constexpr unsigned kcWaiters = 4;
     for (BOOL fManual : {FALSE, TRUE}) {
         CTestHandle const hEvent(CreateEventA(nullptr, fManual, FALSE, nullptr));
-        std::vector<std::unique_ptr<CTestHandle>> aThreads;
+        std::list<CTestHandle> aThreads;
         for (unsigned n = 0; n < kcWaiters; ++n) {
             unsigned idThread = 0;
-            aThreads.push_back(
-                std::make_unique<CTestHandle>(StartThread(&WaitForGiven, hEvent, 0, &idThread)));
+            aThreads.emplace_back(StartThread(&WaitForGiven, hEvent, 0, &idThread));
             AwaitSleep(idThread);
         }
         // One right after the other: none may be swallowed because the one before it is not used yet.
         for (unsigned n = 0; n < (fManual ? 1 : kcWaiters); ++n)
             EXPECT_TRUE(SetEvent(hEvent));
         EXPECT_TRUE(ResetEvent(hEvent));
-        for (auto const &pThread : aThreads) {
-            DWORD dwResult = WAIT_FAILED;
-            EXPECT_EQ(WaitForSingleObject(*pThread, kdwLimit), kdwTaken);
-            GetExitCodeThread(*pThread, &dwResult);
-            EXPECT_EQ(dwResult, kdwTaken) << fManual;
-        }
+        for (auto const &hThread : aThreads)
+            EXPECT_EQ(ExitCodeOf(hThread), kdwTaken) << fManual;
     }
 }
 
@@ -216,104 +203,60 @@ TEST(Event, PingPongLosesNoTurn)
 TEST(Wait, LastsItsTimeAndNotMuchLonger)
 {
     using Clock = std::chrono::steady_clock;
-    std::string const strMutex = UniqueName("mutex"), strEvent = UniqueName("event");
-    CTestHandle const hMutex(CreateMutexA(nullptr, TRUE, nullptr));
-    CTestHandle const hNamedMutex(CreateMutexA(nullptr, TRUE, strMutex.c_str()));
-    CTestHandle const hEvent(CreateEventA(nullptr, TRUE, FALSE, nullptr));
-    CTestHandle const hNamedEvent(CreateEventA(nullptr, FALSE, FALSE, strEvent.c_str()));
-    for (HANDLE hObject :
-         {HANDLE(hMutex), HANDLE(hNamedMutex), HANDLE(hEvent), HANDLE(hNamedEvent)}) {
-        auto const start = Clock::now();
-        EXPECT_EQ(WaitElsewhere(hObject, 40), kdwTimeout);
-        auto const elapsed = Clock::now() - start;
-        // Below: Windows counts in its own ticks, and may be one of them early.
-        EXPECT_GE(elapsed, std::chrono::milliseconds(kIsPosix ? 40 : 20));
-        EXPECT_LT(elapsed, std::chrono::seconds(20));
+    for (bool const fNamed : {false, true}) {
+        std::string const strName = UniqueName("event");
+        CTestHandle const hEvent(
+            CreateEventA(nullptr, FALSE, FALSE, fNamed ? strName.c_str() : nullptr));
+        CTestHandle const hMutex(
+            CreateMutexA(nullptr, TRUE, fNamed ? (strName + "m").c_str() : nullptr));
+        for (HANDLE hObject : {HANDLE(hMutex), HANDLE(hEvent)}) {
+            auto const start = Clock::now();
+            EXPECT_EQ(WaitElsewhere(hObject, 40), kdwTimeout);
+            // Below: Windows counts in its own ticks, and may be one of them early.
+            EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(kIsPosix ? 40 : 20));
+            EXPECT_LT(Clock::now() - start, std::chrono::seconds(20));
+        }
+        ReleaseMutex(hMutex);
     }
-    auto const start = Clock::now();
-    Sleep(30);
-    EXPECT_EQ(SleepEx(10, FALSE), 0u);
-    EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(kIsPosix ? 40 : 20));
-    ReleaseMutex(hMutex);
-    ReleaseMutex(hNamedMutex);
 }
 
-TEST(Named, LastErrorsOfCreationAndOpening)
+TEST(Named, ManyHandlesAreOneObjectThatGoesWithTheLast)
 {
     std::string const strName = UniqueName("object");
-    std::string const strUpper = UniqueName("OBJECT") + strName;
-    std::string const strLong(MAX_PATH, 'x');
-    SetLastError(0xDEADBEEF);
     CTestHandle hMutex(CreateMutexA(nullptr, FALSE, strName.c_str()));
     EXPECT_EQ(GetLastError(), DWORD{NO_ERROR});
     {
         CTestHandle const hAgain(CreateMutexA(nullptr, TRUE, strName.c_str()));
         EXPECT_EQ(GetLastError(), DWORD{ERROR_ALREADY_EXISTS});
         EXPECT_EQ(WaitElsewhere(hMutex), kdwTaken); // the second creator does not own it
-        SetLastError(0xDEADBEEF);
-        CTestHandle const hOpened(OpenMutexA(MUTEX_ALL_ACCESS, FALSE, strName.c_str()));
         CTestHandle const hLocal(
             OpenMutexA(MUTEX_ALL_ACCESS, FALSE, ("Local\\" + strName).c_str()));
-        EXPECT_EQ(GetLastError(), 0xDEADBEEFu);
         EXPECT_EQ(WaitForSingleObject(hLocal, 0), kdwTaken);
-        EXPECT_EQ(WaitElsewhere(hOpened), kdwTimeout);
-        EXPECT_TRUE(ReleaseMutex(hAgain)); // one object, through any of its handles
+        EXPECT_EQ(WaitElsewhere(hMutex), kdwTimeout);
+        EXPECT_TRUE(ReleaseMutex(hAgain)); // through any of its handles
     }
     EXPECT_FAILS(CreateEventA(nullptr, FALSE, FALSE, strName.c_str()), ERROR_INVALID_HANDLE);
-    EXPECT_FAILS(OpenEventA(EVENT_ALL_ACCESS, FALSE, strName.c_str()), ERROR_INVALID_HANDLE);
-    EXPECT_FAILS(OpenMutexA(MUTEX_ALL_ACCESS, FALSE, strUpper.c_str()), ERROR_FILE_NOT_FOUND);
-    EXPECT_FAILS(OpenMutexA(MUTEX_ALL_ACCESS, FALSE, nullptr), ERROR_INVALID_PARAMETER);
     EXPECT_FAILS(CreateMutexA(nullptr, FALSE, ("a\\" + strName).c_str()), ERROR_PATH_NOT_FOUND);
     if (kIsPosix) { // Windows says the same, Wine takes any length
-        EXPECT_FAILS(CreateMutexA(nullptr, FALSE, strLong.c_str()), ERROR_FILENAME_EXCED_RANGE);
+        EXPECT_FAILS(CreateMutexA(nullptr, FALSE, std::string(MAX_PATH, 'x').c_str()),
+                     ERROR_FILENAME_EXCED_RANGE);
     }
     hMutex.Close();
     EXPECT_FAILS(OpenMutexA(MUTEX_ALL_ACCESS, FALSE, strName.c_str()), ERROR_FILE_NOT_FOUND);
-    for (char const *pszNone : {static_cast<char const *>(nullptr), ""}) {
-        SetLastError(0xDEADBEEF);
-        CTestHandle const hFirst(CreateMutexA(nullptr, FALSE, pszNone));
-        CTestHandle const hSecond(CreateEventA(nullptr, FALSE, FALSE, pszNone));
-        EXPECT_EQ(GetLastError(), DWORD{NO_ERROR});
-    }
 }
 
 TEST(Named, NamesAreToldApart)
 {
     // Case, signs that a file name cannot hold, and an end that a file name is too short for.
     std::string const strStem = UniqueName("name");
-    std::vector<std::string> aNames;
-    for (char const *pszEnd : {"a", "A", "/a", "%2Fa", ".", "..", " "})
-        aNames.push_back(strStem + pszEnd);
-    aNames.push_back("./" + strStem);
-    aNames.push_back("Global\\" + strStem + "a");
     std::string const strFill(250 - strStem.size(), '/');
-    aNames.push_back(strStem + strFill + "1");
-    aNames.push_back(strStem + strFill + "2");
-    std::vector<std::unique_ptr<CTestHandle>> aHandles;
-    for (auto const &strName : aNames) {
-        aHandles.push_back(
-            std::make_unique<CTestHandle>(CreateMutexA(nullptr, TRUE, strName.c_str())));
+    std::list<CTestHandle> aHandles;
+    for (std::string const &strName :
+         {strStem + "a", strStem + "A", strStem + "/a", strStem + "%2Fa", strStem + "..",
+          "./" + strStem, strStem + strFill + "1", strStem + strFill + "2"}) {
+        aHandles.emplace_back(CreateMutexA(nullptr, FALSE, strName.c_str()));
         EXPECT_EQ(GetLastError(), DWORD{NO_ERROR}) << strName;
     }
-    for (auto const &pHandle : aHandles)
-        EXPECT_TRUE(ReleaseMutex(*pHandle));
-}
-
-TEST(Named, RightsAskedForAreThoseGranted)
-{
-    std::string const strMutex = UniqueName("mutex"), strEvent = UniqueName("event");
-    CTestHandle const hMutex(CreateMutexA(nullptr, FALSE, strMutex.c_str()));
-    CTestHandle const hEvent(CreateEventA(nullptr, TRUE, TRUE, strEvent.c_str()));
-    CTestHandle const hWaitOnly(OpenEventA(SYNCHRONIZE, FALSE, strEvent.c_str()));
-    EXPECT_EQ(WaitForSingleObject(hWaitOnly, 0), kdwTaken);
-    EXPECT_FAILS(SetEvent(hWaitOnly), ERROR_ACCESS_DENIED);
-    EXPECT_FAILS(ResetEvent(hWaitOnly), ERROR_ACCESS_DENIED);
-    CTestHandle const hSetOnly(OpenEventA(EVENT_MODIFY_STATE, TRUE, strEvent.c_str()));
-    EXPECT_TRUE(ResetEvent(hSetOnly));
-    EXPECT_WAIT_FAILS(hSetOnly, ERROR_ACCESS_DENIED);
-    EXPECT_EQ(WaitForSingleObject(hEvent, 0), kdwTimeout);
-    CTestHandle const hNoWait(OpenMutexA(MUTEX_MODIFY_STATE, FALSE, strMutex.c_str()));
-    EXPECT_WAIT_FAILS(hNoWait, ERROR_ACCESS_DENIED);
 }
 
 namespace {
@@ -354,14 +297,11 @@ TEST(Processes, AKilledOwnersMutexIsAbandonedAndThenGoneWithItsLastHandle)
         hMutex.Close();
         EXPECT_FAILS(OpenMutexA(MUTEX_ALL_ACCESS, FALSE, (strName + "m").c_str()),
                      ERROR_FILE_NOT_FOUND);
-        if (nRound > 0)
-            continue;
-        CRoleProcess lonely("hold-mutex", strName);
-        ASSERT_EQ(WaitForSingleObject(hTaken, kdwLimit), kdwTaken);
-        lonely.Kill(); // nobody else has the mutex open: it is gone, not abandoned
-        CTestHandle const hNew(CreateMutexA(nullptr, FALSE, (strName + "m").c_str()));
-        EXPECT_EQ(GetLastError(), DWORD{NO_ERROR});
-        EXPECT_EQ(WaitForSingleObject(hNew, 0), kdwTaken);
-        ReleaseMutex(hNew);
     }
+    CRoleProcess lonely("hold-mutex", strName);
+    ASSERT_EQ(WaitForSingleObject(hTaken, kdwLimit), kdwTaken);
+    lonely.Kill(); // nobody else has the mutex open: it is gone, not abandoned
+    CTestHandle const hNew(CreateMutexA(nullptr, FALSE, (strName + "m").c_str()));
+    EXPECT_EQ(GetLastError(), DWORD{NO_ERROR});
+    EXPECT_EQ(WaitElsewhere(hNew), kdwTaken);
 }
