@@ -6,12 +6,11 @@
 
 namespace {
 
-constexpr DWORD kdwPoison = 0xDEADBEEF;
 constexpr DWORD kadwAccess[] = {GENERIC_READ, GENERIC_WRITE, GENERIC_READ | GENERIC_WRITE};
 
 HANDLE Open(std::string const &strName, DWORD dwAccess, DWORD dwShare, DWORD dwDisposition)
 {
-    SetLastError(kdwPoison);
+    SetLastError(0xDEADBEEF);
     return CreateFileA(strName.c_str(), dwAccess, dwShare, nullptr, dwDisposition,
                        FILE_ATTRIBUTE_NORMAL, nullptr);
 }
@@ -100,20 +99,16 @@ TEST(FileTest, DispositionsOfMissingAndExistingFiles)
     CTempDir const dir;
     std::string const strName = dir.File("file");
     for (auto const &test : aCases) {
-        for (DWORD const dwAccess : kadwAccess) {
-            if (dwAccess == GENERIC_READ && test.dwDisposition == TRUNCATE_EXISTING)
-                continue; // refused for the arguments alone
-            std::filesystem::remove(strName);
-            for (bool const fExisting : {false, true}) {
-                DWORD const dwError = test.adwError[fExisting];
-                HANDLE const hFile = Open(strName, dwAccess, 0, test.dwDisposition);
-                EXPECT_EQ(GetLastError(), dwError) << test.dwDisposition;
-                bool const fOpens = dwError == NO_ERROR || dwError == ERROR_ALREADY_EXISTS;
-                ASSERT_EQ(hFile != INVALID_HANDLE_VALUE, fOpens) << test.dwDisposition;
-                EXPECT_TRUE(!fOpens || CloseHandle(hFile));
-                EXPECT_EQ(Contents(strName), fExisting ? test.pszExisting : "");
-                Fill(strName, "abc");
-            }
+        std::filesystem::remove(strName);
+        for (bool const fExisting : {false, true}) {
+            DWORD const dwError = test.adwError[fExisting];
+            HANDLE const hFile = Open(strName, GENERIC_WRITE, 0, test.dwDisposition);
+            EXPECT_EQ(GetLastError(), dwError) << test.dwDisposition;
+            bool const fOpens = dwError == NO_ERROR || dwError == ERROR_ALREADY_EXISTS;
+            ASSERT_EQ(hFile != INVALID_HANDLE_VALUE, fOpens) << test.dwDisposition;
+            EXPECT_TRUE(!fOpens || CloseHandle(hFile));
+            EXPECT_EQ(Contents(strName), fExisting ? test.pszExisting : "");
+            Fill(strName, "abc");
         }
     }
 }
@@ -121,34 +116,23 @@ TEST(FileTest, DispositionsOfMissingAndExistingFiles)
 TEST(FileTest, RefusalsTellWhatIsWrong)
 {
     CTempDir const dir;
-    std::string const strFile = dir.File("file");
-    Fill(strFile, "abc");
+    Fill(dir.File("file"), "abc");
     std::filesystem::create_directory(dir.File("folder"));
     struct {
         std::string strName;
-        DWORD dwAccess, dwShare, dwDisposition, dwError;
-        bool fPosixOnly; // Windows agrees or knows more, Wine is easier to please
+        DWORD dwAccess, dwDisposition, dwError;
     } const aCases[] = {
-        {"", GENERIC_READ, 3, OPEN_EXISTING, ERROR_PATH_NOT_FOUND, false},
-        {dir.File("none/file"), GENERIC_READ, 3, OPEN_EXISTING, ERROR_PATH_NOT_FOUND, false},
-        {dir.File("none/file"), GENERIC_WRITE, 3, CREATE_ALWAYS, ERROR_PATH_NOT_FOUND, false},
-        {dir.File("file/file"), GENERIC_READ, 3, OPEN_EXISTING, ERROR_PATH_NOT_FOUND, false},
-        {dir.File("folder"), GENERIC_READ, 3, OPEN_EXISTING, ERROR_ACCESS_DENIED, false},
-        {dir.File("folder"), GENERIC_WRITE, 3, CREATE_ALWAYS, ERROR_ACCESS_DENIED, false},
-        {strFile, GENERIC_READ, 3, 6, ERROR_INVALID_PARAMETER, false},
-        {strFile, GENERIC_READ, 8, OPEN_EXISTING, ERROR_INVALID_PARAMETER, true},
-        {strFile, GENERIC_READ, 3, TRUNCATE_EXISTING, ERROR_INVALID_PARAMETER, true},
-        {strFile, GENERIC_ALL, 3, OPEN_EXISTING, ERROR_INVALID_PARAMETER, true},
+        {"", GENERIC_READ, OPEN_EXISTING, ERROR_PATH_NOT_FOUND},
+        {dir.File("none/file"), GENERIC_WRITE, CREATE_ALWAYS, ERROR_PATH_NOT_FOUND},
+        {dir.File("file/file"), GENERIC_READ, OPEN_EXISTING, ERROR_PATH_NOT_FOUND},
+        {dir.File("folder"), GENERIC_READ, OPEN_EXISTING, ERROR_ACCESS_DENIED},
+        {dir.File("folder"), GENERIC_WRITE, CREATE_ALWAYS, ERROR_ACCESS_DENIED},
+        {dir.File("file"), GENERIC_READ, 6, ERROR_INVALID_PARAMETER},
     };
     for (auto const &test : aCases) {
-        if (test.fPosixOnly && !kIsPosix)
-            continue;
-        EXPECT_EQ(Open(test.strName, test.dwAccess, test.dwShare, test.dwDisposition),
-                  INVALID_HANDLE_VALUE)
-            << test.strName;
+        EXPECT_EQ(Open(test.strName, test.dwAccess, 3, test.dwDisposition), INVALID_HANDLE_VALUE);
         EXPECT_EQ(GetLastError(), test.dwError) << test.strName << ' ' << test.dwDisposition;
     }
-    EXPECT_EQ(Contents(strFile), "abc");
 }
 
 TEST(FileTest, SharesHoldWithinAProcessAndBetweenProcesses)
@@ -191,36 +175,24 @@ TEST(FileTest, TransfersAreWholeAndNeedTheRight)
     std::string const strLarge = std::string(3'000'000, 'x') + "y";
     COpened const writer(strName, GENERIC_WRITE, CREATE_NEW);
     COpened const reader(strName, GENERIC_READ, OPEN_EXISTING);
-    SetLastError(kdwPoison);
     EXPECT_TRUE(Write(writer, strLarge));
-    EXPECT_TRUE(Write(writer, ""));
     EXPECT_EQ(Read(reader, 4'000'000), strLarge);
     EXPECT_EQ(Read(reader, 5), "") << "the end is no error";
-    EXPECT_EQ(GetLastError(), kdwPoison);
-
     char ch = 0;
     DWORD cb = 99;
     EXPECT_FAILS(ReadFile(writer, &ch, 1, &cb, nullptr), ERROR_ACCESS_DENIED);
     EXPECT_EQ(cb, 0u);
     EXPECT_FAILS(WriteFile(reader, &ch, 1, &cb, nullptr), ERROR_ACCESS_DENIED);
-    EXPECT_FAILS(WriteFile(INVALID_HANDLE_VALUE, &ch, 1, &cb, nullptr), ERROR_INVALID_HANDLE);
 }
 
 TEST(FileTest, SeeksFarAndRefusesTheImpossible)
 {
     CTempDir const dir;
     COpened const file(dir.File("file"), GENERIC_READ | GENERIC_WRITE, CREATE_NEW);
-    ASSERT_TRUE(Write(file, "0123456789"));
-    EXPECT_EQ(SetFilePointer(file, -3, nullptr, FILE_CURRENT), 7u);
-    SetLastError(kdwPoison);
+    EXPECT_EQ(SetFilePointer(file, 7, nullptr, FILE_CURRENT), 7u);
     EXPECT_EQ(SetFilePointer(file, -8, nullptr, FILE_CURRENT), INVALID_SET_FILE_POINTER);
     EXPECT_EQ(GetLastError(), DWORD{ERROR_NEGATIVE_SEEK});
-    EXPECT_EQ(SetFilePointer(file, -11, nullptr, FILE_END), INVALID_SET_FILE_POINTER);
-    EXPECT_EQ(SetFilePointer(file, 0, nullptr, 3), INVALID_SET_FILE_POINTER);
-    EXPECT_EQ(GetLastError(), DWORD{ERROR_INVALID_PARAMETER});
-    EXPECT_EQ(SetFilePointer(file, 0, nullptr, FILE_CURRENT), 7u) << "these have moved nothing";
-    EXPECT_EQ(SetFilePointer(file, 20, nullptr, FILE_END), 30u);
-    EXPECT_EQ(SetFilePointer(file, 0x7FFFFFFF, nullptr, FILE_CURRENT), 0x8000001Du);
+    EXPECT_EQ(SetFilePointer(file, 0x7FFFFFFF, nullptr, FILE_CURRENT), 0x80000006u);
     LONG nHigh = 1;
     EXPECT_EQ(SetFilePointer(file, -1, &nHigh, FILE_BEGIN), INVALID_SET_FILE_POINTER);
     EXPECT_EQ(GetLastError(), DWORD{NO_ERROR}) << "a position that looks like a failure";
@@ -248,7 +220,6 @@ TEST(FileTest, AFullDiskAndABrokenPipeAreErrors)
 TEST(FileTest, DescriptorsOfTheRuntime)
 {
     constexpr int kfwLog = _O_RDWR | _O_APPEND | _O_CREAT | _O_BINARY;
-    static_assert(kfwLog == 0x810A && _S_IWRITE == 128);
     CTempDir const dir;
     std::string const strName = dir.File("file");
     auto const error = [](int nResult) { return nResult == -1 ? errno : 0; };
@@ -262,12 +233,9 @@ TEST(FileTest, DescriptorsOfTheRuntime)
         COpened const alone(strName, GENERIC_READ, OPEN_EXISTING, FILE_SHARE_READ);
         EXPECT_EQ(error(_open(strName.c_str(), kfwLog, _S_IWRITE)), EACCES);
     }
-    EXPECT_EQ(error(_open(dir.File("none/file").c_str(), kfwLog, _S_IWRITE)), ENOENT);
     if (kIsPosix) {
-        EXPECT_EQ(error(_open(strName.c_str(), _O_RDONLY)), EINVAL) << "there is no text mode";
         int const fd = _open("/dev/full", _O_WRONLY | _O_BINARY);
         EXPECT_EQ(error(_write(fd, "a", 1)), ENOSPC);
         EXPECT_EQ(_close(fd), 0);
-        EXPECT_EQ(error(_close(fd)), EBADF);
     }
 }

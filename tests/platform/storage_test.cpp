@@ -57,26 +57,24 @@ void Patch(std::string const &strName, std::size_t n, std::uint32_t dw)
     file.seekp(static_cast<std::streamoff>(n)).write(reinterpret_cast<char const *>(&dw), 4);
 }
 
-HRESULT Create(std::string const &strName, Storage &storage, DWORD dwMode = kdwCreate)
+HRESULT Create(std::string const &strName, Storage &storage)
 {
-    return StgCreateDocfile(Wide(strName).c_str(), dwMode, 0, storage.Out());
+    return StgCreateDocfile(Wide(strName).c_str(), kdwCreate, 0, storage.Out());
 }
 
-HRESULT Open(std::string const &strName, Storage &storage, DWORD dwMode = kdwOpen)
+HRESULT Open(std::string const &strName, Storage &storage)
 {
-    return StgOpenStorage(Wide(strName).c_str(), nullptr, dwMode, nullptr, 0, storage.Out());
+    return StgOpenStorage(Wide(strName).c_str(), nullptr, kdwOpen, nullptr, 0, storage.Out());
 }
 
-HRESULT CreateStream(Storage const &storage, OLECHAR const *pszName, Stream &stream,
-                     DWORD dwMode = kdwCreate)
+HRESULT CreateStream(Storage const &storage, OLECHAR const *pszName, Stream &stream)
 {
-    return storage->CreateStream(pszName, dwMode, 0, 0, stream.Out());
+    return storage->CreateStream(pszName, kdwCreate, 0, 0, stream.Out());
 }
 
-HRESULT OpenStream(Storage const &storage, OLECHAR const *pszName, Stream &stream,
-                   DWORD dwMode = kdwOpen)
+HRESULT OpenStream(Storage const &storage, OLECHAR const *pszName, Stream &stream)
 {
-    return storage->OpenStream(pszName, nullptr, dwMode, 0, stream.Out());
+    return storage->OpenStream(pszName, nullptr, kdwOpen, 0, stream.Out());
 }
 
 bool Write(Stream const &stream, std::string const &str)
@@ -143,10 +141,15 @@ void CheckFile(std::string const &strName, std::string const &strContents)
     EXPECT_TRUE(clsid == kClsid);
 }
 
-CTestRole const g_try("try-storage", [](std::string const &strName) {
+void CheckTaken(std::string const &strName)
+{
     Storage storage;
     EXPECT_REFUSED(Open(strName, storage), STG_E_SHAREVIOLATION);
     EXPECT_REFUSED(Create(strName, storage), STG_E_SHAREVIOLATION);
+}
+
+CTestRole const g_try("try-storage", [](std::string const &strName) {
+    CheckTaken(strName);
     return testing::Test::HasFailure() ? 1 : 0;
 });
 
@@ -185,19 +188,18 @@ TEST_F(StorageTest, OtherReadersFindTheContents)
     std::string const strOut = dir.File("out");
     for (std::size_t const cb : {0, 1, 63, 64, 4095, 4096, 1 << 20}) {
         MakeFile(strName, Pattern(cb));
-        for (char const *pszReader :
-             {"gsf cat \"$FILE\" CONTENTS", "7z e -so \"$FILE\" CONTENTS"}) {
-            std::string const strCommand = std::string(pszReader) + " > \"$OUT\" 2>/dev/null";
+        for (std::string const strReader : {"gsf cat", "7z e -so"}) {
+            std::string const strCommand = strReader + " \"$FILE\" CONTENTS > \"$OUT\" 2>/dev/null";
             PlatEnvType const aVariables[] = {{"FILE", strName.c_str()}, {"OUT", strOut.c_str()}};
             DWORD dwExit = 127;
             if (kIsPosix) {
                 ASSERT_TRUE(PlatRunCommand(strCommand.c_str(), aVariables, 2, kdwLimit, &dwExit));
             }
             if (dwExit == 127) {
-                GTEST_SKIP() << "not installed: " << pszReader;
+                GTEST_SKIP() << "not installed: " << strReader;
             }
-            EXPECT_EQ(dwExit, 0u) << pszReader;
-            EXPECT_TRUE(Contents(strOut) == Pattern(cb)) << pszReader << " of " << cb;
+            EXPECT_EQ(dwExit, 0u) << strReader;
+            EXPECT_TRUE(Contents(strOut) == Pattern(cb)) << strReader << " of " << cb;
         }
     }
 }
@@ -229,7 +231,7 @@ TEST_F(StorageTest, WritingToAFileKeepsTheRestOfIt)
     Stream stream;
     ASSERT_EQ(Open(strName, storage), S_OK);
     std::string const strType = StreamOf(storage, L"\1CompObj");
-    ASSERT_EQ(CreateStream(storage, L"small", stream, STGM_SHARE_EXCLUSIVE | STGM_READWRITE), S_OK);
+    ASSERT_EQ(CreateStream(storage, L"small", stream), S_OK);
     EXPECT_TRUE(Write(stream, "one two"));
     ASSERT_EQ(OpenStream(storage, L"contents", stream), S_OK) << "names have no case";
     EXPECT_TRUE(Write(stream, "start"));
@@ -237,10 +239,6 @@ TEST_F(StorageTest, WritingToAFileKeepsTheRestOfIt)
     EXPECT_TRUE(Write(stream, "end"));
     EXPECT_EQ(Seek(stream, -5, STREAM_SEEK_END), 199'998);
     EXPECT_EQ(Read(stream), std::string("\0\0end", 5));
-    if (kIsPosix) { // not every ole32 minds
-        EXPECT_EQ(Seek(stream, -1, STREAM_SEEK_SET), STG_E_INVALIDFUNCTION);
-    }
-    EXPECT_EQ(Seek(stream, -1, STREAM_SEEK_CUR), 200'002);
     stream.Reset();
 
     ASSERT_EQ(Open(strName, storage), S_OK);
@@ -251,49 +249,36 @@ TEST_F(StorageTest, WritingToAFileKeepsTheRestOfIt)
     EXPECT_EQ(StreamOf(storage, L"\1CompObj"), strType);
 }
 
-TEST_F(StorageTest, RefusalsTellWhatIsWrong)
+TEST_F(StorageTest, ForeignFilesStayAndStreamsEndWithTheirStorage)
 {
     Storage storage;
-    std::filesystem::create_directory(dir.File("folder"));
-    Fill(dir.File("text"), "This is no compound file, however long one looks at it.");
-    EXPECT_REFUSED(Open(dir.File("none/none"), storage), STG_E_PATHNOTFOUND);
-    EXPECT_REFUSED(Create(dir.File("folder"), storage), STG_E_ACCESSDENIED);
-    EXPECT_REFUSED(Open(dir.File("text"), storage), STG_E_FILEALREADYEXISTS);
-    EXPECT_REFUSED(Create(dir.File("text"), storage, STGM_SHARE_EXCLUSIVE | STGM_WRITE),
-                   STG_E_FILEALREADYEXISTS);
-    EXPECT_EQ(Contents(dir.File("text")).substr(0, 7), "This is");
-
-    MakeFile(strName, "abc");
     Stream stream;
     Stream other;
+    Fill(strName, "This is no compound file, however long one looks at it.");
+    EXPECT_REFUSED(Open(strName, storage), STG_E_FILEALREADYEXISTS);
+    EXPECT_EQ(Contents(strName).substr(0, 7), "This is");
+    MakeFile(strName, "abc");
     ASSERT_EQ(Open(strName, storage), S_OK);
-    EXPECT_REFUSED(CreateStream(storage, L"CONTENTS", stream, kdwOpen), STG_E_FILEALREADYEXISTS);
     EXPECT_REFUSED(CreateStream(storage, L"12345678901234567890123456789012", stream),
                    STG_E_INVALIDNAME);
-    EXPECT_REFUSED(OpenStream(storage, L"CONTENTS", stream, STGM_READWRITE), STG_E_INVALIDFLAG);
     ASSERT_EQ(OpenStream(storage, L"CONTENTS", stream), S_OK);
     EXPECT_REFUSED(OpenStream(storage, L"CONTENTS", other), STG_E_ACCESSDENIED);
     storage.Reset();
     char ch;
     EXPECT_REFUSED(stream->Read(&ch, 1, nullptr), STG_E_REVERTED);
     EXPECT_REFUSED(stream->Write("x", 1, nullptr), STG_E_REVERTED);
-
-    ASSERT_EQ(Open(strName, storage, STGM_SHARE_EXCLUSIVE | STGM_READ), S_OK);
-    EXPECT_REFUSED(CreateStream(storage, L"new", stream), STG_E_ACCESSDENIED);
-    EXPECT_REFUSED(WriteClassStg(storage.m_p, kClsid), STG_E_ACCESSDENIED);
 }
 
 TEST_F(StorageTest, AnOpenFileIsNobodyElses)
 {
-    Storage other;
     for (bool const fNew : {true, false}) {
         Storage storage;
         ASSERT_EQ(fNew ? Create(strName, storage) : Open(strName, storage), S_OK);
-        EXPECT_REFUSED(Open(strName, other), STG_E_SHAREVIOLATION);
-        EXPECT_REFUSED(Create(strName, other), STG_E_SHAREVIOLATION);
+        CheckTaken(strName);
         EXPECT_EQ(CRoleProcess("try-storage", strName).ExitCode(), 0u);
     }
-    EXPECT_EQ(Open(strName, other), S_OK);
+    Storage last;
+    EXPECT_EQ(Open(strName, last), S_OK);
 }
 
 TEST_F(StorageTest, AKilledWriterLeavesTheOldFileOrARefusedOne)
