@@ -38,7 +38,6 @@ TEST_F(AgentTest, WhatTheQueueDoesNotTakeIsReleased)
     m_probe.pCallbackQThread.load()->Stop();
     Post(m_probe, 4, 0);
     EXPECT_EQ(g_cMemory, cMemory);
-    CCallbackQThread::PostTo(nullptr, 4, &m_agent, 0, 0, nullptr, nullptr, nullptr);
     CNotifyAgent silent(nullptr, 0); // its messages come and go, and nothing else happens
     ASSERT_EQ(silent.Init("a", 1, 0), 0u);
     m_script.Push(7, "\6");

@@ -30,17 +30,6 @@ TEST_F(AgentTest, TheDiscoveryJobNamesTheAgentToTheLetter)
     }
 }
 
-TEST_F(AgentTest, AFailedDiscoveryGivesItsCodeAndNoNumber)
-{
-    DWORD dw = 99999;
-    Connect(0);
-    EXPECT_EQ(m_agent.InitiateSrvQDiscovery(nullptr, "x"), 87u);
-    EXPECT_EQ(m_agent.InitiateSrvQDiscovery(&dw, nullptr), 87u);
-    EXPECT_EQ(dw, 99999u);
-    EXPECT_EQ(m_agent.InitiateSrvQDiscovery(&dw, "no/such/file"), 110u);
-    EXPECT_EQ(dw, 0u);
-}
-
 TEST_F(AgentTest, ASlowDiscoveryTargetHoldsUpTheOtherOperationsUntilItOpens)
 {
     CTempDir dir;
