@@ -3,10 +3,8 @@
 #include "device/soft_device.h"
 #include "tests/dolrtl/dolrtl_fixture.h"
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <fstream>
 #include <thread>
 
 using std::chrono::steady_clock;
@@ -20,54 +18,16 @@ protected:
     void SetUp() override
     {
         std::string strError;
-        config.strPrintPath = dir.File("path");
-        config.log = [this](std::string const &str) {
-            std::lock_guard lock(mx);
-            log.push_back(str);
-        };
-        device.emplace(config);
+        device.emplace(SoftDeviceConfig());
         ASSERT_TRUE(device->Start(&strError)) << strError;
         dwPort = device->Port();
     }
-    bool WaitForLog(std::string const &strPart)
-    {
-        return WaitFor([&] {
-            std::lock_guard lock(mx);
-            return std::any_of(log.begin(), log.end(), [&](std::string const &str) {
-                return str.find(strPart) != std::string::npos;
-            });
-        });
-    }
-    void Print(std::string const &strClauses)
-    {
-        ASSERT_TRUE(WaitFor([&] { return std::filesystem::file_size(config.strPrintPath) == 0; }));
-        std::ofstream(config.strPrintPath, std::ios::binary)
-            << "\x1B%-12345X@PJL SELECT=\"\x01\x15TYPE=<ECHO>;" << strClauses << "\"\x1B%-12345X";
-    }
 
-    CTempDir dir;
-    SoftDeviceConfig config;
-    std::mutex mx;
-    std::vector<std::string> log;
     std::optional<CSoftDevice> device;
     DWORD dwPort = 0;
 };
 
 } // namespace
-
-TEST_F(Link, ReadsTheIdentificationIntoAnyBuffer)
-{
-    std::string const strId = "MFG:Norvale;CLS:MFP;MDL:VELLUMAX 4000;";
-    CTestClient client(dwPort);
-    unsigned char buffer[260];
-    DWORD cb = 99;
-    for (DWORD const cbBuffer : {260, 8}) {
-        EXPECT_EQ(client.dol->GetDeviceId(buffer, cbBuffer, &cb), eDR_OK);
-        EXPECT_EQ(reinterpret_cast<char *>(buffer), strId.substr(0, cbBuffer - 1));
-        EXPECT_EQ(cb, std::min<DWORD>(38, cbBuffer - 1));
-    }
-    EXPECT_EQ(client.dol->GetDeviceId(buffer, 0, &cb), eDR_INVALID_ARGUMENT);
-}
 
 TEST_F(Link, ObjectsAreChecked)
 {
@@ -284,19 +244,4 @@ TEST_F(Link, MisbehaviourEndsWithACodeInTime)
     device->SendGarbage();
     ASSERT_TRUE(client.WaitForEvent(eDE_RESTART_LINK));
     EXPECT_EQ(client.SetWord(g_button, 1), eDR_LINK_LOST);
-}
-
-TEST_F(Link, AJobIsAnsweredWhereItSays)
-{
-    CTestClient local(dwPort);
-    std::string const strLocal = local.dol->GetAddress();
-    Print("NETADDR=" + strLocal + ";SRVQ=1;");
-    EXPECT_TRUE(WaitForLog("job not answered: " + strLocal + " has not registered"));
-    ASSERT_EQ(local.Trap(g_selectOption, 1), eDR_OK);
-    Print("NETADDR=" + strLocal + ";SRVQ=2;");
-    std::optional<ReadValue> value;
-    ASSERT_TRUE(WaitFor([&] { return (value = local.Read()).has_value(); }));
-    EXPECT_EQ(value->strValue, "TYPE=<ECHO>;SRVQ=2;MODEL=VELLUMAX 4000;NETADDR=" + strLocal + ";");
-    Print("NETADDR=10.0.0.1:port;SRVQ=3;");
-    EXPECT_TRUE(WaitForLog("job refused: its address is neither"));
 }
