@@ -1,14 +1,12 @@
-// The two handlers at work: one log of many processes, the viewer's window.
+// The file handler at work: one log of many processes.
 
 #include "platform/process.h"
 #include "platform/sync.h"
-#include "platform/window.h"
 #include "tests/evtmgr/evtmgr_fixture.h"
-#include "trace/g_trace.h"
 
 #include <algorithm>
 #include <cstdlib>
-#include <future>
+#include <thread>
 
 namespace {
 
@@ -69,44 +67,6 @@ TEST_F(CEvtMgrTest, LineThatADeadWriterCutIsEnded)
     Site("two");
     EXPECT_EQ(ReadLog(), "[T]: one\r\ncut\r\n[T]: two\r\n");
     CloseHandle(hMutex);
-}
-
-TEST_F(CEvtMgrTest, ViewerThatIsThereGetsTheLines)
-{
-    std::string const strTitle = "qoma test viewer " + std::to_string(GetCurrentProcessId());
-    std::string strLines;
-    std::promise<HWND> made;
-    std::thread viewer([&] { // keeps what it is sent, terminators included
-        auto const keep = [](void *pLines, COPYDATASTRUCT const *pData) -> LRESULT {
-            static_cast<std::string *>(pLines)->append(static_cast<char *>(pData->lpData),
-                                                       pData->cbData);
-            return 1;
-        };
-        HWND const hWnd = PlatCreateViewerWindow(strTitle.c_str(), keep, &strLines);
-        made.set_value(hWnd);
-        EXPECT_TRUE(PlatRunViewerWindow(hWnd));
-        PlatDestroyViewerWindow(hWnd);
-    });
-    HWND const hWnd = made.get_future().get();
-    std::string const strReg = "\n[SOFTWARE\\Norvale\\TraceDeck]\n\"Level Mask\"=dword:1\n\"Module "
-                               "Mask\"=hex:1\n\"Title\"=";
-    Install(strReg + "\"no such window\"\n" + ReplaceAll(m_strOn, "File]", "TD]"));
-    TdConnect();
-    Site("no window yet");
-    Reg(strReg + "\"" + strTitle + "\"\n");
-    TdConnect(); // the attempt is not repeated
-    EXPECT_EQ(g_TdMode.exchange(eTM_DEBUGGER), std::uint64_t{eTM_DEBUGGER | eTM_VIEWER});
-    TdConnect();
-    Site("live");
-    TdSetCurrent(1, 1);
-    TdLog("line %d", 1);
-    Reg("\n[$M\\TD]\n\"State\"=dword:2\n");
-    g_pEvtMgr.load()->ReloadParameters();
-    Site("off");
-    PlatCloseViewerWindow(hWnd);
-    viewer.join();
-    EXPECT_EQ(ReplaceAll(strLines, std::string(1, '\0'), "$"), "[T]: live$[OTHER]- line 1$");
-    g_hTdWindow = nullptr;
 }
 
 } // namespace

@@ -1,6 +1,5 @@
 #include "foundation/g_queue.h"
 #include "tests/support/guards.h"
-#include "tests/support/site_recorder.h"
 
 #include <algorithm>
 #include <functional>
@@ -136,17 +135,4 @@ TEST(GQueue, DrainedEvent_TellsThatAConsumerFoundTheListEmpty)
     EXPECT_EQ(WaitForSingleObject(queue.m_hDrained, 0), static_cast<DWORD>(WAIT_TIMEOUT));
     queue.GetFirstNode(&pNode);
     EXPECT_EQ(WaitForSingleObject(queue.m_hDrained, 0), static_cast<DWORD>(WAIT_OBJECT_0));
-}
-
-TEST(GQueue, NodeReports_CarryTheCompositeNameUnlessTheQueueIsSilent)
-{
-    CTestQueue queue;
-    CSiteRecorder recorder;
-    for (DWORD fReport : {1, 0}) {
-        queue.m_fReport = fReport;
-        queue.AddNode("Fax", nullptr, 0, 1);
-        queue.Flush();
-    }
-    recorder.ExpectOnly({{8, 0x1000000000000000u, 2, "INC_OBJECT_COUNTER 1: CNode[Fax]: "},
-                         {8, 0x2000000000000000u, 2, "DEC_OBJECT_COUNTER 0: CNode[Fax]: "}});
 }

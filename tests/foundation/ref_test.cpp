@@ -29,18 +29,6 @@ TEST(GReference, CreationAndLastRelease_AreReportedUnlessTheObjectIsSilent)
                          {1, fTop, 1, "CGReference::Init: Creating object \"automatic\""}});
 }
 
-TEST(GReference, WithoutANameOneIsGiven)
-{
-    CCountersGuard guard;
-    char const *const pszNull = nullptr;
-    CGReference const aRefs[] = {CGReference(), CGReference(pszNull),
-                                 CGReference(DWORD{1}, pszNull)};
-    for (CGReference const &ref : aRefs) {
-        EXPECT_STREQ(ref.m_strObjectName.m_pszText, "Object Name not given in constructor");
-        EXPECT_TRUE(ref.HasReportFlag(1) == 1 && ref.HasReportFlag(0) == 0);
-    }
-}
-
 TEST(GReference, ManyThreads_ExactlyOneSeesTheEnd)
 {
     CCountersGuard guard;
