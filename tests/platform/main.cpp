@@ -28,7 +28,7 @@ std::string OwnProgram()
 }
 
 PROCESS_INFORMATION StartProgram(std::string strLine, HANDLE hOut, HANDLE hErr, DWORD dwFlags,
-                                 char *pszEnvironment, char const *pszFolder)
+                                 char *pszEnvironment)
 {
     STARTUPINFOA startup{};
     startup.cb = sizeof startup;
@@ -41,7 +41,7 @@ PROCESS_INFORMATION StartProgram(std::string strLine, HANDLE hOut, HANDLE hErr, 
     }
     PROCESS_INFORMATION info{};
     EXPECT_TRUE(CreateProcessA(nullptr, strLine.data(), nullptr, nullptr, hOut != nullptr, dwFlags,
-                               pszEnvironment, pszFolder, &startup, &info))
+                               pszEnvironment, nullptr, &startup, &info))
         << strLine << ": " << GetLastError();
     for (HANDLE const hStream : {hOut, hErr})
         EXPECT_TRUE(!hStream || CloseHandle(hStream));

@@ -16,10 +16,6 @@ CTestRole const g_variable("say-variable", [](std::string const &strName) {
     std::fputs(psz != nullptr ? psz : "(none)", stdout);
     return 7;
 });
-CTestRole const g_folder("say-folder", [](std::string const &) {
-    std::fputs(std::filesystem::current_path().string().c_str(), stdout);
-    return 0;
-});
 CTestRole const g_sleep("sleep", [](std::string const &) {
     Sleep(INFINITE);
     return 0;
@@ -31,13 +27,12 @@ std::string RoleLine(std::string const &strRole)
 }
 
 /// All that comes out of a command line.
-std::string OutputOf(std::string const &strLine, char *pszEnvironment = nullptr,
-                     char const *pszFolder = nullptr)
+std::string OutputOf(std::string const &strLine, char *pszEnvironment = nullptr)
 {
     HANDLE hRead = nullptr;
     HANDLE hWrite = nullptr;
     EXPECT_TRUE(CreatePipe(&hRead, &hWrite, nullptr, 0));
-    CRoleProcess process(StartProgram(strLine, hWrite, nullptr, 0, pszEnvironment, pszFolder));
+    CRoleProcess process(StartProgram(strLine, hWrite, nullptr, 0, pszEnvironment));
     std::string strOutput;
     char ach[1000];
     DWORD cb = 0;
@@ -51,15 +46,14 @@ std::string OutputOf(std::string const &strLine, char *pszEnvironment = nullptr,
 }
 
 /// Why a process does not start.
-DWORD StartError(char const *pszProgram, char const *pszLine, char const *pszFolder = nullptr)
+DWORD StartError(char const *pszProgram)
 {
-    std::string strLine = pszLine;
     STARTUPINFOA startup{};
     startup.cb = sizeof startup;
     PROCESS_INFORMATION info{};
     SetLastError(0xDEADBEEF);
-    EXPECT_FALSE(CreateProcessA(pszProgram, pszProgram ? nullptr : strLine.data(), nullptr, nullptr,
-                                FALSE, 0, nullptr, pszFolder, &startup, &info));
+    EXPECT_FALSE(CreateProcessA(pszProgram, nullptr, nullptr, nullptr, FALSE, 0, nullptr, nullptr,
+                                &startup, &info));
     return GetLastError();
 }
 
@@ -80,16 +74,11 @@ TEST(ProcessTest, CommandLinesAreTakenApartAsOnWindows)
         EXPECT_EQ(OutputOf(RoleLine("\tsay  ") + test.pszGiven), test.pszTaken) << test.pszGiven;
 }
 
-TEST(ProcessTest, EnvironmentAndFolderAreThoseGiven)
+TEST(ProcessTest, TheEnvironmentIsTheOneGiven)
 {
-    CTempDir const dir;
     char szBlock[] = "QOMA_TEST=a=b c\0OTHER=x\0";
     EXPECT_EQ(OutputOf(RoleLine("say-variable QOMA_TEST"), szBlock), "a=b c");
     EXPECT_EQ(OutputOf(RoleLine("say-variable QOMA_TEST")), "(none)");
-    std::filesystem::path const folder = std::filesystem::canonical(dir.File(""));
-    std::string const strFolder = folder.string();
-    EXPECT_EQ(std::filesystem::path(OutputOf(RoleLine("say-folder x"), nullptr, strFolder.c_str())),
-              folder);
 }
 
 TEST(ProcessTest, RefusalsTellWhatIsWrong)
@@ -97,11 +86,8 @@ TEST(ProcessTest, RefusalsTellWhatIsWrong)
     CTempDir const dir;
     Fill(dir.File("text.exe"), "no program\n");
     std::filesystem::permissions(dir.File("text.exe"), std::filesystem::perms::all);
-    EXPECT_EQ(StartError(dir.File("none/none.exe").c_str(), ""), DWORD{ERROR_PATH_NOT_FOUND});
-    EXPECT_EQ(StartError(nullptr, "qoma-no-such-program x"), DWORD{ERROR_FILE_NOT_FOUND});
-    EXPECT_EQ(StartError(dir.File("text.exe").c_str(), ""), DWORD{ERROR_BAD_EXE_FORMAT});
-    EXPECT_EQ(StartError(OwnProgram().c_str(), "", dir.File("none").c_str()),
-              DWORD{ERROR_DIRECTORY});
+    EXPECT_EQ(StartError(dir.File("none/none.exe").c_str()), DWORD{ERROR_PATH_NOT_FOUND});
+    EXPECT_EQ(StartError(dir.File("text.exe").c_str()), DWORD{ERROR_BAD_EXE_FORMAT});
 }
 
 TEST(ProcessTest, AProcessRunsUntilItIsTerminated)
@@ -119,8 +105,6 @@ TEST(ProcessTest, AProcessRunsUntilItIsTerminated)
     if (kIsPosix) { // Windows says the same, Wine does not
         EXPECT_FAILS(TerminateProcess(hProcess, 1), ERROR_ACCESS_DENIED);
     }
-    EXPECT_FAILS(TerminateProcess(nullptr, 1), ERROR_INVALID_HANDLE);
-    EXPECT_FAILS(GetExitCodeProcess(nullptr, &dwCode), ERROR_INVALID_HANDLE);
 }
 
 TEST(ProcessTest, ChildrenGetNoHandleButTheirStreams)
@@ -152,5 +136,4 @@ TEST(ProcessTest, CommandsGetForeignTextAsVariablesOnly)
 
     PlatEnvType const bad = {"A B", ""};
     EXPECT_FAILS(PlatRunCommand("exit 0", &bad, 1, 0, nullptr), ERROR_INVALID_PARAMETER);
-    EXPECT_FAILS(PlatRunCommand(nullptr, nullptr, 0, 0, nullptr), ERROR_INVALID_PARAMETER);
 }
