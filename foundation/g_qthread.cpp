@@ -130,15 +130,12 @@ DWORD CGQThread::Post(char const *pszName, void *pData, DWORD cbData, DWORD nPri
     bool const fRunning = m_eRun == eRS_RUNNING;
     if (fRunning) {
         dwResult = AddNode(pszName, pData, cbData, nPriority);
+        if (dwResult == eGE_OK) {
+            SetEvent(m_hWake);
+        }
     }
-    HANDLE const hWake = m_hWake;
-    UnlockThread();
     bool const fTaken = fRunning && dwResult == eGE_OK;
-    if (fTaken) {
-        // Behind the unlock, or the worker would wake only to wait for that. No wake-up is lost: the
-        // worker resets the event only where it has found the list empty, so without this node.
-        SetEvent(hWake);
-    }
+    UnlockThread();
     if (pfTaken != nullptr) {
         *pfTaken = fTaken;
     }
