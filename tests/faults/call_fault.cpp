@@ -110,7 +110,7 @@ extern "C" {
 #include "calls.inc"
 #undef FAULT
 
-#if !defined(_WIN32)
+#ifdef QOMA_CALL_FAULTS
 /* std::thread::_M_start_thread of this C++ library; what is passed by value arrives as an address. */
 void __real__ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_deleteIS1_EEPFvvE(
     std::thread *pSelf, void *pState, void (*pfnDepend)());

@@ -10,7 +10,7 @@
 #include "tests/support/alloc_fault.h"
 #include "trace/g_trace.h"
 
-#ifndef _WIN32
+#ifdef QOMA_CALL_FAULTS
 #include "devlink/link_protocol.h"
 #include "dolrtl/link_client.h"
 #endif
@@ -410,7 +410,7 @@ TEST_F(ManagerFaults, EachAllocationMayFail)
 
 // ---- The link to a device
 
-#ifndef _WIN32
+#ifdef QOMA_CALL_FAULTS
 
 extern "C" { // device_module.cpp
 int FaultsDeviceStart();
