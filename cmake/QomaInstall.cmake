@@ -71,6 +71,17 @@ if(NOT WIN32)
   add_custom_target(packed_files ALL DEPENDS ${packed_files})
 endif()
 
+# dist/ of a Windows build is what such a machine gets, installed: it runs where it is copied to.
+if(WIN32)
+  set(handed_out QOMANoAg QOMADolC notifymon mfpsim tracedeck)
+  add_custom_command(OUTPUT dist/.stamp
+    COMMAND ${CMAKE_COMMAND} -E rm -rf dist
+    COMMAND ${CMAKE_COMMAND} --install ${CMAKE_BINARY_DIR} --prefix ${CMAKE_BINARY_DIR}/dist --strip
+    COMMAND ${CMAKE_COMMAND} -E touch dist/.stamp
+    DEPENDS ${handed_out} VERBATIM COMMENT "Collecting dist/")
+  add_custom_target(dist ALL DEPENDS dist/.stamp)
+endif()
+
 # ---- Packages (scripts/package.sh makes them all)
 
 if(WIN32 AND CMAKE_SIZEOF_VOID_P EQUAL 4)
