@@ -118,7 +118,7 @@ DWORD CDolRtl::ReadTrap(unsigned char *pBuffer, DWORD cbBuffer, DWORD *pcbOut, u
     CDolScript &script = *CDolScript::s_pScript;
     std::lock_guard const lock(script.m_lock);
     if (script.m_traps.empty()) {
-        return script.m_dwReadTrapEnd;
+        return ERROR_FILE_NOT_FOUND;
     }
     auto const &[nTrapId, strValue] = script.m_traps.front();
     *pwTrapId = static_cast<unsigned short>(nTrapId);

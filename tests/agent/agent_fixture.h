@@ -65,9 +65,8 @@ public:
 
     std::function<void(std::string const &)> m_fnOnCall = [](auto &) {}; // run inside each call
     std::string m_strDeviceId = "Norvale VelluMax 3";
-    std::atomic<DWORD> m_dwReadTrapEnd{ERROR_FILE_NOT_FOUND}; // ReadTrap's code when none waits
-    std::atomic<int> m_cLive{0};                              // links that exist
-    std::atomic<bool> m_bRaising{false};                      // a thread is inside the callback
+    std::atomic<int> m_cLive{0};         // links that exist
+    std::atomic<bool> m_bRaising{false}; // a thread is inside the callback
 
 private:
     friend class CDolRtl;

@@ -8,17 +8,15 @@ void Post(CNotifyAgentProbe const &probe, DWORD dwKind, int nValue, std::string 
                                                 str.c_str(), str.c_str());
 }
 
-TEST_F(AgentTest, MessagesAreCountedAndDeliveredInOrderOneAtATime)
+TEST_F(AgentTest, MessagesAreDeliveredInOrderOneAtATime)
 {
     std::latch allowed{1};
     m_client.m_fnOnNotify = [&] { allowed.wait(); }; // the first call holds up the others
     Connect(0);
     Post(m_probe, 4, 0);
     EXPECT_EQ(m_client.Wait(1), Lines{"4 0 0 0 [] []"});
-    DWORD const cMemory = g_cMemory, cbMemory = g_cbMemory, cObjects = g_cObjects;
+    DWORD const cObjects = g_cObjects;
     Post(m_probe, 99, 0);
-    EXPECT_EQ(g_cMemory - cMemory, 2u) << "message, and the node's name";
-    EXPECT_EQ(g_cbMemory - cbMemory, sizeof(CallbackMsgType) + 1);
     Post(m_probe, 1, 1);
     Post(m_probe, 1, -1);
     Post(m_probe, 0, 0, std::string(400, 'x'));
