@@ -23,13 +23,6 @@ BOOL WINAPI Take(DWORD dwEvent)
     return SetEvent(g_hHandled);
 }
 
-BOOL WINAPI RemoveMyself(DWORD)
-{
-    SetConsoleCtrlHandler(&RemoveMyself, FALSE);
-    SetEvent(g_hHandled);
-    return TRUE;
-}
-
 BOOL WINAPI TakeNothing(DWORD)
 {
     return FALSE;
@@ -84,15 +77,6 @@ TEST_F(ConsoleTest, AHandlerIsAskedOnAThreadOfTheLayerThatGoesWithIt)
     EXPECT_TRUE(SetConsoleCtrlHandler(&TakeNothing, FALSE));
     EXPECT_TRUE(SetConsoleCtrlHandler(&Take, FALSE));
     EXPECT_EQ(PlatThreadCount(), cThreads);
-}
-
-TEST_F(ConsoleTest, AHandlerMayRemoveItselfAndBeAddedAgain)
-{
-    for (int nRound = 0; nRound < 20; ++nRound) {
-        ASSERT_TRUE(SetConsoleCtrlHandler(&RemoveMyself, TRUE));
-        RaiseAndAwait(SIGINT);
-        EXPECT_FAILS(SetConsoleCtrlHandler(&RemoveMyself, FALSE), ERROR_INVALID_PARAMETER);
-    }
 }
 
 TEST_F(ConsoleTest, WhatNobodyTakesEndsTheProcessAsItAlwaysDid)

@@ -27,8 +27,7 @@ std::string OwnProgram()
     return szProgram;
 }
 
-PROCESS_INFORMATION StartProgram(std::string strLine, HANDLE hOut, HANDLE hErr, DWORD dwFlags,
-                                 char *pszEnvironment)
+PROCESS_INFORMATION StartProgram(std::string strLine, HANDLE hOut, HANDLE hErr, DWORD dwFlags)
 {
     STARTUPINFOA startup{};
     startup.cb = sizeof startup;
@@ -41,7 +40,7 @@ PROCESS_INFORMATION StartProgram(std::string strLine, HANDLE hOut, HANDLE hErr, 
     }
     PROCESS_INFORMATION info{};
     EXPECT_TRUE(CreateProcessA(nullptr, strLine.data(), nullptr, nullptr, hOut != nullptr, dwFlags,
-                               pszEnvironment, nullptr, &startup, &info))
+                               nullptr, nullptr, &startup, &info))
         << strLine << ": " << GetLastError();
     for (HANDLE const hStream : {hOut, hErr})
         EXPECT_TRUE(!hStream || CloseHandle(hStream));

@@ -22,7 +22,7 @@ std::string OwnProgram();
 
 /// Starts a command line, with its output and errors in the given files or pipes, which it closes.
 PROCESS_INFORMATION StartProgram(std::string strLine, HANDLE hOut = nullptr, HANDLE hErr = nullptr,
-                                 DWORD dwFlags = 0, char *pszEnvironment = nullptr);
+                                 DWORD dwFlags = 0);
 
 /// A program, mostly this one in a role, ended at the latest with the block.
 class CRoleProcess {

@@ -174,19 +174,15 @@ protected:
 
 } // namespace
 
-TEST_F(StorageTest, ContentsOfEverySizeComeBack)
+// The sizes are those on both sides of the small-stream limit, and one past a sector of the table.
+TEST_F(StorageTest, WeAndOtherReadersFindTheContents)
 {
-    for (std::size_t const cb : {0u, 1u, 63u, 64u, 4095u, 4096u, 1u << 20, 64u << 20}) {
+    std::string const strOut = dir.File("out");
+    for (std::size_t const cb : {64 << 20, 1 << 20, 4096, 4095, 64, 63, 1, 0}) {
         MakeFile(strName, Pattern(cb));
         CheckFile(strName, Pattern(cb));
     }
-}
-
-// The sizes are those on both sides of the small-stream limit, and one past a sector of the table.
-TEST_F(StorageTest, OtherReadersFindTheContents)
-{
-    std::string const strOut = dir.File("out");
-    for (std::size_t const cb : {0, 1, 63, 64, 4095, 4096, 1 << 20}) {
+    for (std::size_t const cb : {1 << 20, 4096, 4095, 64, 63, 1, 0}) {
         MakeFile(strName, Pattern(cb));
         for (std::string const strReader : {"gsf cat", "7z e -so"}) {
             std::string const strCommand = strReader + " \"$FILE\" CONTENTS > \"$OUT\" 2>/dev/null";
@@ -319,9 +315,7 @@ TEST_F(StorageTest, LoopsAndSectorsOfMoreThanOneOwnerAreRefused)
     } const aCases[] = {
         {"nothing changed", nTable + 40, Dword(strWhole, nTable + 40), S_OK},
         {"a sector that follows itself", nTable + 40, 10},
-        {"a way back", nTable + 40, 3},
         {"into the directory", nTable + 40, dwDirectory},
-        {"a directory that follows itself", nTable + 4 * dwDirectory, dwDirectory},
         {"an entry beside itself", nDirectory + 128 + 68, 1},
         {"the root within itself", nDirectory + 76, 0},
         {"too long", nDirectory + 128 + 120, 0x7FFFFFFF},
