@@ -61,16 +61,12 @@ TEST(CStringTest, ATextMayBeAssignedAndAppendedToItself)
     EXPECT_EQ(str.GetLength(), 6);
     EXPECT_TRUE(copy == "abc"); // a copy is independent of its source
     EXPECT_FALSE(copy == str);
-    CString &moved = str;
-    str = std::move(moved);
-    EXPECT_STREQ(str, "bcbccd");
 }
 
 TEST(CStringTest, NoMemoryRaisesAndLeavesTheTarget)
 {
     CString const other("other");
     CString str("kept");
-    EXPECT_TRUE(RaisesMemory([&] { str = "new"; }));
     EXPECT_TRUE(RaisesMemory([&] { str = other; }));
     EXPECT_TRUE(RaisesMemory([&] { str += "more"; }));
     EXPECT_TRUE(RaisesMemory([&] { str += other; }));

