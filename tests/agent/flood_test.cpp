@@ -180,6 +180,20 @@ TEST_F(FloodTest, AllAreEchoedNewOnesAreHeardInOrderAndMemoryIsWhatTheClientHasN
     std::printf("%zu datagrams, each echoed\n", senders.Sent());
 }
 
+TEST_F(FloodTest, AnEmptyOneEndsTheListenerUntilTheNextInit)
+{
+    CSenders(m_probe.wPort).Shoot(0, "");
+    EXPECT_TRUE(WaitFor([&] { return m_probe.wPort == 0; }));
+    EXPECT_EQ(m_probe.socket, INVALID_SOCKET);
+    EXPECT_EQ(m_agent.Shutdown(), 0u);
+    EXPECT_EQ(m_agent.Init("10.0.0.9", kNotifyNoPort, 1), 0u);
+    CSenders senders(m_probe.wPort);
+    senders.Send(Numbered(1));
+    senders.TakeEchoes();
+    EXPECT_TRUE(WaitFor([&] { return m_listener.m_cHeard == 1; }));
+    EXPECT_EQ(m_listener.m_cWrong, 0u);
+}
+
 TEST_F(FloodTest, ShutdownEndsInTheMiddle)
 {
     CSenders senders(m_probe.wPort);

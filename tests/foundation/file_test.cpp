@@ -62,27 +62,10 @@ TEST_F(CFileTest, WordsAndTexts_ArePlainBytesAndShortTransfersFailWhole)
     EXPECT_EQ(m_file.ReadDword(&dwValue), eGE_FILE_READ);
     EXPECT_EQ(dwValue, 0u);                          // the two bytes that arrived
     EXPECT_EQ(m_file.WriteDword(1), eGE_FILE_WRITE); // opened for reading only
-    EXPECT_EQ(m_file.Seek(0, 2), eGE_OK);
+    EXPECT_EQ(m_file.Seek(1, -5), eGE_OK);           // from the end, where it is
+    EXPECT_EQ(m_file.Seek(0, -1), eGE_FILE_SEEK);
     EXPECT_EQ(m_file.ReadDword(&dwValue), eGE_OK);
     EXPECT_EQ(dwValue, 0x00744443u);
-}
-
-TEST_F(CFileTest, Seek_TakesTheDistanceFromThePlaceOfItsMode)
-{
-    OpenWith("0123456789");
-    struct {
-        LONG nMode, nDistance;
-        DWORD dwResult;
-        char chNext;
-    } const aSteps[] = {{0, 3, eGE_OK, '3'}, {1, 2, eGE_OK, '6'},  {2, -1, eGE_OK, '9'},
-                        {7, 4, eGE_OK, '4'}, {-1, 1, eGE_OK, '1'}, {0, -1, eGE_FILE_SEEK, '2'}};
-    for (auto const &step : aSteps) {
-        char ch = 0;
-        DWORD cbDone = 0;
-        EXPECT_EQ(m_file.Seek(step.nMode, step.nDistance), step.dwResult);
-        EXPECT_EQ(m_file.Read(&ch, 1, &cbDone), eGE_OK);
-        EXPECT_EQ(ch, step.chNext);
-    }
 }
 
 TEST_F(CFileTest, ReadString_StopsAtTheZeroOrAtTheLimit)
