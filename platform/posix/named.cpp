@@ -23,7 +23,7 @@ struct CNamedPage {
     EHandleKind m_eKind;
     bool m_fManual;
     std::atomic<std::uint32_t> m_state;
-    std::atomic<std::uint32_t> m_cTimedWaiters; // of a mutex: those asleep on m_cReleases
+    std::atomic<std::uint32_t> m_cWaiters; // of a mutex: those asleep on m_cReleases
     std::atomic<std::uint32_t> m_cReleases;
     std::atomic<bool> m_fAbandoned; // its owner's thread ended, and the process lives on
     char m_szName[MAX_PATH];        // for a person who looks at the file
@@ -38,8 +38,8 @@ constexpr std::uint32_t knEventCall = 2;
 // A waiter of a shared auto-reset event can be killed between being woken and taking the signal. The
 // others look again after this time, in milliseconds.
 constexpr DWORD kdwRecheck = 1000;
-// The kernel wakes a wait without end when the owner is killed; one with an end looks this often, in
-// milliseconds.
+// A killed owner wakes nobody, and a waiter may be killed between being woken and taking the mutex: the
+// others look this often, in milliseconds.
 constexpr DWORD kdwRecheckOwner = 50;
 // A holder in another process is mostly done within this many looks (a line written to a log).
 constexpr int kcSpin = 100;
@@ -219,29 +219,29 @@ int LockSpinning(pthread_mutex_t &mutex)
     return rc;
 }
 
-/// For a wait with an end. The C library's own timed lock on the monotonic clock is unknown to the
-/// thread sanitizer, hence a word beside the mutex that says when to try again.
+/// Sleeps on a word beside the mutex that says when to try again. The C library's own lock is not to be
+/// slept in: where a waiter is killed after it was woken, and somebody else has taken the mutex without
+/// seeing waiters, nobody wakes the rest any more.
 int LockUntil(CNamedPage &page, CPlatDeadline const &deadline)
 {
     int rc;
-    page.m_cTimedWaiters.fetch_add(1);
+    page.m_cWaiters.fetch_add(1);
     for (;;) {
         std::uint32_t const cReleases = page.m_cReleases.load();
         rc = pthread_mutex_trylock(&page.m_mutex);
         if (rc != EBUSY || deadline.HasPassed())
             break;
-        // A killed owner does not count its release.
         CPlatDeadline const recheck(kdwRecheckOwner);
         PlatFutexWait(page.m_cReleases, cReleases, deadline.Earlier(recheck), eFS_SHARED);
     }
-    page.m_cTimedWaiters.fetch_sub(1);
+    page.m_cWaiters.fetch_sub(1);
     return rc;
 }
 
 void UnlockPage(CNamedPage &page)
 {
     pthread_mutex_unlock(&page.m_mutex);
-    if (page.m_cTimedWaiters.load() == 0) // may stay too high after a kill, which costs but a call
+    if (page.m_cWaiters.load() == 0) // may stay too high after a kill, which costs but a call
         return;
     page.m_cReleases.fetch_add(1);
     PlatFutexWake(&page.m_cReleases, 1, eFS_SHARED);
@@ -254,8 +254,7 @@ int LockMutex(CNamedPage &page, DWORD dwMilliseconds)
     int const rc = LockSpinning(page.m_mutex);
     if (rc != EBUSY)
         return rc;
-    CPlatDeadline const deadline(dwMilliseconds);
-    return deadline.Time() ? LockUntil(page, deadline) : pthread_mutex_lock(&page.m_mutex);
+    return LockUntil(page, CPlatDeadline(dwMilliseconds));
 }
 
 // An owner holds a reference to the object, so that the page stays mapped while the mutex in it is on
