@@ -136,9 +136,17 @@ if [[ $bits == 32 ]]; then
 fi
 exec {lock}>&-
 
-# Names of test cases reach ctest without the carriage returns of Windows' text streams.
+# Names of test cases reach ctest without the carriage returns of Windows' text streams. A program that did not
+# start, which happens soon after Wine itself has, is started again: it has only been asked for names.
 if [[ " $* " == *" --gtest_list_tests "* ]]; then
-    "${enter[@]}" "$inside/folder" "$loader" "$bin/$program" "$@" | tr -d '\r'
-    exit
+    code=0
+    for try in 1 2 3; do
+        names=$("${enter[@]}" "$inside/folder" "$loader" "$bin/$program" "$@") && code=0 || code=$?
+        [[ $code -ne 0 ]] || break
+        echo "wine-run: try $try of $program ended with $code" >&2
+        sleep "$try"
+    done
+    tr -d '\r' <<<"$names"
+    exit "$code"
 fi
 exec "${enter[@]}" "$inside/folder" "$loader" "$bin/$program" "$@"
