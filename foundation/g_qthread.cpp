@@ -131,7 +131,7 @@ DWORD CGQThread::Post(char const *pszName, void *pData, DWORD cbData, DWORD nPri
     if (fRunning) {
         dwResult = AddNode(pszName, pData, cbData, nPriority);
         if (dwResult == eGE_OK) {
-            SetEvent(m_hWake);
+            PlatSetEventBehind(m_hWake, m_hThreadMutex);
         }
     }
     bool const fTaken = fRunning && dwResult == eGE_OK;

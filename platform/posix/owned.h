@@ -12,6 +12,8 @@ class COwnedLock;
 /// with no constructor, so that a fast path reads it with no guard.
 struct CThreadState {
     COwnedLock *m_pFirstOwned;
+    COwnedLock *m_pWakeBehind;           // the mutex whose release wakes m_pWake, or null
+    std::atomic<std::uint32_t> *m_pWake; // a sleeper that was released already
     bool m_fExitHooked;
 };
 
@@ -31,6 +33,8 @@ public:
         // Relaxed: only this thread ever stores its own address here.
         return m_pOwner.load(std::memory_order_relaxed) == &t_plThread;
     }
+
+    bool IsMineOnce() const { return IsMine() && m_cRecursion == 1; }
 
     /// Another hold by the thread that has it already.
     bool Reenter()

@@ -130,13 +130,33 @@ bool SleepUntilTaken(CHandleSlot &slot, DWORD dwMilliseconds)
     return true;
 }
 
-/// A thread that was just woken by the owner of a mutex, in front of its release, wants it at once. To let the
-/// owner run first costs less than to sleep and be woken for it.
+/// Before it sleeps a thread gives way once. Where others share its core, the one that it waits for is often
+/// among them, and for neither a sleep nor a wake-up is then to be paid; where it has the core to itself this
+/// costs a fraction of a sleep.
 bool TakeAfterYield(CHandleSlot &slot)
 {
     ::sched_yield();
     SlotWord sw = slot.m_word.load(std::memory_order_acquire);
     return TryTake(slot, sw, /*swMask=*/0);
+}
+
+/// Signals an event or a thread's end. Behind the slot's lock the caller wakes the one whose word comes
+/// back, if any: woken before, it might run at once, and want the lock.
+std::atomic<std::uint32_t> *DismissReleased(CHandleSlot &slot)
+{
+    std::atomic<std::uint32_t> *pWake = nullptr;
+    std::lock_guard guard(slot.m_lock);
+    bool const fAll = SlotKindOf(slot.m_word.load(std::memory_order_relaxed)) != eHK_EVENT_AUTO;
+    if (fAll || !slot.m_pFirstWaiter)
+        slot.m_word.fetch_or(kswSignalled, std::memory_order_release);
+    while (slot.m_pFirstWaiter) {
+        if (pWake)
+            PlatFutexWake(pWake, 1);
+        pWake = Dismiss(slot, CWaitNode::eWN_GRANTED);
+        if (!fAll)
+            break;
+    }
+    return pWake;
 }
 
 void ReleaseOwned(CHandleSlot &slot);
@@ -178,8 +198,7 @@ void ReleaseToWaiter(CHandleSlot &slot)
         PlatHandleRelease(&slot);
 }
 
-/// The last hold is gone: the mutex is free, and the owner's reference goes.
-void ReleaseOwned(CHandleSlot &slot)
+void LetGo(CHandleSlot &slot)
 {
     SlotWord sw = slot.m_word.load(std::memory_order_relaxed);
     while ((sw & kswWaiters) == 0)
@@ -191,6 +210,41 @@ void ReleaseOwned(CHandleSlot &slot)
             return;
         }
     ReleaseToWaiter(slot);
+}
+
+/// The last hold is gone: the mutex is free, and the owner's reference goes.
+void ReleaseOwned(CHandleSlot &slot)
+{
+    CThreadState &thread = t_plThread;
+    bool const fWake = thread.m_pWakeBehind == &slot;
+    LetGo(slot);
+    if (!fWake)
+        return;
+    thread.m_pWakeBehind = nullptr;
+    PlatFutexWake(thread.m_pWake, 1);
+}
+
+/// Sets the event behind the handle; the last sleeper that this releases, mostly the only one, is left for
+/// the caller to wake.
+BOOL SetAndDismiss(HANDLE hEvent, std::atomic<std::uint32_t> *&pWake)
+{
+    CHandleSlot *pSlot = SlotOf(hEvent);
+    SlotWord sw = pSlot ? pSlot->m_word.load(std::memory_order_relaxed) : 0;
+    // Written also when it is set already: what the caller did before must be seen by the waiter.
+    while (IsOpenAs(sw, hEvent) && IsEvent(SlotKindOf(sw)) && (sw & kswWaiters) == 0)
+        if (pSlot->m_word.compare_exchange_weak(sw, sw | kswSignalled, std::memory_order_release,
+                                                std::memory_order_relaxed))
+            return TRUE;
+    if (!IsEvent(SlotKindOf(sw))) {
+        CHandleRef<CNamedEvent> event(hEvent);
+        return event && event->Set();
+    }
+    pSlot = PlatHandleHold(hEvent, SlotKindOf(sw));
+    if (!pSlot)
+        return FALSE;
+    pWake = DismissReleased(*pSlot);
+    PlatHandleRelease(pSlot);
+    return TRUE;
 }
 
 DWORD WaitOnObject(HANDLE hObject, DWORD dwMilliseconds)
@@ -228,29 +282,14 @@ DWORD SlotWait(CHandleSlot &slot, DWORD dwMilliseconds)
         return Taken(slot, eKind);
     if (dwMilliseconds == 0)
         return WAIT_TIMEOUT;
-    if (eKind == eHK_MUTEX && TakeAfterYield(slot))
+    if (TakeAfterYield(slot))
         return Taken(slot, eKind);
     return SleepUntilTaken(slot, dwMilliseconds) ? Taken(slot, eKind) : WAIT_TIMEOUT;
 }
 
 void SlotSignal(CHandleSlot &slot)
 {
-    std::atomic<std::uint32_t> *pWake = nullptr;
-    {
-        std::lock_guard guard(slot.m_lock);
-        bool const fAll = SlotKindOf(slot.m_word.load(std::memory_order_relaxed)) != eHK_EVENT_AUTO;
-        if (fAll || !slot.m_pFirstWaiter)
-            slot.m_word.fetch_or(kswSignalled, std::memory_order_release);
-        while (slot.m_pFirstWaiter) {
-            // The last one, mostly the only one, is woken behind the lock: it may run at once, and want it.
-            if (pWake)
-                PlatFutexWake(pWake, 1);
-            pWake = Dismiss(slot, CWaitNode::eWN_GRANTED);
-            if (!fAll)
-                break;
-        }
-    }
-    if (pWake)
+    if (std::atomic<std::uint32_t> *pWake = DismissReleased(slot))
         PlatFutexWake(pWake, 1);
 }
 
@@ -300,23 +339,28 @@ HANDLE WINAPI OpenEventA(DWORD dwAccess, BOOL /*fInherit*/, LPCSTR pszName)
 
 BOOL WINAPI SetEvent(HANDLE hEvent)
 {
-    CHandleSlot *pSlot = SlotOf(hEvent);
-    SlotWord sw = pSlot ? pSlot->m_word.load(std::memory_order_relaxed) : 0;
-    // Written also when it is set already: what the caller did before must be seen by the waiter.
-    while (IsOpenAs(sw, hEvent) && IsEvent(SlotKindOf(sw)) && (sw & kswWaiters) == 0)
-        if (pSlot->m_word.compare_exchange_weak(sw, sw | kswSignalled, std::memory_order_release,
-                                                std::memory_order_relaxed))
-            return TRUE;
-    if (SlotKindOf(sw) == eHK_EVENT_AUTO || SlotKindOf(sw) == eHK_EVENT_MANUAL) {
-        pSlot = PlatHandleHold(hEvent, SlotKindOf(sw));
-        if (!pSlot)
-            return FALSE;
-        SlotSignal(*pSlot);
-        PlatHandleRelease(pSlot);
-        return TRUE;
-    }
-    CHandleRef<CNamedEvent> event(hEvent);
-    return event && event->Set();
+    std::atomic<std::uint32_t> *pWake = nullptr;
+    BOOL const fSet = SetAndDismiss(hEvent, pWake);
+    if (pWake)
+        PlatFutexWake(pWake, 1);
+    return fSet;
+}
+
+BOOL PlatSetEventBehind(HANDLE hEvent, HANDLE hMutex)
+{
+    CHandleSlot *pMutex = SlotOf(hMutex);
+    CThreadState &thread = t_plThread;
+    // Held once: the release to come is this caller's, and nobody further out waits for the sleeper before.
+    bool const fBehind = pMutex &&
+                         IsOpenAs(pMutex->m_word.load(std::memory_order_relaxed), hMutex) &&
+                         pMutex->IsMineOnce() && !thread.m_pWakeBehind;
+    if (!fBehind)
+        return SetEvent(hEvent);
+    thread.m_pWake = nullptr;
+    BOOL const fSet = SetAndDismiss(hEvent, thread.m_pWake);
+    if (thread.m_pWake)
+        thread.m_pWakeBehind = pMutex;
+    return fSet;
 }
 
 BOOL WINAPI ResetEvent(HANDLE hEvent)

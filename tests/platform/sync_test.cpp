@@ -176,6 +176,33 @@ TEST(Event, EachCallReleasesOneSleeperOfAnAutoResetOneAndAllOfAManualResetOne)
     }
 }
 
+// Whoever holds the mutex more than once may wait for the sleeper before the last release.
+TEST(Event, SetBehindAMutexWakesItsSleeperAtTheLatestWhenThatIsLetGo)
+{
+    for (int const cHolds : {0, 1, 2}) {
+        SCOPED_TRACE(cHolds);
+        CTestHandle const hMutex(CreateMutexA(nullptr, FALSE, nullptr));
+        CTestHandle const hEvent(CreateEventA(nullptr, TRUE, FALSE, nullptr));
+        unsigned idThread = 0;
+        CTestHandle const hSleeper(StartThread(&WaitForGiven, hEvent, 0, &idThread));
+        AwaitSleep(idThread);
+        OnOtherThread([&] { // whose end is a release too
+            for (int n = 0; n < cHolds; ++n)
+                WaitForSingleObject(hMutex, INFINITE);
+            EXPECT_TRUE(PlatSetEventBehind(hEvent, hMutex) && PlatSetEventBehind(hEvent, hMutex));
+            EXPECT_EQ(WaitForSingleObject(hEvent, 0), kdwTaken);
+            if (cHolds != 1) {
+                EXPECT_EQ(WaitForSingleObject(hSleeper, kdwLimit), kdwTaken);
+            } else if (kIsPosix) {
+                EXPECT_EQ(WaitForSingleObject(hSleeper, 0), kdwTimeout);
+            }
+            return 0;
+        });
+        EXPECT_EQ(ExitCodeOf(hSleeper), kdwTaken);
+        EXPECT_FAILS(PlatSetEventBehind(hMutex, hMutex), ERROR_INVALID_HANDLE);
+    }
+}
+
 TEST(Event, PingPongLosesNoTurn)
 {
     constexpr int kcRounds = 3000;
