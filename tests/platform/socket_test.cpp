@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstring>
@@ -12,7 +11,7 @@
 #include <list>
 #include <string>
 #include <thread>
-#include <vector>
+#include <utility>
 
 namespace {
 
@@ -66,15 +65,14 @@ public:
     }
 
     // One datagram, or a text in brackets that tells what came instead.
-    std::string Receive(std::size_t cb = 2000) const
+    std::string Receive() const
     {
         if (PlatSocketWait(m_s, false, kLimit) != 1) {
             return "[nothing came]";
         }
-        std::string str(cb, '#');
-        int const n = ws::recvfrom(m_s, str.data(), static_cast<int>(cb), 0, nullptr, nullptr);
-        return n < 0 ? "[error " + std::to_string(ws::WSAGetLastError()) + "]"
-                     : str.substr(0, static_cast<std::size_t>(n));
+        char ab[100];
+        int const n = ws::recvfrom(m_s, ab, sizeof ab, 0, nullptr, nullptr);
+        return n < 0 ? "[error]" : std::string(ab, static_cast<std::size_t>(n));
     }
 
 private:
@@ -95,75 +93,29 @@ protected:
     }
 };
 
-// A call's result with the last error poisoned before: 0, or the error.
-int ErrorOf(std::function<bool()> const &fnFails)
+// The error of a call that fails, else 0.
+int ErrorOf(bool fFails)
 {
-    ws::WSASetLastError(4711);
-    return fnFails() ? ws::WSAGetLastError() : 0;
+    return fFails ? ws::WSAGetLastError() : 0;
 }
-
-#define EXPECT_FAILS(nError, failure) EXPECT_EQ(ErrorOf([&] { return failure; }), nError)
 
 } // namespace
 
-TEST_F(Sockets, WhatIsNoOpenSocketIsRefusedByEveryCall)
+TEST_F(Sockets, AClosedSocketIsNoOtherOne)
 {
     CSocket closed(SOCK_STREAM);
     SOCKET const stale = closed;
     closed.Close();
-    sockaddr_in address = Loopback(9);
     char ch = 0;
-    int const n = sizeof(address);
-    for (SOCKET const s : {INVALID_SOCKET, SOCKET{0}, stale, SOCKET{0x7ffffffc}, stale + 1}) {
-        EXPECT_FAILS(WSAENOTSOCK, ws::accept(s, nullptr, nullptr) == INVALID_SOCKET);
-        EXPECT_FAILS(WSAENOTSOCK, PlatConnect(s, At(address), n, 0) < 0);
-        EXPECT_FAILS(WSAENOTSOCK, ws::recvfrom(s, &ch, 1, 0, nullptr, nullptr) < 0);
-        EXPECT_FAILS(WSAENOTSOCK, ws::send(s, &ch, 1, 0) < 0);
-        EXPECT_FAILS(WSAENOTSOCK, ws::sendto(s, &ch, 1, 0, At(address), n) < 0);
-        EXPECT_FAILS(WSAENOTSOCK, PlatSocketWait(s, false, 0) < 0);
-        EXPECT_FAILS(WSAENOTSOCK, ws::closesocket(s) < 0);
+    for (SOCKET const s : {INVALID_SOCKET, SOCKET{0}, stale}) {
+        EXPECT_EQ(ErrorOf(ws::recvfrom(s, &ch, 1, 0, nullptr, nullptr) < 0), WSAENOTSOCK);
+        EXPECT_EQ(ErrorOf(ws::send(s, &ch, 1, 0) < 0), WSAENOTSOCK);
+        EXPECT_EQ(ErrorOf(ws::closesocket(s) < 0), WSAENOTSOCK);
     }
     for (int i = 0; i < 5000 && kIsPosix; ++i) { // Windows gives a number again at once
         CSocket const other(SOCK_DGRAM);
         ASSERT_NE(ws::closesocket(stale), 0);
     }
-}
-
-TEST_F(Sockets, WhatCannotBeDoneIsRefusedAtOnce)
-{
-    CSocket datagram(SOCK_DGRAM), stream(SOCK_STREAM), listener(SOCK_STREAM);
-    sockaddr_in taken = listener.Bind();
-    EXPECT_EQ(ws::listen(listener, 1), 0);
-    char ch = 0;
-    EXPECT_FAILS(WSAEADDRINUSE, ws::bind(stream, At(taken), sizeof(taken)) < 0);
-    EXPECT_FAILS(WSAENOTCONN, ws::recv(stream, &ch, 1, 0) < 0);
-    EXPECT_FAILS(WSAEMSGSIZE, datagram.SendTo(taken, std::string(70'000, 'x')) < 0);
-    if (kIsPosix) { // documented for Windows too, but Wine has other answers, or none
-        CSocket fresh(SOCK_DGRAM);
-        // A socket without a port can never get anything: it says so instead of waiting.
-        EXPECT_FAILS(WSAEINVAL, ws::recv(fresh, &ch, 1, 0) < 0);
-        EXPECT_FAILS(WSAENOTCONN, ws::send(stream, &ch, 1, 0) < 0);
-    }
-}
-
-TEST_F(Sockets, DatagramsCarryTheirSenderAndTheirLength)
-{
-    CSocket receiver(SOCK_DGRAM), sender(SOCK_DGRAM);
-    sockaddr_in const to = receiver.Bind();
-    sockaddr_in const from = sender.Bind();
-    char ab[350] = {};
-    sockaddr_in seen{};
-    int cb = sizeof(seen);
-    EXPECT_EQ(sender.SendTo(to, "hello"), 5);
-    ASSERT_EQ(ws::recvfrom(receiver, ab, 349, 0, At(seen), &cb), 5);
-    EXPECT_EQ(std::string(ab), "hello");
-    EXPECT_EQ(std::memcmp(&seen, &from, sizeof(from)), 0);
-    EXPECT_EQ(sender.SendTo(to, ""), 0);
-    EXPECT_EQ(sender.SendTo(to, "0123456789"), 10);
-    EXPECT_EQ(sender.SendTo(to, "next"), 4);
-    EXPECT_EQ(receiver.Receive(), "");
-    EXPECT_EQ(receiver.Receive(4), "0123"); // cut, and what was cut off is gone
-    EXPECT_EQ(receiver.Receive(), "next");
 }
 
 TEST_F(Sockets, ADatagramThatFoundNobodyIsNoErrorOfTheNextCall)
@@ -177,20 +129,6 @@ TEST_F(Sockets, ADatagramThatFoundNobodyIsNoErrorOfTheNextCall)
     }
     peer.SendTo(own, "heard");
     EXPECT_EQ(sender.Receive(), "heard");
-}
-
-TEST_F(Sockets, WaitsEndWithTheirTime)
-{
-    CSocket receiver(SOCK_DGRAM), sender(SOCK_DGRAM);
-    sockaddr_in const to = receiver.Bind();
-    auto const start = std::chrono::steady_clock::now();
-    EXPECT_EQ(PlatSocketWait(receiver, false, 0), 0);
-    EXPECT_EQ(PlatSocketWait(receiver, false, 60), 0);
-    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(55));
-    EXPECT_EQ(PlatSocketWait(receiver, true, 0), 1);
-    sender.SendTo(to, "x");
-    EXPECT_EQ(PlatSocketWait(receiver, false, INFINITE), 1);
-    EXPECT_EQ(receiver.Receive(), "x");
 }
 
 // ---- Closing under other threads
@@ -291,7 +229,7 @@ TEST_F(Sockets, AConnectionAttemptEndsWithItsTimeOrTheClose)
     int nError = 0;
     for (int i = 0; i < 20 && nError == 0; ++i) { // until the queue is full
         SOCKET const s = queued.emplace_back(SOCK_STREAM);
-        nError = ErrorOf([&] { return PlatConnect(s, At(address), sizeof(address), 100) != 0; });
+        nError = ErrorOf(PlatConnect(s, At(address), sizeof(address), 100) != 0);
     }
     EXPECT_EQ(nError, WSAETIMEDOUT);
     for (int i = 0; i < 50; ++i) {
@@ -301,7 +239,8 @@ TEST_F(Sockets, AConnectionAttemptEndsWithItsTimeOrTheClose)
     }
     listener.Close();
     CSocket refused(SOCK_STREAM);
-    EXPECT_FAILS(WSAECONNREFUSED, PlatConnect(refused, At(address), sizeof(address), kLimit) != 0);
+    EXPECT_EQ(ErrorOf(PlatConnect(refused, At(address), sizeof(address), kLimit) != 0),
+              WSAECONNREFUSED);
 }
 
 TEST_F(Sockets, AReceiverNeverGetsADatagramOfAnotherSocket)
@@ -321,32 +260,6 @@ TEST_F(Sockets, AReceiverNeverGetsADatagramOfAnotherSocket)
     }
 }
 
-// ---- Streams
-
-TEST_F(Sockets, AStreamCarriesEverythingAndTellsItsEnd)
-{
-    CStreamPair pair;
-    std::string strSent(5'000'000, ' ');
-    for (std::size_t i = 0; i < strSent.size(); ++i) {
-        strSent[i] = static_cast<char>(i * 31 >> 3);
-    }
-    std::thread sender([&] {
-        EXPECT_EQ(ws::send(pair.one, strSent.data(), static_cast<int>(strSent.size()), 0),
-                  5'000'000);
-        EXPECT_EQ(ws::shutdown(pair.one, 1), 0);
-        EXPECT_FAILS(WSAESHUTDOWN, ws::send(pair.one, "x", 1, 0) < 0);
-    });
-    std::string strGot;
-    char ab[10'000];
-    int n;
-    while ((n = ws::recv(pair.other, ab, sizeof(ab), 0)) > 0) {
-        strGot.append(ab, static_cast<std::size_t>(n));
-    }
-    sender.join();
-    EXPECT_EQ(n, 0);
-    EXPECT_TRUE(strGot == strSent);
-}
-
 TEST_F(Sockets, APeerThatResetIsAnErrorAndNoSignal)
 {
     CStreamPair pair;
@@ -356,7 +269,7 @@ TEST_F(Sockets, APeerThatResetIsAnErrorAndNoSignal)
     EXPECT_EQ(ws::closesocket(std::exchange(pair.other, INVALID_SOCKET)), 0);
     char ch = 0;
     // Wine lingers and ends the stream in order.
-    EXPECT_FAILS(kIsPosix ? WSAECONNRESET : 0, ws::recv(pair.one, &ch, 1, 0) < 0);
+    EXPECT_EQ(ErrorOf(ws::recv(pair.one, &ch, 1, 0) < 0), kIsPosix ? WSAECONNRESET : 0);
     for (int i = 0; i < 3; ++i) {
         EXPECT_LT(ws::send(pair.one, &ch, 1, 0), 0);
     }
@@ -364,33 +277,25 @@ TEST_F(Sockets, APeerThatResetIsAnErrorAndNoSignal)
 
 // ---- Names
 
-TEST_F(Sockets, TheOwnNameGivesAddressesThatAPeerCanReach)
+// So that a device is told an address that it can reach.
+TEST_F(Sockets, TheOwnNameGivesFirstTheAddressOfTheWayOut)
 {
     char szName[256];
     ASSERT_EQ(ws::gethostname(szName, sizeof(szName)), 0);
     hostent const *const pHost = ws::gethostbyname(szName);
     ASSERT_NE(pHost, nullptr);
-    ASSERT_EQ(pHost->h_length, 4);
-    std::vector<sockaddr_in> own;
-    for (char **pp = pHost->h_addr_list; *pp != nullptr; ++pp) {
-        own.push_back(Loopback());
-        std::memcpy(&own.back().sin_addr, *pp, 4);
-    }
-    ASSERT_FALSE(own.empty());
-    auto const cLoopback = std::ranges::count_if(
-        own, [](sockaddr_in const &a) { return ws::ntohl(a.sin_addr.s_addr) >> 24 == 127; });
-    EXPECT_TRUE(cLoopback == 0 || cLoopback == std::ssize(own));
-    if (!kIsPosix && cLoopback != 0) {
-        GTEST_SKIP() << "Wine without /proc does not see the interfaces";
-    }
-    // The first is where a datagram to the outside would leave from, if there is a way out.
+    in_addr first;
+    std::memcpy(&first, pHost->h_addr_list[0], 4);
     CSocket route(SOCK_DGRAM);
     sockaddr_in address = Loopback(9);
     address.sin_addr.s_addr = ws::inet_addr("198.51.100.1");
     int cb = sizeof(address);
-    if (ws::connect(route, At(address), cb) == 0 && ws::getsockname(route, At(address), &cb) == 0) {
-        EXPECT_EQ(own[0].sin_addr.s_addr, address.sin_addr.s_addr);
+    if (ws::connect(route, At(address), cb) != 0 ||
+        (!kIsPosix && ws::ntohl(first.s_addr) >> 24 == 127)) {
+        GTEST_SKIP() << "no way out, or a Wine that does not see the interfaces";
     }
+    EXPECT_EQ(ws::getsockname(route, At(address), &cb), 0);
+    EXPECT_EQ(first.s_addr, address.sin_addr.s_addr);
 }
 
 TEST_F(Sockets, LookupsBelongToTheirThread)
@@ -401,9 +306,6 @@ TEST_F(Sockets, LookupsBelongToTheirThread)
     in_addr first;
     std::memcpy(&first, pHost->h_addr_list[0], 4);
     EXPECT_STREQ(ws::inet_ntoa(first), "127.0.0.1");
-    EXPECT_EQ(pHost->h_addr_list[1], nullptr);
-    EXPECT_TRUE(ws::gethostbyname("no such..name") == nullptr);
-    EXPECT_TRUE(ws::gethostbyaddr("abcd", 2, AF_INET) == nullptr);
 }
 
 TEST(SocketNames, AnswersAreKeptForTheirTimeInABoundedTable)
