@@ -135,11 +135,13 @@ DWORD CGBaseEvtHandler::WriteEvent(char const *pszText, std::uint64_t base, std:
     if (pszLine == nullptr)
         return 0;
 
+    bool const fLevel = basePart.m_fLevel || customPart.m_fLevel;
     char szLevel[kcbLevelField];
-    FormatLevel(szLevel, nLevel);
+    if (fLevel)
+        FormatLevel(szLevel, nLevel);
     CLineWriter line(pszLine);
     line.Add(true, pszId);
-    line.Add(basePart.m_fLevel || customPart.m_fLevel, szLevel);
+    line.Add(fLevel, szLevel);
     line.Add(basePart.m_fShort, basePart.m_pszShort);
     line.Add(customPart.m_fShort, customPart.m_pszShort);
     line.Add(true, g_aszText[eGT_BLANK]);

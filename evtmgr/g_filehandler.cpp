@@ -63,9 +63,8 @@ DWORD CGFileEvtHandler::WriteText(char *pszText)
     // Without a mutex the wait fails at once, and the line is written all the same.
     if (WaitForSingleObject(m_hFileMutex, INFINITE) == WAIT_ABANDONED)
         EndCutLine();
-    CGFile::Seek(2, 0);
     DWORD cbDone = 0;
-    DWORD const dwResult = CGFile::Write(pszText, cch, &cbDone);
+    DWORD const dwResult = CGFile::Append(pszText, cch, &cbDone);
     ReleaseMutex(m_hFileMutex);
     return dwResult;
 }
@@ -85,10 +84,8 @@ void CGFileEvtHandler::EndCutLine()
     SetFilePointer(hLog, -1, nullptr, FILE_END); // fails on an empty log, which has no line to end
     ReadFile(hLog, &chLast, 1, &cbDone, nullptr);
     CloseHandle(hLog);
-    if (cbDone == 1 && chLast != '\n') {
-        CGFile::Seek(2, 0);
-        CGFile::Write(g_aszText[eGT_CRLF], 2, &cbDone);
-    }
+    if (cbDone == 1 && chLast != '\n')
+        CGFile::Append(g_aszText[eGT_CRLF], 2, &cbDone);
 }
 
 DWORD CGFileEvtHandler::OpenLogFile(DWORD how)

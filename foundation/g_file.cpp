@@ -30,7 +30,9 @@ DWORD CGFile::Close()
     return eGE_OK;
 }
 
-DWORD CGFile::Read(void *pBuffer, DWORD cbCount, DWORD *pcbDone)
+template <class Transfer>
+DWORD CGFile::MoveAll(DWORD dwFailure, void const *pBuffer, DWORD cbCount, DWORD *pcbDone,
+                      Transfer fnTransfer)
 {
     if (pBuffer == nullptr || pcbDone == nullptr) {
         return eGE_NULL_ARGUMENT;
@@ -40,30 +42,32 @@ DWORD CGFile::Read(void *pBuffer, DWORD cbCount, DWORD *pcbDone)
         return eGE_FILE_NOT_OPEN;
     }
     DWORD cbMoved = 0;
-    if (!ReadFile(m_hFile, pBuffer, cbCount, &cbMoved, /*lpOverlapped=*/nullptr) ||
-        cbMoved < cbCount) {
-        return eGE_FILE_READ;
+    if (!fnTransfer(&cbMoved) || cbMoved < cbCount) {
+        return dwFailure;
     }
     *pcbDone = cbMoved;
     return eGE_OK;
 }
 
+DWORD CGFile::Read(void *pBuffer, DWORD cbCount, DWORD *pcbDone)
+{
+    return MoveAll(eGE_FILE_READ, pBuffer, cbCount, pcbDone, [&](DWORD *pcbMoved) {
+        return ReadFile(m_hFile, pBuffer, cbCount, pcbMoved, /*lpOverlapped=*/nullptr);
+    });
+}
+
 DWORD CGFile::Write(void const *pBuffer, DWORD cbCount, DWORD *pcbDone)
 {
-    if (pBuffer == nullptr || pcbDone == nullptr) {
-        return eGE_NULL_ARGUMENT;
-    }
-    *pcbDone = 0;
-    if (m_hFile == INVALID_HANDLE_VALUE) {
-        return eGE_FILE_NOT_OPEN;
-    }
-    DWORD cbMoved = 0;
-    if (!WriteFile(m_hFile, pBuffer, cbCount, &cbMoved, /*lpOverlapped=*/nullptr) ||
-        cbMoved < cbCount) {
-        return eGE_FILE_WRITE;
-    }
-    *pcbDone = cbMoved;
-    return eGE_OK;
+    return MoveAll(eGE_FILE_WRITE, pBuffer, cbCount, pcbDone, [&](DWORD *pcbMoved) {
+        return WriteFile(m_hFile, pBuffer, cbCount, pcbMoved, /*lpOverlapped=*/nullptr);
+    });
+}
+
+DWORD CGFile::Append(void const *pBuffer, DWORD cbCount, DWORD *pcbDone)
+{
+    return MoveAll(eGE_FILE_WRITE, pBuffer, cbCount, pcbDone, [&](DWORD *pcbMoved) {
+        return PlatAppendFile(m_hFile, pBuffer, cbCount, pcbMoved);
+    });
 }
 
 DWORD CGFile::Seek(LONG nMode, LONG nDistance)

@@ -32,6 +32,9 @@ public:
     DWORD Read(void *pBuffer, DWORD cbCount, DWORD *pcbDone);
     DWORD Write(void const *pBuffer, DWORD cbCount, DWORD *pcbDone);
 
+    // Seek(2, 0) and Write in one step, of any size of file.
+    DWORD Append(void const *pBuffer, DWORD cbCount, DWORD *pcbDone);
+
     // Moves the file pointer by nDistance bytes. nMode: 0 from the start, 1 from here, 2 from the end;
     // any other from the start. eGE_OK, also on a closed file; eGE_FILE_SEEK.
     DWORD Seek(LONG nMode, LONG nDistance);
@@ -50,4 +53,9 @@ public:
 
 protected:
     HANDLE m_hFile = INVALID_HANDLE_VALUE; // that value when no file is open
+
+private:
+    template <class Transfer>
+    DWORD MoveAll(DWORD dwFailure, void const *pBuffer, DWORD cbCount, DWORD *pcbDone,
+                  Transfer fnTransfer);
 };

@@ -11,6 +11,12 @@
 #include <io.h>
 #include <sys/stat.h>
 
+inline BOOL PlatAppendFile(HANDLE hFile, void const *pBuffer, DWORD cb, DWORD *pcbWritten)
+{
+    SetFilePointerEx(hFile, LARGE_INTEGER{}, /*lpNewFilePointer=*/nullptr, FILE_END);
+    return WriteFile(hFile, pBuffer, cb, pcbWritten, /*lpOverlapped=*/nullptr);
+}
+
 #else
 
 inline constexpr DWORD FILE_SHARE_READ = 1;
@@ -58,6 +64,10 @@ BOOL ReadFile(HANDLE hFile, void *pBuffer, DWORD cb, DWORD *pcbRead, OVERLAPPED 
 // overlapped operation (ERROR_INVALID_PARAMETER).
 BOOL WriteFile(HANDLE hFile, void const *pBuffer, DWORD cb, DWORD *pcbWritten,
                OVERLAPPED *pOverlapped);
+
+// WriteFile behind the end of the file, wherever that lies by now; the file pointer is behind what was
+// written then. On Linux one call of the system, where SetFilePointer and WriteFile are three.
+BOOL PlatAppendFile(HANDLE hFile, void const *pBuffer, DWORD cb, DWORD *pcbWritten);
 
 // As Win32: the new position in bytes, with a null pnHigh at most 32 bits of it
 // (ERROR_INVALID_PARAMETER otherwise). A failure leaves the position alone: ERROR_NEGATIVE_SEEK in

@@ -11,6 +11,7 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 namespace {
@@ -257,12 +258,26 @@ ssize_t ReadRetried(int fd, void *pBuffer, std::size_t cb)
     return cbRead;
 }
 
-std::size_t WriteUntilDone(int fd, void const *pBuffer, std::size_t cb)
+using WriteCall = ssize_t(int fd, void const *pBuffer, std::size_t cb);
+
+// write(2) behind the end of the file, wherever the file pointer stands.
+ssize_t AppendOnce(int fd, void const *pBuffer, std::size_t cb)
+{
+    iovec const part = {const_cast<void *>(pBuffer), cb};
+    ssize_t const cbDone = ::pwritev2(fd, &part, 1, /*offset=*/-1, RWF_APPEND);
+    if (cbDone >= 0 || (errno != ENOSYS && errno != EOPNOTSUPP)) {
+        return cbDone;
+    }
+    (void)::lseek(fd, 0, SEEK_END); // fails on a pipe, which has but one place to write to
+    return ::write(fd, pBuffer, cb);
+}
+
+std::size_t WriteUntilDone(WriteCall *pfnWrite, int fd, void const *pBuffer, std::size_t cb)
 {
     auto const *pb = static_cast<char const *>(pBuffer);
     std::size_t cbDone = 0;
     while (cbDone < cb) {
-        ssize_t const cbNow = ::write(fd, pb + cbDone, cb - cbDone);
+        ssize_t const cbNow = pfnWrite(fd, pb + cbDone, cb - cbDone);
         if (cbNow > 0) {
             cbDone += static_cast<std::size_t>(cbNow);
         } else if (cbNow == 0) {
@@ -273,6 +288,33 @@ std::size_t WriteUntilDone(int fd, void const *pBuffer, std::size_t cb)
         }
     }
     return cbDone;
+}
+
+std::size_t WriteAll(WriteCall *pfnWrite, int fd, void const *pBuffer, std::size_t cb, bool fDisk)
+{
+    if (fDisk) {
+        return WriteUntilDone(pfnWrite, fd, pBuffer, cb);
+    }
+    CPipeSignalGuard const guard;
+    return WriteUntilDone(pfnWrite, fd, pBuffer, cb);
+}
+
+BOOL WriteBy(WriteCall *pfnWrite, HANDLE hFile, void const *pBuffer, DWORD cb, DWORD *pcbWritten)
+{
+    if (pcbWritten == nullptr) {
+        return SetLastError(ERROR_INVALID_PARAMETER), FALSE;
+    }
+    *pcbWritten = 0;
+    CHandleRef<CFileObject> const file(hFile);
+    if (!file) {
+        return FALSE;
+    }
+    if ((file->m_dwAccess & GENERIC_WRITE) == 0) {
+        return SetLastError(ERROR_ACCESS_DENIED), FALSE;
+    }
+    bool const fDisk = file->m_eType == CFileObject::eFT_DISK;
+    *pcbWritten = static_cast<DWORD>(WriteAll(pfnWrite, file->m_fd, pBuffer, cb, fDisk));
+    return *pcbWritten == cb ? TRUE : (PlatFailErrno(), FALSE);
 }
 
 // Where a move of the file pointer is to end; -1 with the last error when no file pointer can be there.
@@ -405,13 +447,9 @@ int PlatCloseFile(int fd)
     return ::close(fd) == 0 || errno == EINTR ? 0 : -1;
 }
 
-std::size_t PlatWriteAll(int fd, void const *pBuffer, std::size_t cb, bool fDisk)
+std::size_t PlatWriteAll(int fd, void const *pBuffer, std::size_t cb)
 {
-    if (fDisk) {
-        return WriteUntilDone(fd, pBuffer, cb);
-    }
-    CPipeSignalGuard const guard;
-    return WriteUntilDone(fd, pBuffer, cb);
+    return WriteAll(&::write, fd, pBuffer, cb, /*fDisk=*/false);
 }
 
 HANDLE CreateFileA(char const *pszName, DWORD dwAccess, DWORD dwShare,
@@ -475,20 +513,15 @@ BOOL ReadFile(HANDLE hFile, void *pBuffer, DWORD cb, DWORD *pcbRead, OVERLAPPED 
 BOOL WriteFile(HANDLE hFile, void const *pBuffer, DWORD cb, DWORD *pcbWritten,
                OVERLAPPED *pOverlapped)
 {
-    if (pcbWritten == nullptr || pOverlapped != nullptr) {
+    if (pOverlapped != nullptr) {
         return SetLastError(ERROR_INVALID_PARAMETER), FALSE;
     }
-    *pcbWritten = 0;
-    CHandleRef<CFileObject> const file(hFile);
-    if (!file) {
-        return FALSE;
-    }
-    if ((file->m_dwAccess & GENERIC_WRITE) == 0) {
-        return SetLastError(ERROR_ACCESS_DENIED), FALSE;
-    }
-    bool const fDisk = file->m_eType == CFileObject::eFT_DISK;
-    *pcbWritten = static_cast<DWORD>(PlatWriteAll(file->m_fd, pBuffer, cb, fDisk));
-    return *pcbWritten == cb ? TRUE : (PlatFailErrno(), FALSE);
+    return WriteBy(&::write, hFile, pBuffer, cb, pcbWritten);
+}
+
+BOOL PlatAppendFile(HANDLE hFile, void const *pBuffer, DWORD cb, DWORD *pcbWritten)
+{
+    return WriteBy(&AppendOnce, hFile, pBuffer, cb, pcbWritten);
 }
 
 DWORD SetFilePointer(HANDLE hFile, LONG nDistance, LONG *pnHigh, DWORD dwMethod)
@@ -570,7 +603,7 @@ int _open(char const *pszName, int nFlags, int nMode)
 
 int _write(int fd, void const *pBuffer, unsigned int cb)
 {
-    std::size_t const cbWritten = PlatWriteAll(fd, pBuffer, cb, /*fDisk=*/false);
+    std::size_t const cbWritten = PlatWriteAll(fd, pBuffer, cb);
     return cbWritten == cb ? static_cast<int>(cb) : -1;
 }
 

@@ -52,4 +52,4 @@ int PlatCloseFile(int fd);
 bool PlatIsSameFile(int fd, char const *pszName);
 
 /// Writes everything: cb bytes, or fewer with errno set. Raises no SIGPIPE.
-std::size_t PlatWriteAll(int fd, void const *pBuffer, std::size_t cb, bool fDisk);
+std::size_t PlatWriteAll(int fd, void const *pBuffer, std::size_t cb);

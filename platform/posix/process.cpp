@@ -651,7 +651,7 @@ void OutputDebugStringA(char const *pszText)
         return;
     }
     int const nErrno = errno;
-    (void)PlatWriteAll(STDERR_FILENO, pszText, std::strlen(pszText), /*fDisk=*/false);
+    (void)PlatWriteAll(STDERR_FILENO, pszText, std::strlen(pszText));
     errno = nErrno;
 }
 

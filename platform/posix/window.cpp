@@ -570,7 +570,7 @@ int MessageBoxA(HWND, char const *pszText, char const *pszCaption, UINT)
             ch = static_cast<unsigned char>(ch) < ' ' ? ' ' : ch;
         }
         str += '\n';
-        (void)PlatWriteAll(STDERR_FILENO, str.data(), str.size(), /*fDisk=*/false);
+        (void)PlatWriteAll(STDERR_FILENO, str.data(), str.size());
     } catch (std::bad_alloc const &) {
         // No memory for one line: the caller has worse to tell than we have.
     }
@@ -580,7 +580,7 @@ int MessageBoxA(HWND, char const *pszText, char const *pszCaption, UINT)
 BOOL MessageBeep(UINT)
 {
     if (::isatty(STDERR_FILENO) != 0) {
-        (void)PlatWriteAll(STDERR_FILENO, "\a", 1, /*fDisk=*/false);
+        (void)PlatWriteAll(STDERR_FILENO, "\a", 1);
     }
     return TRUE;
 }

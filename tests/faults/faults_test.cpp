@@ -382,7 +382,7 @@ protected:
 TEST_F(ManagerFaults, EachCallMayFail)
 {
     // A line is lost when what it needs cannot be had: its settings, its file.
-    Names const lossy = {"RegOpenKey", "RegQueryValue", "CreateFile", "WriteFile"};
+    Names const lossy = {"RegOpenKey", "RegQueryValue", "CreateFile", "AppendFile"};
     unsigned const cFaults = FailEachCall(
         [&](std::string_view call) {
             Live();

@@ -179,7 +179,7 @@ TEST(FileTest, TransfersAreWholeAndNeedTheRight)
     EXPECT_FAILS(WriteFile(reader, &ch, 1, &cb, nullptr), ERROR_ACCESS_DENIED);
 }
 
-TEST(FileTest, SeeksFarAndRefusesTheImpossible)
+TEST(FileTest, SeeksAndAppendsFarAndRefusesTheImpossible)
 {
     CTempDir const dir;
     COpened const file(dir.File("file"), GENERIC_READ | GENERIC_WRITE, CREATE_NEW);
@@ -191,6 +191,13 @@ TEST(FileTest, SeeksFarAndRefusesTheImpossible)
     EXPECT_EQ(SetFilePointer(file, -1, &nHigh, FILE_BEGIN), INVALID_SET_FILE_POINTER);
     EXPECT_EQ(GetLastError(), DWORD{NO_ERROR}) << "a position that looks like a failure";
     EXPECT_EQ(nHigh, 1);
+    DWORD cb = 0;
+    EXPECT_TRUE(Write(file, "a"));
+    EXPECT_EQ(SetFilePointer(file, 0, nullptr, FILE_BEGIN), 0u);
+    EXPECT_TRUE(PlatAppendFile(file, "b", 1, &cb)); // behind 8 GiB, most of them a hole
+    nHigh = -1;
+    EXPECT_EQ(SetFilePointer(file, -2, &nHigh, FILE_CURRENT), 0xFFFFFFFFu);
+    EXPECT_EQ(Read(file, 5), "ab");
 }
 
 TEST(FileTest, AFullDiskAndABrokenPipeAreErrors)
