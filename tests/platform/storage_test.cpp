@@ -43,20 +43,6 @@ std::basic_string<OLECHAR> Wide(std::string const &str)
     return {str.begin(), str.end()};
 }
 
-// Numbers in the file have this machine's order of bytes.
-std::uint32_t Dword(std::string const &str, std::size_t n)
-{
-    std::uint32_t dw = 0;
-    str.copy(reinterpret_cast<char *>(&dw), sizeof dw, n);
-    return dw;
-}
-
-void Patch(std::string const &strName, std::size_t n, std::uint32_t dw)
-{
-    std::fstream file(strName, std::ios::binary | std::ios::in | std::ios::out);
-    file.seekp(static_cast<std::streamoff>(n)).write(reinterpret_cast<char const *>(&dw), 4);
-}
-
 HRESULT Create(std::string const &strName, Storage &storage)
 {
     return StgCreateDocfile(Wide(strName).c_str(), kdwCreate, 0, storage.Out());
@@ -98,16 +84,6 @@ std::string StreamOf(Storage const &storage, OLECHAR const *pszName)
 {
     Stream stream;
     return OpenStream(storage, pszName, stream) == S_OK ? Read(stream) : "(none)";
-}
-
-/// The new position, or the failure.
-std::int64_t Seek(Stream const &stream, std::int64_t nMove, DWORD dwOrigin)
-{
-    LARGE_INTEGER move;
-    move.QuadPart = nMove;
-    ULARGE_INTEGER position;
-    HRESULT const hr = stream->Seek(move, dwOrigin, &position);
-    return FAILED(hr) ? hr : static_cast<std::int64_t>(position.QuadPart);
 }
 
 std::string Pattern(std::size_t cb)
@@ -231,16 +207,10 @@ TEST_F(StorageTest, WritingToAFileKeepsTheRestOfIt)
     EXPECT_TRUE(Write(stream, "one two"));
     ASSERT_EQ(OpenStream(storage, L"contents", stream), S_OK) << "names have no case";
     EXPECT_TRUE(Write(stream, "start"));
-    EXPECT_EQ(Seek(stream, 200'000, STREAM_SEEK_SET), 200'000);
-    EXPECT_TRUE(Write(stream, "end"));
-    EXPECT_EQ(Seek(stream, -5, STREAM_SEEK_END), 199'998);
-    EXPECT_EQ(Read(stream), std::string("\0\0end", 5));
     stream.Reset();
 
     ASSERT_EQ(Open(strName, storage), S_OK);
-    std::string strExpected = "start" + Pattern(10'000).substr(5);
-    strExpected.resize(200'000);
-    EXPECT_TRUE(StreamOf(storage, L"CONTENTS") == strExpected + "end");
+    EXPECT_TRUE(StreamOf(storage, L"CONTENTS") == "start" + Pattern(10'000).substr(5));
     EXPECT_EQ(StreamOf(storage, L"small"), "one two");
     EXPECT_EQ(StreamOf(storage, L"\1CompObj"), strType);
 }
@@ -298,32 +268,15 @@ TEST_F(StorageTest, AKilledWriterLeavesTheOldFileOrARefusedOne)
               4); // the two, and what they told
 }
 
+// The fuzz target's files of this kind. Opened for writing, so they are copied first.
 TEST_F(StorageTest, LoopsAndSectorsOfMoreThanOneOwnerAreRefused)
 {
     if (!kIsPosix)
         GTEST_SKIP() << "the system's own reader is not ours to test";
-    MakeFile(strName, Pattern(100'000));
-    std::string const strWhole = Contents(strName);
-    std::uint32_t const dwDirectory = Dword(strWhole, 48);
-    std::size_t const nTable = (Dword(strWhole, 76) + 1) * 512; // from sector 0: the large stream
-    std::size_t const nDirectory = (dwDirectory + 1) * 512; // of 128 bytes: the root, its streams
-    struct {
-        char const *pszWhat;
-        std::size_t n;
-        std::uint32_t dw;
-        HRESULT hrExpected = STG_E_DOCFILECORRUPT;
-    } const aCases[] = {
-        {"nothing changed", nTable + 40, Dword(strWhole, nTable + 40), S_OK},
-        {"a sector that follows itself", nTable + 40, 10},
-        {"into the directory", nTable + 40, dwDirectory},
-        {"an entry beside itself", nDirectory + 128 + 68, 1},
-        {"the root within itself", nDirectory + 76, 0},
-        {"too long", nDirectory + 128 + 120, 0x7FFFFFFF},
-    };
-    for (auto const &test : aCases) {
-        Patch(strName, test.n, test.dw);
+    auto const seeds = std::filesystem::path(__FILE__).parent_path() / "../../fuzz/seeds/compound";
+    for (std::string const strFault : {"self", "shared", "beside", "within", "long"}) {
+        Fill(strName, Contents((seeds / ("bad-" + strFault + ".cfb")).string()));
         Storage storage;
-        EXPECT_EQ(Open(strName, storage), test.hrExpected) << test.pszWhat;
-        Patch(strName, test.n, Dword(strWhole, test.n));
+        EXPECT_EQ(Open(strName, storage), STG_E_DOCFILECORRUPT) << strFault;
     }
 }
