@@ -6,8 +6,6 @@
 #include <atomic>
 #include <csignal>
 
-// What reaches a console of Windows cannot be made there without a console, so these cases are POSIX's.
-
 namespace {
 
 std::atomic<int> g_cCalls{0};
@@ -28,37 +26,20 @@ BOOL WINAPI TakeNothing(DWORD)
     return FALSE;
 }
 
-int RaiseUnhandled(std::string const &strSignal)
+void RaiseAndAwait(int nSignal)
 {
-    SetConsoleCtrlHandler(&TakeNothing, TRUE);
-    std::raise(std::stoi(strSignal));
-    Sleep(kdwLimit);
-    return 1;
+    std::raise(nSignal);
+    EXPECT_EQ(WaitForSingleObject(g_hHandled, kdwLimit), DWORD{WAIT_OBJECT_0});
 }
-
-CTestRole const g_raiseRole("raise-unhandled", &RaiseUnhandled);
-
-class ConsoleTest : public testing::Test {
-protected:
-    void SetUp() override
-    {
-        if (!kIsPosix)
-            GTEST_SKIP() << "console events cannot be raised by signal on Windows";
-        g_hHandled = CreateEventA(nullptr, FALSE, FALSE, nullptr);
-    }
-    void TearDown() override { CloseHandle(g_hHandled); }
-
-    static void RaiseAndAwait(int nSignal)
-    {
-        std::raise(nSignal);
-        EXPECT_EQ(WaitForSingleObject(g_hHandled, kdwLimit), DWORD{WAIT_OBJECT_0});
-    }
-};
 
 } // namespace
 
-TEST_F(ConsoleTest, AHandlerIsAskedOnAThreadOfTheLayerThatGoesWithIt)
+TEST(ConsoleTest, AHandlerIsAskedOnAThreadOfTheLayerThatGoesWithIt)
 {
+    if (!kIsPosix)
+        GTEST_SKIP() << "what reaches a console cannot be made there without one";
+    CTestHandle const hHandled(CreateEventA(nullptr, FALSE, FALSE, nullptr));
+    g_hHandled = hHandled;
     // Once for nothing, since a sanitizer has a thread of its own from the first new thread on.
     ASSERT_TRUE(SetConsoleCtrlHandler(&Take, TRUE));
     ASSERT_TRUE(SetConsoleCtrlHandler(&Take, FALSE));
@@ -77,12 +58,4 @@ TEST_F(ConsoleTest, AHandlerIsAskedOnAThreadOfTheLayerThatGoesWithIt)
     EXPECT_TRUE(SetConsoleCtrlHandler(&TakeNothing, FALSE));
     EXPECT_TRUE(SetConsoleCtrlHandler(&Take, FALSE));
     EXPECT_EQ(PlatThreadCount(), cThreads);
-}
-
-TEST_F(ConsoleTest, WhatNobodyTakesEndsTheProcessAsItAlwaysDid)
-{
-    for (int nSignal : {SIGINT, SIGTERM}) {
-        CRoleProcess child("raise-unhandled", std::to_string(nSignal));
-        EXPECT_EQ(child.ExitCode(), 128u + static_cast<unsigned>(nSignal));
-    }
 }

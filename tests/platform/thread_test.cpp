@@ -18,14 +18,6 @@ unsigned __stdcall SetGivenEvent(void *pvEvent)
 {
     return SetEvent(pvEvent) ? 7 : 8;
 }
-unsigned __stdcall AwaitGivenEvent(void *pvEvent)
-{
-    return WaitForSingleObject(pvEvent, kdwLimit);
-}
-unsigned __stdcall ReturnOwnId(void *)
-{
-    return GetCurrentThreadId();
-}
 
 struct CSetAtEnd {
     explicit CSetAtEnd(std::atomic<int> *pn) : m_pn(pn) {}
@@ -46,14 +38,6 @@ unsigned __stdcall EndBelowNoexcept(void *pvEnds) noexcept
 }
 
 } // namespace
-
-TEST(Thread, HasItsNumberItsCodeAndItsEnd)
-{
-    unsigned idThread = 0;
-    CTestHandle const hThread(StartThread(&ReturnOwnId, nullptr, 0, &idThread));
-    EXPECT_EQ(ExitCodeOf(hThread), idThread);
-    EXPECT_EQ(ExitCodeOf(hThread), idThread); // stays ended for all
-}
 
 TEST(Thread, SuspendedRunsAtTheResume)
 {
@@ -91,19 +75,6 @@ TEST(Thread, HundredsOfThemLeaveNothing)
     }
     EXPECT_TRUE(ComesDownTo(&PlatThreadCount, cThreads));
     EXPECT_TRUE(ComesDownTo(&PlatHandleCount, cHandles));
-}
-
-TEST(Thread, PrioritiesThatWindowsKnows)
-{
-    CTestHandle const hGo(CreateEventA(nullptr, TRUE, FALSE, nullptr));
-    CTestHandle const hThread(StartThread(&AwaitGivenEvent, hGo));
-    for (int nPriority : {2, 1, 0, -1, -2, 15, -15}) {
-        EXPECT_TRUE(SetThreadPriority(hThread, nPriority));
-        EXPECT_EQ(GetThreadPriority(hThread), nPriority);
-    }
-    EXPECT_FAILS(SetThreadPriority(hThread, 3), ERROR_INVALID_PARAMETER);
-    SetEvent(hGo);
-    ExitCodeOf(hThread);
 }
 
 namespace {
