@@ -78,6 +78,35 @@ TEST_F(CEvtMgrTest, InstallAndRemove)
                          "[T]: RemoveEvtMgr: g_cMemory g_cbMemory g_cObjects = 0 0 0\r\n");
 }
 
+TEST_F(CEvtMgrTest, CountersTellUnlessTheyHaveNoMask)
+{
+    Install(ReplaceAll(m_strOn, "Level\"=dword:1", "Level\"=dword:2"));
+    std::string const strObjects = std::to_string(g_cObjects);
+    std::string const strOneMore = std::to_string(g_cObjects + 1);
+    std::string const strBytes = std::to_string(g_cbMemory);
+    std::string const strMore = std::to_string(g_cbMemory + 20);
+    auto unheard = [] { return ADD_FAILURE() << "evaluated", "Thing"; };
+    int const nLine = __LINE__; // of this very line; those of the reports follow
+    INC_OBJECT_COUNTER(eEC_CREATE, "Thing");
+    DEC_OBJECT_COUNTER(eEC_OBJECT, nullptr);
+    NEW_OPERATOR(eEC_CREATE, "Thing");
+    INC_MEMSUM_COUNTER(1, 20, 7, "caller");
+    DEC_MEMSUM_COUNTER(1, 20, 8, "caller");
+    INC_OBJECT_COUNTER(0, unheard());
+    DEC_OBJECT_COUNTER(0, unheard());
+    NEW_OPERATOR(0, unheard());
+    auto place = [&](int n) {
+        return "line file = " + std::to_string(nLine + n) + " " + __FILE__ + "\r\n";
+    };
+    EXPECT_EQ(
+        ReadLog(),
+        "[T]: INC_OBJECT_COUNTER " + strOneMore + ": Thing: g_cObjects " + place(1) +
+            "[T]: DEC_OBJECT_COUNTER " + strObjects + ": : g_cObjects " + place(2) +
+            "[T]: NEW_OPERATOR: Thing: NEW FAILED " + place(3) +
+            "[T]: INC_MEMSUM_COUNTER [20:" + strMore + "]: g_cbMemory line file = 7 caller\r\n" +
+            "[T]: DEC_MEMSUM_COUNTER [20:" + strBytes + "]: g_cbMemory line file = 8 caller\r\n");
+}
+
 TEST_F(CEvtMgrTest, FinalReportNamesLeaks)
 {
     Reg(m_strOn + m_strAppend);

@@ -1,6 +1,5 @@
 #include "foundation/g_os.h"
 #include "tests/support/guards.h"
-#include "tests/support/site_recorder.h"
 
 TEST(GMem, AllocAndFree_MoveTheCountersTogether)
 {
@@ -11,41 +10,6 @@ TEST(GMem, AllocAndFree_MoveTheCountersTogether)
     GMemFree(&psz, 100, 2, "f");
     GMemFree(&psz, 100, 3, "f"); // the cleared pointer makes the second call harmless
     GMemFree(nullptr, 100, 4, "f");
-}
-
-TEST(GCounters, Macros_ReportUnlessThereIsNoMaskOrReadyManager)
-{
-    CCountersGuard guard;
-    auto const fnName = [] { return ADD_FAILURE() << "evaluated", "Thing"; };
-    INC_OBJECT_COUNTER(1, fnName()); // without a manager
-    EXPECT_EQ(g_cObjects, guard.m_cObjects + 1);
-    CSiteRecorder recorder;
-    NEW_OPERATOR(0, fnName());
-    INC_OBJECT_COUNTER(0, fnName());
-    DEC_OBJECT_COUNTER(0, fnName());
-    recorder.SetReady(false);
-    DEC_OBJECT_COUNTER(1, fnName());
-    recorder.ExpectOnly({});
-    recorder.SetReady(true);
-    g_cObjects = 4;
-    g_cbMemory = 100;
-    int const nLine = __LINE__; // of this very line; the next three follow
-    INC_OBJECT_COUNTER(eEC_CREATE, "Thing");
-    DEC_OBJECT_COUNTER(eEC_OBJECT, nullptr);
-    NEW_OPERATOR(eEC_CREATE, "Thing");
-    INC_MEMSUM_COUNTER(1, 20, 7, "caller");
-    DEC_MEMSUM_COUNTER(1, 15, 8, "caller");
-    g_cObjects = guard.m_cObjects;
-    g_cbMemory = guard.m_cbMemory;
-    auto const fnPlace = [&](int n) {
-        return "line file = " + std::to_string(nLine + n) + " " + __FILE__;
-    };
-    recorder.ExpectOnly(
-        {{8, 0x1000000000000000u, 2, "INC_OBJECT_COUNTER 5: Thing: g_cObjects " + fnPlace(1)},
-         {8, 0x8000000000000000u, 2, "DEC_OBJECT_COUNTER 4: : g_cObjects " + fnPlace(2)},
-         {32, 0x1000000000000000u, -1, "NEW_OPERATOR: Thing: NEW FAILED " + fnPlace(3)},
-         {8, 1, 2, "INC_MEMSUM_COUNTER [20:120]: g_cbMemory line file = 7 caller"},
-         {8, 1, 2, "DEC_MEMSUM_COUNTER [15:105]: g_cbMemory line file = 8 caller"}});
 }
 
 TEST(GMutexAndGEvent, Named_AreSharedByNameAndClosedOnceByVariable)

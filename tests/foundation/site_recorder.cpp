@@ -1,1 +1,0 @@
-#include "tests/support/site_recorder.inc"
