@@ -4,8 +4,6 @@
 
 #include <atomic>
 #include <cstdlib>
-#include <fstream>
-#include <sstream>
 #include <thread>
 
 namespace {
@@ -15,17 +13,16 @@ TEST_F(AgentTest, TheDiscoveryJobNamesTheAgentToTheLetter)
     CTempDir dir;
     std::string const strTarget = dir.File("target");
     for (int const bNetwork : {0, 1}) {
-        std::ofstream{strTarget};
+        Fill(strTarget, "");
         Connect(bNetwork);
         m_probe.strHostAddress = "10.1.2.3";
         m_probe.wPort = 1037;
         DWORD dw = 99999;
         EXPECT_EQ(m_agent.InitiateSrvQDiscovery(&dw, strTarget.c_str()), 0u);
-        std::ostringstream job;
-        job << std::ifstream(strTarget, std::ios::binary).rdbuf();
-        EXPECT_EQ(job.str(), std::string("\x1B%-12345X@PJL SELECT=\"\x01\x15TYPE=<ECHO>;NETADDR=") +
-                                 (bNetwork ? "10.1.2.3:1037" : "LINK0") +
-                                 ";SRVQ=" + std::to_string(dw) + ";\"\x1B%-12345X");
+        EXPECT_EQ(Contents(strTarget),
+                  std::string("\x1B%-12345X@PJL SELECT=\"\x01\x15TYPE=<ECHO>;NETADDR=") +
+                      (bNetwork ? "10.1.2.3:1037" : "LINK0") + ";SRVQ=" + std::to_string(dw) +
+                      ";\"\x1B%-12345X");
         m_agent.Shutdown();
     }
 }
@@ -51,11 +48,10 @@ TEST_F(AgentTest, ASlowDiscoveryTargetHoldsUpTheOtherOperationsUntilItOpens)
         bAdded = true;
     });
     EXPECT_FALSE(bAdded);
-    std::ostringstream job;
-    job << std::ifstream(strTarget, std::ios::binary).rdbuf();
+    std::string const strJob = Contents(strTarget);
     writer.join();
     other.join();
-    EXPECT_NE(job.str().find("SRVQ=" + std::to_string(dw) + ";"), std::string::npos);
+    EXPECT_NE(strJob.find("SRVQ=" + std::to_string(dw) + ";"), strJob.npos);
 }
 
 } // namespace

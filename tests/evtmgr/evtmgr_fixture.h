@@ -29,12 +29,7 @@ protected:
         void *pHandler = g_pEvtMgr.load()->GetHead()->m_pNext->m_pData;
         return static_cast<CGFileEvtHandler *>(static_cast<CGBaseEvtHandler *>(pHandler));
     }
-    std::string ReadLog() const
-    {
-        std::ostringstream text;
-        text << std::ifstream(m_strLog, std::ios::binary).rdbuf();
-        return text.str();
-    }
+    std::string ReadLog() const { return Contents(m_strLog); }
     // How many lines "[T]: W N." each writer W has in a log, where they must be whole and in order.
     static std::map<std::string, int> CountLines(std::string const &strLog)
     {

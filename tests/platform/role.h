@@ -7,8 +7,6 @@
 #include "platform/thread.h"
 #include "tests/support/guards.h"
 
-#include <fstream>
-#include <iterator>
 #include <type_traits>
 #include <vector>
 
@@ -77,17 +75,6 @@ inline std::string UniqueName(char const *pszWhat)
     std::random_device random;
     return std::string("qoma test/") + pszWhat + " " + std::to_string(random()) +
            std::to_string(random());
-}
-
-inline std::string Contents(std::string const &strName)
-{
-    std::ifstream file(strName, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
-
-inline void Fill(std::string const &strName, std::string const &strContents)
-{
-    std::ofstream(strName, std::ios::binary) << strContents;
 }
 
 /// Processes tell each other by files how far they are.

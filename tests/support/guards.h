@@ -9,6 +9,8 @@
 
 #include <chrono>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <random>
 #include <string>
 #include <thread>
@@ -81,3 +83,14 @@ public:
 private:
     std::filesystem::path m_path;
 };
+
+inline std::string Contents(std::string const &strName)
+{
+    std::ifstream file(strName, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+inline void Fill(std::string const &strName, std::string const &strContents)
+{
+    std::ofstream(strName, std::ios::binary) << strContents;
+}

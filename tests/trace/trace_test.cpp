@@ -6,7 +6,6 @@
 #include "tests/support/reg_file.h"
 
 #include <algorithm>
-#include <sstream>
 #include <thread>
 
 namespace {
@@ -27,10 +26,9 @@ protected:
     }
     std::string TakeFile()
     {
-        std::ostringstream text;
-        text << std::ifstream(m_strFile, std::ios::binary).rdbuf();
+        std::string const str = Contents(m_strFile);
         std::filesystem::remove(m_strFile);
-        return text.str();
+        return str;
     }
     CTempDir m_dir;
     CRegFile m_reg{m_dir.File("test.reg")};
