@@ -72,17 +72,6 @@ TEST_F(KickSender, GivesUpAndGoesOnWithTheNext)
     EXPECT_EQ(sent, (Sent{"x;KICKSEQ=1;", "x;KICKSEQ=1;", "y;KICKSEQ=2;"}));
 }
 
-TEST_F(KickSender, ReorderLetsTheNextGoFirst)
-{
-    sender.Reorder(1);
-    sender.Add(kA, "x;");
-    Pass(milliseconds(0));
-    EXPECT_TRUE(sent.empty());
-    sender.Add(kA, "y;");
-    Pass(milliseconds(10));
-    EXPECT_EQ(EchoAll(), (Sent{"y;KICKSEQ=2;", "x;KICKSEQ=1;"}));
-}
-
 TEST_F(KickSender, AllArriveWhateverTheOdds)
 {
     sender.SetOdds({0.4, 0.4, 0.4, 0.4, 7});

@@ -227,14 +227,3 @@ TEST_F(Link, TheDestructorWaitsForACallback)
     EXPECT_TRUE(fLeft);
     thread.join();
 }
-
-TEST_F(Link, MisbehaviourEndsWithACode)
-{
-    CTestClient client(dwPort);
-    device->GarbleAnswers(1);
-    EXPECT_EQ(client.SetWord(g_button, 1), eDR_BAD_ANSWER);
-    EXPECT_EQ(client.SetWord(g_button, 1), eDR_OK) << "the link lives on";
-    device->SendGarbage();
-    ASSERT_TRUE(client.WaitForEvent(eDE_RESTART_LINK));
-    EXPECT_EQ(client.SetWord(g_button, 1), eDR_LINK_LOST);
-}

@@ -28,12 +28,8 @@ constexpr std::chrono::milliseconds kBrief{5}; // for what may never come
 // What a life must give back: handles, threads, sockets, keys, objects, blocks, bytes, descriptors.
 std::vector<std::size_t> Holdings()
 {
-    std::error_code error;
-    std::filesystem::directory_iterator const it("/proc/self/fd", error);
-    auto const cDescriptors =
-        error ? 0 : static_cast<std::size_t>(std::distance(begin(it), end(it)));
     return {PlatHandleCount(), PlatThreadCount(), PlatLiveSockets(), PlatLiveKeys(),
-            g_cObjects,        g_cMemory,         g_cbMemory,        cDescriptors};
+            g_cObjects,        g_cMemory,         g_cbMemory,        HeldHandles()};
 }
 
 void ExpectHoldings(std::vector<std::size_t> const &before)

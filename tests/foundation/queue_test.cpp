@@ -87,19 +87,6 @@ TEST(GQueue, Payload_IsOwnedOnlyWithASizeAndOnlyAfterSuccess)
     EXPECT_EQ(queue.AddNode("late", &nForeign, 4, 1), eGE_QUEUE_CLOSED);
 }
 
-TEST(GQueue, ForeignNodesAndMissingLocks_AreRefused)
-{
-    CTestQueue queue;
-    CTestQueue other;
-    other.Add(1, 1);
-    EXPECT_EQ(queue.RemoveAndFreeNode(other.GetHead()), eGE_NOT_IN_QUEUE);
-    EXPECT_EQ(other.GetWords(), Words{1});
-    GMutexClose(&queue.m_hMutex);
-    GEventClose(&queue.m_hDrained);
-    EXPECT_EQ(queue.Add(1, 1), eGE_QUEUE_CLOSED);
-    EXPECT_EQ(queue.WaitDrained(), eGE_OK);
-}
-
 TEST(GQueue, ForEachNode_VisitsUnderTheMutexUntilAVisitSaysStop)
 {
     CTestQueue queue;

@@ -85,18 +85,3 @@ TEST(Modules, LoadedAndUnloadedAHundredTimesUnderEventsLeaveNothing)
     EXPECT_TRUE(WaitFor([&] { return HeldHandles() <= cHandles; }))
         << HeldHandles() << " handles, before " << cHandles;
 }
-
-TEST(Modules, WhatCannotBeLoadedIsNamed)
-{
-    SetLastError(0xdeadbeef);
-    EXPECT_EQ(LoadLibraryA("no_such_module"), nullptr);
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_MOD_NOT_FOUND));
-
-    HMODULE const hModule = LoadLibraryA("QOMADolC");
-    ASSERT_NE(hModule, nullptr);
-    EXPECT_EQ(GetModuleHandleA("QOMADolC"), hModule);
-    SetLastError(0xdeadbeef);
-    EXPECT_EQ(GetProcAddress(hModule, "NoSuchFunction"), nullptr);
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_PROC_NOT_FOUND));
-    EXPECT_TRUE(FreeLibrary(hModule));
-}

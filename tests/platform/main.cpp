@@ -27,23 +27,18 @@ std::string OwnProgram()
     return szProgram;
 }
 
-PROCESS_INFORMATION StartProgram(std::string strLine, HANDLE hOut, HANDLE hErr, DWORD dwFlags)
+PROCESS_INFORMATION StartProgram(std::string strLine, HANDLE hOut, DWORD dwFlags)
 {
     STARTUPINFOA startup{};
     startup.cb = sizeof startup;
     startup.dwFlags = hOut != nullptr ? STARTF_USESTDHANDLES : 0;
     startup.hStdOutput = hOut;
-    startup.hStdError = hErr;
-    for (HANDLE const hStream : {hOut, hErr}) {
-        EXPECT_TRUE(!hStream ||
-                    SetHandleInformation(hStream, HANDLE_FLAG_INHERIT, HANDLE_FLAG_INHERIT));
-    }
+    EXPECT_TRUE(!hOut || SetHandleInformation(hOut, HANDLE_FLAG_INHERIT, HANDLE_FLAG_INHERIT));
     PROCESS_INFORMATION info{};
     EXPECT_TRUE(CreateProcessA(nullptr, strLine.data(), nullptr, nullptr, hOut != nullptr, dwFlags,
                                nullptr, nullptr, &startup, &info))
         << strLine << ": " << GetLastError();
-    for (HANDLE const hStream : {hOut, hErr})
-        EXPECT_TRUE(!hStream || CloseHandle(hStream));
+    EXPECT_TRUE(!hOut || CloseHandle(hOut));
     return info;
 }
 

@@ -18,9 +18,8 @@ struct CTestRole {
 /// Where this program lies.
 std::string OwnProgram();
 
-/// Starts a command line, with its output and errors in the given files or pipes, which it closes.
-PROCESS_INFORMATION StartProgram(std::string strLine, HANDLE hOut = nullptr, HANDLE hErr = nullptr,
-                                 DWORD dwFlags = 0);
+/// Starts a command line, with its output in the given file, which it closes.
+PROCESS_INFORMATION StartProgram(std::string strLine, HANDLE hOut = nullptr, DWORD dwFlags = 0);
 
 /// A program, mostly this one in a role, ended at the latest with the block.
 class CRoleProcess {

@@ -5,40 +5,22 @@
 #include "platform/window.h"
 #include "tests/platform/role.h"
 
-namespace {
-
-class TraceDeckTest : public testing::Test {
-protected:
-    void SetUp() override
-    {
-        m_path = std::filesystem::path(OwnProgram())
-                     .replace_filename(kIsPosix ? "tracedeck" : "tracedeck.exe");
-        if (!std::filesystem::exists(m_path))
-            GTEST_SKIP() << "tracedeck has not been built";
-    }
-
-    /// Starts the program with its streams in the files out and err.
-    PROCESS_INFORMATION Start(std::string const &strArguments)
-    {
-        auto const open = [this](char const *pszName) {
-            return CreateFileA(m_dir.File(pszName).c_str(), GENERIC_WRITE, 3, nullptr,
-                               CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
-        };
-        return StartProgram("\"" + m_path.string() + "\" " + strArguments, open("out"), open("err"),
-                            CREATE_NEW_PROCESS_GROUP);
-    }
-
-    CTempDir m_dir;
-    std::filesystem::path m_path;
-};
-
-} // namespace
-
-TEST_F(TraceDeckTest, ShowsLinesSafelyAndKeepsThemInAFile)
+TEST(TraceDeckTest, ShowsLinesSafelyAndKeepsThemInAFile)
 {
+    auto const path = std::filesystem::path(OwnProgram())
+                          .replace_filename(kIsPosix ? "tracedeck" : "tracedeck.exe");
+    if (!std::filesystem::exists(path))
+        GTEST_SKIP() << "tracedeck has not been built";
+    CTempDir const dir;
+    auto const start = [&](std::string const &strArguments) {
+        HANDLE const hOut = CreateFileA(dir.File("out").c_str(), GENERIC_WRITE, 3, nullptr,
+                                        OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+        return StartProgram("\"" + path.string() + "\" " + strArguments, hOut,
+                            CREATE_NEW_PROCESS_GROUP);
+    };
     std::string const strTitle = UniqueName("deck");
-    Fill(m_dir.File("log"), "before\n");
-    CRoleProcess deck(Start("--title \"" + strTitle + "\" --out \"" + m_dir.File("log") + "\""));
+    Fill(dir.File("log"), "before\n");
+    CRoleProcess deck(start("--title \"" + strTitle + "\" --out \"" + dir.File("log") + "\""));
     HWND hWnd = nullptr;
     ASSERT_TRUE(
         WaitFor([&] { return (hWnd = FindWindowA(nullptr, strTitle.c_str())) != nullptr; }));
@@ -52,13 +34,13 @@ TEST_F(TraceDeckTest, ShowsLinesSafelyAndKeepsThemInAFile)
     std::string strShown = "{00000001}[SPL] a line\nno end\n"
                            "\\x1B[2J\\x07\\x0D\\x0Ax\\x80\\xC0\\xAF\\xE2\\x82\n"
                            "gr\xC3\xBC\xC3\x9F\\xE2\\x80\\xAE\\xC2\\x9B\xF0\x9F\x98\x80\t!\n";
-    EXPECT_EQ(Contents(m_dir.File("log")),
+    EXPECT_EQ(Contents(dir.File("log")),
               "before\n" + strShown); // each line at once, not at the end
     if (kIsPosix) {
-        EXPECT_EQ(Contents(m_dir.File("out")), strShown);
+        EXPECT_EQ(Contents(dir.File("out")), strShown);
     }
 
-    EXPECT_EQ(CRoleProcess(Start("--title \"" + strTitle + "\"")).ExitCode(), 1u) << "in use";
+    EXPECT_EQ(CRoleProcess(start("--title \"" + strTitle + "\"")).ExitCode(), 1u) << "in use";
     if (kIsPosix) {
         EXPECT_TRUE(GenerateConsoleCtrlEvent(CTRL_C_EVENT, deck.m_info.dwProcessId));
     } else {
