@@ -1,20 +1,16 @@
 """notifymon doctor: a road without faults, and each fault by its name."""
-import pathlib
 import re
 import socket
 import unittest
 
-import road_test
-from programs import Program
-
-EXAMPLE = pathlib.Path(__file__).parents[2] / "docs" / "example.reg"
+from programs import Program, RoadTest, example_settings
 
 
-class DoctorTest(road_test.RoadTest):
+class DoctorTest(RoadTest):
     def setUp(self):
         self.shared = self.folder()
         self.client_name = lambda name: self.shared.name("QOMA_NOTIFYMON", name)
-        self.text = EXAMPLE.read_text().replace("notifymon.log", self.client_name("notifymon.log"))
+        self.text = example_settings(self.client_name("notifymon.log"))
 
     def doctor(self, *arguments, settings=None):
         """Exit code and findings. With settings, under a name that they have values for."""

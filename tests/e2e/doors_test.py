@@ -10,9 +10,7 @@ import sys
 import unittest
 
 from hosts_test import Host
-from programs import LIMIT, Client, Device, Folder, Program
-
-SETTINGS = pathlib.Path(__file__).parents[2] / "docs" / "example.reg"
+from programs import LIMIT, Program, RoadTest, example_settings
 
 
 def as_user(user, work, *arguments):
@@ -69,7 +67,7 @@ def run_dirs(user):
     return [pathlib.Path(base, f"qoma-{user}") for base in ("/dev/shm", "/tmp")]
 
 
-class UsersTest(unittest.TestCase):
+class UsersTest(RoadTest):
     """Two users without names, who own nothing. Their numbers are of this run alone."""
 
     def setUp(self):
@@ -83,29 +81,24 @@ class UsersTest(unittest.TestCase):
         for user in (self.owner, self.stranger):
             for path in run_dirs(user):
                 self.addCleanup(shutil.rmtree, path, ignore_errors=True)
-        self.folder = Folder()
-        self.addCleanup(self.folder.cleanup)
-        os.chown(self.folder.path, self.owner, self.owner)
+        self.home = self.folder().path
+        os.chown(self.home, self.owner, self.owner)
+        self.as_owner = ["setpriv", f"--reuid={self.owner}", f"--regid={self.owner}", "--clear-groups"]
         self.title = f"Doors {self.owner}"
-        self.settings = self.folder.path / "my.reg"
-        self.log = self.folder.path / "notifymon.log"
-        self.settings.write_text(SETTINGS.read_text().replace("notifymon.log", str(self.log))
-                                 .replace('"Title"="TraceDeck"', f'"Title"="{self.title}"'))
+        self.settings = self.home / "my.reg"
+        self.settings.write_text(example_settings(self.home / "notifymon.log", self.title))
 
-    def start(self, make, *arguments, user=None, **options):
-        inside = ["setpriv", f"--reuid={user}", f"--regid={user}", "--clear-groups"] if user else []
-        program = make(*arguments, inside=inside, **options)
-        self.addCleanup(program.kill)
-        return program
+    def deck(self):
+        return self.start(Program, "QOMA_TRACEDECK", "--title", self.title, inside=self.as_owner)
 
     def monitor(self, device, **options):
-        return self.start(Client, device, "--registry", self.settings, "--diagnostics", "notifymon",
-                          user=self.owner, **options)
+        return self.client(device, "--registry", self.settings, "--diagnostics", "notifymon",
+                           inside=self.as_owner, **options)
 
     def test_another_user_finds_the_doors_closed(self):
-        deck = self.start(Program, "QOMA_TRACEDECK", "--title", self.title, user=self.owner)
+        deck = self.deck()
         deck.expect("showing what is sent to", "err")
-        device = self.start(Device)
+        device = self.device()
         client = self.monitor(device)
         deck.expect("CCallbackQThread")
         run_dir = run_dirs(self.owner)[0]
@@ -131,22 +124,22 @@ class UsersTest(unittest.TestCase):
         for path in run_dirs(self.owner):
             path.mkdir(mode=0o777)
             os.chown(path, self.stranger, self.stranger)
-        deck = self.start(Program, "QOMA_TRACEDECK", "--title", self.title, user=self.owner)
+        deck = self.deck()
         self.assertEqual(1, deck.wait())
         self.assertIn("error 5", deck.lines["err"][-1])
         # A link to a directory of the owner's own is a stranger's choice of place all the same.
         for path in run_dirs(self.owner):
             path.rmdir()
-            path.symlink_to(self.folder.path)
+            path.symlink_to(self.home)
             self.addCleanup(path.unlink, missing_ok=True)
-        self.assertEqual(1, self.start(Program, "QOMA_TRACEDECK", "--title", self.title, user=self.owner).wait())
-        device = self.start(Device)
+        self.assertEqual(1, self.deck().wait())
+        device = self.device()
         self.monitor(device)  # diagnostics never fail their caller
         self.assertEqual([], [p for path in run_dirs(self.owner) for p in path.iterdir()
                               if re.match("(local|global|window)[.-]", p.name)])
 
     def test_settings_that_somebody_else_can_write_are_refused(self):
-        device = self.start(Device)
+        device = self.device()
         for user, mode, words in ((self.stranger, 0o644, "belongs to another user"),
                                   (self.owner, 0o646, "can be written by every user")):
             os.chown(self.settings, user, user)
@@ -156,7 +149,7 @@ class UsersTest(unittest.TestCase):
             self.assertIn(words, client.lines["err"][0])
 
 
-class DataTest(unittest.TestCase):
+class DataTest(RoadTest):
     def test_who_listens_where(self):
         host = Host()
         self.addCleanup(host.end)
@@ -178,31 +171,27 @@ class DataTest(unittest.TestCase):
 
         any_host, loopback = "00000000", "0100007F"
         for arguments, address, expected in (([], None, loopback), (["--listen", "0.0.0.0"], "10.77.0.9", any_host)):
-            device = Device(*arguments, inside=host.inside)
-            self.addCleanup(device.kill)
+            device = self.device(*arguments, inside=host.inside)
             own = [("tcp", expected), ("udp", any_host)]
             self.assertEqual(own, listeners())
             reach = [*host.inside, sys.executable, "-c",
                      f"import socket; socket.create_connection(('10.77.0.9', {device.port}), 5)"]
             self.assertEqual(address is not None, subprocess.run(reach, capture_output=True).returncode == 0)
             for kind, more in ((["--local"], []), ([], [("udp", any_host)])):
-                client = Client(device, *kind, inside=host.inside)
+                client = self.client(device, *kind, inside=host.inside)
                 self.assertEqual(sorted(own + more), listeners(), "a client opens its datagram port and nothing else")
                 self.assertEqual(0, client.interrupt())
-                self.addCleanup(client.kill)
             device.kill()
 
     def test_what_a_device_sent_is_data(self):
-        folder = Folder()
-        self.addCleanup(folder.cleanup)
+        folder = self.folder()
         out, trap = folder.path / "out", folder.path / "trap"
-        device = Device()
-        self.addCleanup(device.kill)
+        device = self.device()
         settings = folder.path / "my.reg"
-        settings.write_text(SETTINGS.read_text().replace("notifymon.log", str(folder.path / "../x.log")))
-        client = Client(device, "--count", "2", "--exec", f'printf "%s\\n" "$NOTIFY_OPTION" >> {out}',
-                        "--registry", settings, "--diagnostics", "notifymon")
-        self.addCleanup(client.kill)
+        settings.write_text(example_settings(folder.path / "../x.log"))
+        command = f'printf "%s\\n" "$NOTIFY_KIND $NOTIFY_CODE $NOTIFY_OPTION" >> {out}'
+        client = self.client(device, "--count", "2", "--exec", command, "--registry", settings,
+                             "--diagnostics", "notifymon")
         address, port = device.expect("NETADDR=([0-9.]+):([0-9]+);").groups()
         texts = [f"%n%n%s%s%99999d;$(touch {trap})`touch {trap}`;|touch {trap};../../{trap};\x1b[2J\x07\"\\;KICKSEQ=1;",
                  f"';touch {trap};'\n&& touch {trap}\r\n%1$n{{}};KICKSEQ=2;"]
@@ -211,7 +200,7 @@ class DataTest(unittest.TestCase):
                 sender.sendto(text.encode(), (address, int(port)))
         self.assertEqual(texts, [client.next("eCT_SELECT_NOTIFY")["option"] for _ in texts])
         self.assertEqual(0, client.wait())
-        self.assertEqual("".join(text + "\n" for text in texts), out.read_bytes().decode())
+        self.assertEqual("".join(f"eCT_SELECT_NOTIFY 7 {text}\n" for text in texts), out.read_bytes().decode())
         self.assertEqual([], list(folder.path.rglob("trap*")))
 
 

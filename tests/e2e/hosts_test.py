@@ -8,7 +8,7 @@ import subprocess
 import time
 import unittest
 
-from programs import LIMIT, Client, Device
+from programs import LIMIT, Client, Device, RoadTest
 
 DEVICE, CLIENT, CLIENT_LATER = "10.77.0.1", "10.77.0.2", "10.77.0.3"
 
@@ -35,7 +35,7 @@ class Host:
         self.holder.communicate()
 
 
-class HostsTest(unittest.TestCase):
+class HostsTest(RoadTest):
     def setUp(self):
         self.device_host, self.client_host = self.host(), self.host()
         if not self.device_host.run("ip -V", fails=True):
@@ -53,12 +53,11 @@ class HostsTest(unittest.TestCase):
         return host
 
     def start_device(self, *arguments, port=0):
-        self.device = Device("--listen", "0.0.0.0", *arguments, port=port, inside=self.device_host.inside)
-        self.addCleanup(self.device.kill)
+        self.device = self.start(Device, "--listen", "0.0.0.0", *arguments, port=port, inside=self.device_host.inside)
 
     def start_client(self):
-        self.client = Client(self.device, "--address", DEVICE, "--option", "Paper", inside=self.client_host.inside)
-        self.addCleanup(self.client.kill)
+        self.client = self.start(Client, self.device, "--address", DEVICE, "--option", "Paper",
+                                 inside=self.client_host.inside)
 
     def heard(self):
         """The numbers of the datagrams that the client has told of."""

@@ -11,6 +11,7 @@ import signal
 import subprocess
 import tempfile
 import threading
+import unittest
 
 # Generous: a busy machine, a sanitizer or Wine must not fail a test.
 LIMIT = float(os.environ.get("QOMA_E2E_LIMIT", "30"))
@@ -130,3 +131,29 @@ class Client(Program):
     def all(self):
         """All notifications so far."""
         return [json.loads(line) for line in self.lines["out"] if line.startswith("{")]
+
+
+def example_settings(log, title="TraceDeck"):
+    """The settings of the documentation, with this log and viewer."""
+    text = (pathlib.Path(__file__).parents[2] / "docs" / "example.reg").read_text()
+    return text.replace("notifymon.log", str(log)).replace('"Title"="TraceDeck"', f'"Title"="{title}"')
+
+
+class RoadTest(unittest.TestCase):
+    """What a case starts and makes goes with it."""
+
+    def start(self, make, *arguments, **options):
+        program = make(*arguments, **options)
+        self.addCleanup(program.kill)
+        return program
+
+    def device(self, *arguments, **options):
+        return self.start(Device, *arguments, **options)
+
+    def client(self, device, *arguments, **options):
+        return self.start(Client, device, *arguments, **options)
+
+    def folder(self):
+        folder = Folder()
+        self.addCleanup(folder.cleanup)
+        return folder

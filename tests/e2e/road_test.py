@@ -1,29 +1,10 @@
 """The whole road with the real programs: from the device's panel to a line on the client's screen."""
 import os
-import pathlib
 import re
 import socket
 import unittest
 
-from programs import Client, Device, Folder, Program, wrapper
-
-
-class RoadTest(unittest.TestCase):
-    def start(self, make, *arguments, **options):
-        program = make(*arguments, **options)
-        self.addCleanup(program.kill)
-        return program
-
-    def device(self, *arguments, **options):
-        return self.start(Device, *arguments, **options)
-
-    def client(self, device, *arguments, **options):
-        return self.start(Client, device, *arguments, **options)
-
-    def folder(self):
-        folder = Folder()
-        self.addCleanup(folder.cleanup)
-        return folder
+from programs import Client, Program, RoadTest, example_settings, wrapper
 
 
 class NetworkTest(RoadTest):
@@ -216,29 +197,12 @@ class ProgramTest(RoadTest):
         feeder = self.device()
         for arguments, words in ((["--port", free], "listens"), (["--port", stranger.port], "1307"),
                                  (["--port", feeder.port, "--on", "adf"], "not supported"),
+                                 (["--port", feeder.port, "--registry", "missing", "--diagnostics", "x"], "missing"),
                                  (["--port", feeder.port, "--count", "1", "--timeout", "0.2"], "timed out")):
             with self.subTest(words=words):
                 code, lines = self.run_to_end("QOMA_NOTIFYMON", *arguments)
                 self.assertEqual(1, code)
                 self.assertIn(words, "\n".join(lines["err"]))
-
-    def test_a_command_gets_the_fields_and_no_shell_sees_them(self):
-        device = self.device()
-        shared = self.folder()
-        out = shared.name("QOMA_NOTIFYMON", "out")
-        trap = shared.name("QOMA_NOTIFYMON", "trap")
-        command = f"env | grep ^NOTIFY_ > {out}"
-        if wrapper("QOMA_NOTIFYMON"):
-            command = "set NOTIFY_> " + out.replace("/", "\\")
-        option = f"$(touch {trap})`touch {trap}`&echo x> {trap}"
-        client = self.client(device, "--local", "--on", "select", "--option", option, "--exec", command, "--count", "1")
-        device.tell("pick 1")
-        self.assertEqual(0, client.wait())
-        fields = (shared.path / "out").read_text().splitlines()
-        self.assertIn("NOTIFY_KIND=eCT_SELECT_NOTIFY", fields)
-        self.assertIn("NOTIFY_CODE=7", fields)
-        self.assertTrue(any(field.startswith(f"NOTIFY_OPTION={option};") for field in fields), fields)
-        self.assertFalse((shared.path / "trap").exists())
 
     def test_a_script_drives_the_device(self):
         shared = self.folder()
@@ -251,37 +215,29 @@ class ProgramTest(RoadTest):
 
 class DiagnosticsTest(RoadTest):
     """The example settings, a log, and the viewer."""
-    EXAMPLE = pathlib.Path(__file__).parents[2] / "docs" / "example.reg"
-
-    def setUp(self):
-        shared = self.folder()
-        self.log = shared.path / "notifymon.log"
-        self.settings = shared.path / "my.reg"
-        self.named = {path: shared.name("QOMA_NOTIFYMON", path) for path in (self.log, self.settings)}
-        self.title = f"TraceDeck of {os.getpid()}"
-        self.text = self.EXAMPLE.read_text().replace("notifymon.log", self.named[self.log]) \
-            .replace('"Title"="TraceDeck"', f'"Title"="{self.title}"')
-        self.settings.write_text(self.text)
-
-    def monitor(self, device):
-        return self.client(device, "--registry", self.named[self.settings], "--diagnostics", "notifymon")
 
     def test_log_viewer_reload_and_final_report(self):
-        deck = self.start(Program, "QOMA_TRACEDECK", "--title", self.title)
+        shared = self.folder()
+        settings = shared.path / "my.reg"
+        title = f"TraceDeck of {os.getpid()}"
+        text = example_settings(shared.name("QOMA_NOTIFYMON", "notifymon.log"), title)
+        settings.write_text(text)
+        deck = self.start(Program, "QOMA_TRACEDECK", "--title", title)
         deck.expect("showing what is sent to", "err")
         device = self.device()
-        client = self.monitor(device)
+        client = self.client(device, "--registry", shared.name("QOMA_NOTIFYMON", "my.reg"),
+                             "--diagnostics", "notifymon")
         deck.expect(r'^\[NOTIFYMON\]: \[ 1\]> Entry: \(life\) CGReference::Init: Creating object "CCallbackQThread"$')
-        self.settings.write_text(self.text.replace('"Level"=dword:00000001', '"Level"=dword:00000000'))
+        settings.write_text(text.replace('"Level"=dword:00000001', '"Level"=dword:00000000'))
         client.expect("settings read again", "err")
         device.tell("pick 1")
         client.next("eCT_SELECT_NOTIFY")
         deck.expect("^.HOST. I: .*eCT_SELECT_NOTIFY")  # the program's own line
-        self.settings.write_text(self.text + "[broken\n")
+        settings.write_text(text + "[broken\n")
         client.expect("settings refused: .*:\\d+: ", "err")
         self.assertEqual(0, client.interrupt())
         deck.expect(r"RemoveEvtMgr: g_cMemory g_cbMemory g_cObjects = 0 0 0$")
-        raw = self.log.read_bytes()
+        raw = (shared.path / "notifymon.log").read_bytes()
         lines = raw.decode().split("\r\n")
         self.assertEqual("", lines.pop(), "each line ends in CR and LF")
         self.assertNotIn("\n", "".join(lines))
@@ -289,14 +245,6 @@ class DiagnosticsTest(RoadTest):
         self.assertTrue(any("INC_OBJECT_COUNTER" in line for line in lines), "level 2 went to the log")
         self.assertEqual("[NOTIFYMON]:     I Info: RemoveEvtMgr: g_cMemory g_cbMemory g_cObjects = 0 0 0", lines[-1])
         self.assertEqual(0, deck.interrupt())
-
-    def test_bad_settings_are_refused_at_the_start(self):
-        self.settings.write_text("no header\n")
-        device = self.device()
-        for path in (self.named[self.settings], self.named[self.settings] + ".missing"):
-            client = self.client(device, "--registry", path, "--diagnostics", "notifymon", ready=False)
-            self.assertEqual(1, client.wait())
-            self.assertEqual(1, len(client.lines["err"]), client.lines)
 
 
 if __name__ == "__main__":
