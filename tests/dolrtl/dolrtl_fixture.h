@@ -28,17 +28,9 @@ inline TestObject g_feeder{{1, 2, 2, 2, 1}, 8};
 inline TestObject g_button{{1, 2, 2, 2, 7}, 1};
 inline TestObject g_token{{1, 1, 1, 25}, 5};
 
-struct ReadValue {
-    std::string strValue;
-    unsigned char dataType = 0;
+struct TrapWord {
+    DWORD dw = 0;
     unsigned short wTrapId = 0;
-
-    DWORD Word() const
-    {
-        DWORD dw = 0;
-        strValue.copy(reinterpret_cast<char *>(&dw), sizeof dw);
-        return dw;
-    }
 };
 
 // A CDolRtl that counts its events and, when told to, acts on them.
@@ -66,15 +58,15 @@ public:
     {
         return dol->Trap(object.Oid(), object.Size(), object.dataType, wId);
     }
-    std::optional<ReadValue> Read(DWORD cbBuffer = 349)
+    std::optional<TrapWord> Read()
     {
-        unsigned char buffer[349];
+        TrapWord trap;
+        unsigned char dataType = 0;
         DWORD cb = 0;
-        ReadValue value;
-        if (dol->ReadTrap(buffer, cbBuffer, &cb, &value.dataType, &value.wTrapId) != eDR_OK)
+        auto *const pBuffer = reinterpret_cast<unsigned char *>(&trap.dw);
+        if (dol->ReadTrap(pBuffer, sizeof trap.dw, &cb, &dataType, &trap.wTrapId) != eDR_OK)
             return std::nullopt;
-        value.strValue.assign(reinterpret_cast<char *>(buffer), cb);
-        return value;
+        return trap;
     }
 
     static DolRtlCallbackFn Callback() { return OnEvent; }

@@ -33,8 +33,10 @@ sockaddr *At(sockaddr_in &address)
 
 class CSocket {
 public:
-    explicit CSocket(SOCKET s) : m_s(s) { EXPECT_NE(s, INVALID_SOCKET) << ws::WSAGetLastError(); }
-    explicit CSocket(int nType) : CSocket(ws::socket(AF_INET, nType, 0)) {}
+    explicit CSocket(int nType) : m_s(ws::socket(AF_INET, nType, 0))
+    {
+        EXPECT_NE(m_s, INVALID_SOCKET) << ws::WSAGetLastError();
+    }
     ~CSocket() { Close(); }
     CSocket(CSocket const &) = delete;
     CSocket &operator=(CSocket const &) = delete;

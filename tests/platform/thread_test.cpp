@@ -1,6 +1,5 @@
 #include "platform/thread.h"
 
-#include "platform/afx.h"
 #include "platform/probe.h"
 #include "tests/platform/role.h"
 
@@ -75,42 +74,4 @@ TEST(Thread, HundredsOfThemLeaveNothing)
     }
     EXPECT_TRUE(ComesDownTo(&PlatThreadCount, cThreads));
     EXPECT_TRUE(ComesDownTo(&PlatHandleCount, cHandles));
-}
-
-namespace {
-
-UINT __cdecl AfxBody(LPVOID pvEvent)
-{
-    WaitForSingleObject(pvEvent, kdwLimit);
-    return 5;
-}
-
-UINT __cdecl AfxEnder(LPVOID pvEvent)
-{
-    SetEvent(pvEvent);
-    AfxEndThread(6);
-}
-
-} // namespace
-
-TEST(Afx, AThreadThatIsKeptAndOneThatDeletesItself)
-{
-    CTestHandle const hEvent(CreateEventA(nullptr, FALSE, FALSE, nullptr));
-    DWORD const cHandles = PlatHandleCount();
-    CWinThread *pKept =
-        AfxBeginThread(&AfxBody, hEvent, THREAD_PRIORITY_BELOW_NORMAL, 0, CREATE_SUSPENDED);
-    ASSERT_NE(pKept, nullptr);
-    EXPECT_EQ(GetThreadPriority(pKept->m_hThread), int{THREAD_PRIORITY_BELOW_NORMAL});
-    EXPECT_NE(pKept->m_nThreadID, 0u);
-    pKept->m_bAutoDelete = FALSE;
-    EXPECT_EQ(pKept->ResumeThread(), 1u);
-    SetEvent(hEvent);
-    EXPECT_EQ(ExitCodeOf(pKept->m_hThread), 5u);
-    delete pKept;
-    CWinThread *pOther = AfxBeginThread(&AfxEnder, hEvent, 0, 0, CREATE_SUSPENDED);
-    ASSERT_NE(pOther, nullptr);
-    EXPECT_EQ(pOther->ResumeThread(), 1u);
-    EXPECT_EQ(WaitForSingleObject(hEvent, kdwLimit), DWORD{WAIT_OBJECT_0});
-    EXPECT_TRUE(ComesDownTo(&PlatHandleCount, cHandles));
-    EXPECT_THROW(AfxThrowMemoryException(), std::bad_alloc); // as what a failed new throws
 }
