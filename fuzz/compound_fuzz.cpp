@@ -1,24 +1,11 @@
 // Compound files of any bytes: opening and reading them ends with a code, and touches nothing else.
 
-#include "platform/process.h"
+#include "fuzz/fuzz_input.h"
 #include "platform/storage.h"
 
-#include <cstddef>
-#include <cstdint>
-#include <cstdio>
-#include <filesystem>
-#include <string>
+#include <fstream>
 
 namespace {
-
-std::string const &ScratchFile()
-{
-    static std::string const s_strPath =
-        (std::filesystem::temp_directory_path() /
-         ("compound_fuzz." + std::to_string(GetCurrentProcessId())))
-            .string();
-    return s_strPath;
-}
 
 void ReadContents(IStorage &storage)
 {
@@ -38,21 +25,14 @@ void ReadContents(IStorage &storage)
 
 extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const *pData, std::size_t cbData)
 {
-    std::string const &strPath = ScratchFile();
-    std::FILE *const pFile = std::fopen(strPath.c_str(), "wb");
-    if (pFile == nullptr) {
-        return 0;
-    }
-    std::fwrite(pData, 1, cbData, pFile);
-    std::fclose(pFile);
-
-    std::basic_string<OLECHAR> const strWide(strPath.begin(), strPath.end());
+    static std::string const s_strPath = ScratchFile();
+    std::ofstream(s_strPath, std::ios::binary) << std::string(pData, pData + cbData);
+    std::basic_string<OLECHAR> const strWide(s_strPath.begin(), s_strPath.end());
     IStorage *pStorage = nullptr;
     if (SUCCEEDED(StgOpenStorage(strWide.c_str(), nullptr, STGM_SHARE_EXCLUSIVE | STGM_READWRITE,
                                  nullptr, 0, &pStorage))) {
         ReadContents(*pStorage);
         pStorage->Release();
     }
-    std::remove(strPath.c_str());
     return 0;
 }

@@ -2,11 +2,14 @@
 
 #pragma once
 
+#include "platform/process.h"
+
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <string>
 
 // An invariant. The fuzzer keeps the input of a process that ends here.
@@ -16,6 +19,14 @@ inline void Must(bool bHolds, char const *pszWhat)
         std::fprintf(stderr, "does not hold: %s\n", pszWhat);
         std::abort();
     }
+}
+
+// Where this process puts an input that has to be a file.
+inline std::string ScratchFile()
+{
+    return (std::filesystem::temp_directory_path() /
+            ("fuzz." + std::to_string(GetCurrentProcessId())))
+        .string();
 }
 
 // Takes an input apart, front to back. Past its end come zeroes and empty texts.

@@ -3,10 +3,8 @@
 
 #include "fuzz/fuzz_input.h"
 #include "platform/posix/regtree.h"
-#include "platform/process.h"
 #include "platform/registry.h"
 
-#include <filesystem>
 #include <fstream>
 
 namespace {
@@ -92,10 +90,7 @@ void CompareOpen(HKEY hKey, CRegKey const &key)
 
 extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const *pData, std::size_t cbData)
 {
-    static std::string const s_strPath =
-        (std::filesystem::temp_directory_path() /
-         ("registry_fuzz." + std::to_string(GetCurrentProcessId())))
-            .string();
+    static std::string const s_strPath = ScratchFile();
     static auto s_pGood = std::make_unique<CRegKey>(); // what the file held when it was last good
     std::string const strText(pData, pData + cbData);
     auto pRoot = std::make_unique<CRegKey>();
