@@ -273,9 +273,10 @@ TEST_F(StorageTest, LoopsAndSectorsOfMoreThanOneOwnerAreRefused)
 {
     if (!kIsPosix)
         GTEST_SKIP() << "the system's own reader is not ours to test";
-    auto const seeds = std::filesystem::path(__FILE__).parent_path() / "../../fuzz/seeds/compound";
     for (std::string const strFault : {"self", "shared", "beside", "within", "long"}) {
-        Fill(strName, Contents((seeds / ("bad-" + strFault + ".cfb")).string()));
+        std::string const strSeed = Contents(QOMA_SEEDS "/compound/bad-" + strFault + ".cfb");
+        ASSERT_GT(strSeed.size(), 20'000u);
+        Fill(strName, strSeed);
         Storage storage;
         EXPECT_EQ(Open(strName, storage), STG_E_DOCFILECORRUPT) << strFault;
     }
