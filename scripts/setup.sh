@@ -6,7 +6,10 @@ set -euo pipefail
 packages=(g++ cmake make ninja-build pkg-config libgtest-dev libcli11-dev nlohmann-json3-dev libgsf-1-dev python3)
 if [[ ${1:-} == --all ]]; then
     shift
-    packages+=(clang libclang-rt-dev clang-format clang-tidy doxygen libgsf-bin p7zip-full)
+    # What the other scripts would ask for one after another: one call of apt-get is sooner done than six.
+    packages+=(clang libclang-rt-dev clang-format clang-tidy doxygen libgsf-bin p7zip-full iproute2)
+    packages+=(libbenchmark-dev libuv1-dev libasio-dev libspdlog-dev liblog4cplus-dev dpkg-dev lintian)
+    packages+=(googletest g++-mingw-w64-i686-posix g++-mingw-w64-x86-64-posix wine wine64 debootstrap)
 fi
 packages+=("$@")
 

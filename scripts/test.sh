@@ -12,4 +12,7 @@ packages=(iproute2) # two hosts on one machine
 [[ $preset == clang ]] && packages+=(clang)
 scripts/setup.sh "${packages[@]}"
 scripts/build.sh "$preset"
-exec ctest --preset "$preset" -j "$(nproc)" "$@"
+# Many cases wait more than they compute; under ThreadSanitizer they compute.
+jobs=$(($(nproc) * 2))
+[[ $preset == tsan ]] && jobs=$(nproc)
+exec ctest --preset "$preset" -j "$jobs" "$@"
