@@ -1,5 +1,4 @@
-// The three symbols of a diagnostic site (foundation/g_site.h) and nothing else: a test program that
-// defines them itself then links without this object.
+// The three symbols of a diagnostic site (foundation/g_site.h).
 
 #include "evtmgr/g_evtmgr.h"
 

@@ -2,7 +2,6 @@
 //
 // The event manager is built of foundation queues, and foundation queues report events. This header is
 // where the circle is cut: it knows the manager by name only, and evtmgr/ defines the three symbols.
-// (A test program may define them itself, all three in one object, to record what is reported.)
 //
 // Any thread may report. While g_pEvtMgr is null, which it is until a host installs a manager, a site
 // costs one load and evaluates none of its arguments.

@@ -15,6 +15,7 @@ struct CThreadState {
     COwnedLock *m_pWakeBehind;           // the mutex whose release wakes m_pWake, or null
     std::atomic<std::uint32_t> *m_pWake; // a sleeper that was released already
     bool m_fExitHooked;
+    bool m_fBrisk; // its last sleep in a wait was a short one
 };
 
 extern constinit thread_local CThreadState t_plThread;

@@ -14,8 +14,18 @@
 
 namespace {
 
+// A sleep that was not worth its two switches.
+constexpr std::int64_t knsBriskSleep = 50'000;
+
 // A waiter that lost the race for a released mutex so often gets it handed over.
 constexpr std::uint32_t kcMaxLost = 2;
+
+std::int64_t MonotonicNs()
+{
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec * std::int64_t{1'000'000'000} + now.tv_nsec;
+}
 
 BOOL Fail(DWORD dwError)
 {
@@ -130,9 +140,8 @@ bool SleepUntilTaken(CHandleSlot &slot, DWORD dwMilliseconds)
     return true;
 }
 
-/// Before it sleeps a thread gives way once. Where others share its core, the one that it waits for is often
-/// among them, and for neither a sleep nor a wake-up is then to be paid; where it has the core to itself this
-/// costs a fraction of a sleep.
+/// Where others share the core, the one that a thread waits for is often among them: to give way once can
+/// save the sleep and the wake-up.
 bool TakeAfterYield(CHandleSlot &slot)
 {
     ::sched_yield();
@@ -282,9 +291,14 @@ DWORD SlotWait(CHandleSlot &slot, DWORD dwMilliseconds)
         return Taken(slot, eKind);
     if (dwMilliseconds == 0)
         return WAIT_TIMEOUT;
-    if (TakeAfterYield(slot))
+    // Only while one thing follows another: for a thread that mostly waits for long it would be one more
+    // turn in front of those who have work.
+    if (t_plThread.m_fBrisk && TakeAfterYield(slot))
         return Taken(slot, eKind);
-    return SleepUntilTaken(slot, dwMilliseconds) ? Taken(slot, eKind) : WAIT_TIMEOUT;
+    std::int64_t const nsStart = MonotonicNs();
+    bool const fTaken = SleepUntilTaken(slot, dwMilliseconds);
+    t_plThread.m_fBrisk = MonotonicNs() - nsStart < knsBriskSleep;
+    return fTaken ? Taken(slot, eKind) : WAIT_TIMEOUT;
 }
 
 void SlotSignal(CHandleSlot &slot)
