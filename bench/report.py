@@ -48,7 +48,7 @@ def run_rounds(program, row, options):
             continue
         if entry.get("error_occurred"):
             sys.exit(f"report: {entry['name']}: {entry['error_message']}")
-        parts = [part for part in entry["run_name"].split("/") if not part.endswith("_time")]
+        parts = [part for part in entry["run_name"].split("/") if "_time" not in part]
         who = "/".join(parts[1:])
         for measure in ("cpu_time", "real_time", "p50"):
             if measure in entry:
