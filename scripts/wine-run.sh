@@ -100,6 +100,12 @@ stay_up() {
     } </dev/null >/dev/null 2>&1 || true
 }
 
+# Copies a file of this system's into the root, at one blow: others may be reading it there.
+take_over() {
+    [[ -r $1 ]] && ! cmp -s "$1" "$root$1" || return 0
+    cp "$1" "$root$1.$$" && mv "$root$1.$$" "$root$1"
+}
+
 # Test programs start side by side; one of them makes what is missing, the others wait.
 exec {lock}>"$home/lock"
 flock -w 400 "$lock" || fail "another process has been holding $home for too long"
@@ -132,7 +138,8 @@ if [[ $bits == 32 ]]; then
     # In place of the old file, not into it: that one may be running.
     shopt -s nullglob
     cp --update --preserve=timestamps --remove-destination "$from"/*.{exe,dll} "$root$bin/"
-    cp /etc/hosts /etc/resolv.conf "$root/etc/" 2>/dev/null || true
+    take_over /etc/hosts
+    take_over /etc/resolv.conf
 fi
 exec {lock}>&-
 
