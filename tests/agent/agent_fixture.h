@@ -10,7 +10,6 @@
 #include <condition_variable>
 #include <deque>
 #include <functional>
-#include <latch>
 #include <map>
 #include <mutex>
 #include <utility>

@@ -10,8 +10,8 @@ void Post(CNotifyAgentProbe const &probe, DWORD dwKind, int nValue, std::string 
 
 TEST_F(AgentTest, MessagesAreDeliveredInOrderOneAtATime)
 {
-    std::latch allowed{1};
-    m_client.m_fnOnNotify = [&] { allowed.wait(); }; // the first call holds up the others
+    std::atomic<bool> bAllowed{false};
+    m_client.m_fnOnNotify = [&] { EXPECT_TRUE(WaitFor([&] { return bAllowed.load(); })); };
     Connect(0);
     Post(m_probe, 4, 0);
     EXPECT_EQ(m_client.Wait(1), Lines{"4 0 0 0 [] []"});
@@ -21,7 +21,7 @@ TEST_F(AgentTest, MessagesAreDeliveredInOrderOneAtATime)
     Post(m_probe, 1, -1);
     Post(m_probe, 0, 0, std::string(400, 'x'));
     Post(m_probe, 3, 0);
-    allowed.count_down();
+    bAllowed = true; // until now the first call has held up the others
     EXPECT_EQ(m_client.Wait(4),
               (Lines{"1 8 1 0 [] []", "1 8 4294967295 0 [] []",
                      "0 7 0 0 [" + std::string(349, 'x') + "] [" + std::string(15, 'x') + "]",

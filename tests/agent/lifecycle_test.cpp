@@ -86,11 +86,11 @@ TEST_F(AgentTest, ARestartGivesUpWhenItsLinkIsEnded)
 
 TEST_F(AgentTest, TheCallbackMayCallTheAgentWhileShutdownWaitsForIt)
 {
-    std::latch inside{1};
+    std::atomic<bool> bInside{false};
     m_client.m_fnOnNotify = [&] {
         EXPECT_EQ(m_agent.Shutdown(), 50u); // it would wait for this thread
         EXPECT_EQ(m_agent.RestartDolRtl(), 50u);
-        inside.count_down();
+        bInside = true;
         EXPECT_TRUE(WaitFor([&] { return m_script.m_cLive == 0; }));
         EXPECT_EQ(m_agent.Add(nullptr, eNF_ADF, nullptr), kNotConnected);
     };
@@ -99,7 +99,7 @@ TEST_F(AgentTest, TheCallbackMayCallTheAgentWhileShutdownWaitsForIt)
         m_script.Push(7, "\6");
     }
     m_script.Raise(0);
-    inside.wait();
+    EXPECT_TRUE(WaitFor([&] { return bInside.load(); }));
     EXPECT_EQ(m_agent.Shutdown(), 0u);
     EXPECT_LT(m_client.Wait(1).size(), 100u) << "what is queued is dropped";
 }
