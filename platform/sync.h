@@ -70,8 +70,8 @@ DWORD WINAPI SleepEx(DWORD dwMilliseconds, BOOL fAlertable);
 
 /// SetEvent by the owner of hMutex, an unnamed mutex that it is about to release: result, last error and
 /// effect are those of SetEvent, but a thread that sleeps for the event gets to run behind the release,
-/// and so does not wake only to find the mutex taken. Whoever does not own hMutex, or owns it more than
-/// once, calls SetEvent in effect.
+/// and so does not wake only to find the mutex taken. Until the release the caller waits for nothing that
+/// the sleeper has to do. Whoever does not own hMutex, or owns it more than once, calls SetEvent in effect.
 BOOL PlatSetEventBehind(HANDLE hEvent, HANDLE hMutex);
 
 #else
