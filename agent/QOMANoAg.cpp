@@ -1,12 +1,12 @@
-/* The agent's life: construction, connection, restart, end. */
+// The agent's life: construction, connection, restart, end.
 #include "agent/QOMANoAg.h"
 
 #include <ctime>
 #include <memory>
 #include <new>
 
+#include "agent/agent_copies.h"
 #include "agent/agent_lock.h"
-#include "agent/agent_shares.h"
 #include "agent/callback_qthread.h"
 #include "agent/dol_callback.h"
 #include "agent/dol_objects.h"
@@ -17,9 +17,9 @@
 namespace {
 
 constexpr DWORD kcbDeviceId = 260;
-constexpr char kDeviceLine[] = "VELLUMAX"; /* somewhere in the identification, in any case */
+constexpr char kDeviceLine[] = "VELLUMAX"; // somewhere in the identification, in any case
 
-/* Whether the identification, cbId bytes at the head of a terminated buffer, names our product line. */
+// Whether the identification, cbId bytes at the head of a terminated buffer, names our product line.
 bool NamesDeviceLine(unsigned char *pszId, DWORD cbId)
 {
     for (DWORD i = 0; i < cbId; ++i) {
@@ -40,7 +40,7 @@ CNotifyAgent::CNotifyAgent(NotifyCallbackFn pfnCallback, DWORD dwClientData)
 
 CNotifyAgent::CNotifyAgent(CNotifyAgent const &other) : m_pfnCallback(nullptr), m_dwClientData(0)
 {
-    CAgentShares::Copy(*this, other);
+    CAgentCopies::Copy(*this, other);
 }
 
 CNotifyAgent &CNotifyAgent::operator=(CNotifyAgent const &other)
@@ -49,10 +49,8 @@ CNotifyAgent &CNotifyAgent::operator=(CNotifyAgent const &other)
         return *this;
     }
     Shutdown();
-    if (CAgentShares::IsLastOf(*this)) {
-        CloseHandle(m_hMutex);
-    }
-    CAgentShares::Copy(*this, other);
+    CAgentCopies::CloseMutex(*this);
+    CAgentCopies::Copy(*this, other);
     return *this;
 }
 
@@ -60,9 +58,7 @@ CNotifyAgent::~CNotifyAgent()
 {
     m_pfnCallback = nullptr;
     m_dwClientData = 0;
-    if (CAgentShares::IsLastOf(*this)) {
-        CloseHandle(m_hMutex);
-    }
+    CAgentCopies::CloseMutex(*this);
 }
 
 DWORD CNotifyAgent::IsDeviceInitialized()
@@ -75,9 +71,12 @@ DWORD CNotifyAgent::IsDeviceInitialized()
 
 DWORD CNotifyAgent::Init(char const *pszAddress, DWORD dwPort, int bNetwork)
 {
-    CAgentLock const lock(m_hMutex, CCallbackQThread::LinkToWatch(this, m_pDolRtl));
+    CAgentLock const lock(m_hMutex);
     DWORD const dwState = IsDeviceInitialized();
-    if (!lock.IsHeld() || dwState == ERROR_ALREADY_INITIALIZED) {
+    if (!lock.IsHeld()) {
+        return WithoutLink(dwState);
+    }
+    if (dwState == ERROR_ALREADY_INITIALIZED) {
         return dwState;
     }
     DWORD dwResult = CatchNoMemory([&]() -> DWORD {
@@ -92,8 +91,7 @@ DWORD CNotifyAgent::Init(char const *pszAddress, DWORD dwPort, int bNetwork)
     if (dwResult != NO_ERROR) { // neither Shutdown nor a later Init would end what runs by now
         ShutdownSupportThreads();
         ShutdownWinSock();
-        m_dwLastKickSeq = 0;
-        m_bNetwork = 0;
+        CAgentCopies::ForgetLink(*this);
         return dwResult;
     }
     DWORD const dwTransport = bNetwork ? eLT_NETWORK : eLT_LOCAL;
@@ -106,7 +104,7 @@ DWORD CNotifyAgent::Init(char const *pszAddress, DWORD dwPort, int bNetwork)
     return dwResult;
 }
 
-/* The default is yes: a device that does not identify itself is accepted. */
+// The default is yes: a device that does not identify itself is accepted.
 int CNotifyAgent::DeviceIsAVellumax()
 {
     m_bDeviceLineOk = 1;
@@ -126,63 +124,57 @@ int CNotifyAgent::DeviceIsAVellumax()
 
 DWORD CNotifyAgent::Shutdown()
 {
-    if (CCallbackQThread::IsCalling(this)) {
+    if (CCallbackQThread::Calling() == this) {
         return ERROR_NOT_SUPPORTED; // it would wait for this thread
     }
     CAgentLock const lock(m_hMutex);
     DWORD const dwState = IsDeviceInitialized();
-    if (dwState != ERROR_ALREADY_INITIALIZED) {
-        return dwState;
+    if (!lock.IsHeld() || dwState != ERROR_ALREADY_INITIALIZED) {
+        return WithoutLink(dwState);
     }
-    if (CAgentShares::LetGo(*this)) {
+    if (CAgentCopies::LetGo(*this)) {
         return NO_ERROR;
     }
-    // The pointer goes first: whoever waits for the mutex on a thread that the steps below wait for
-    // (see CAgentLock) looks at it, and no further drain begins.
-    CDolRtl *const pDolRtl = m_pDolRtl.exchange(nullptr);
-    CAgentShares::DetachBorrowers(*this);
+    CAgentEnding const ending(m_hMutex, this);
+    if (!ending.MayWait()) {
+        return ERROR_NOT_SUPPORTED;
+    }
+    CDolRtl *const pDolRtl = m_pDolRtl.exchange(nullptr); // first, so that no further drain begins
+    CAgentCopies::Disconnect(pDolRtl);
     WaitForDrains(pDolRtl);
     delete pDolRtl;
-    m_cSelectTraps = 0;
-    m_cAdfTraps = 0;
-    m_cScannerButtonTraps = 0;
-    m_cFaxUploadTraps = 0;
     DWORD dwResult = ShutdownSupportThreads();
     if (dwResult == NO_ERROR && m_bNetwork) {
         dwResult = ShutdownWinSock();
     }
-    m_dwLastKickSeq = 0;
-    m_bNetwork = 0;
+    CAgentCopies::ForgetLink(*this);
     return dwResult;
 }
 
-/*
- * Normally on the library's thread, inside its callback. Another thread's Shutdown may hold the mutex
- * and wait for this very callback: then this one gives up, as the link that it was to restart is gone.
- *
- * The mutex is kept over both halves: a client whose Shutdown came between them would be told that the
- * agent is not connected, destroy it, and have the second half connect what is no more.
- */
+// Normally on the library's thread, inside its callback. Another thread's Shutdown may hold the mutex
+// and wait for this very callback: then this one gives up, as the link that it was to restart is gone.
+//
+// The mutex is kept over both halves: a client whose Shutdown came between them would be told that the
+// agent is not connected, destroy it, and have the second half connect what is no more.
 DWORD CNotifyAgent::RestartDolRtl()
 {
-    if (CCallbackQThread::IsCalling(this)) {
+    if (CCallbackQThread::Calling() == this) {
         return ERROR_NOT_SUPPORTED; // Shutdown would wait for this thread
     }
-    CAgentLock const lock(m_hMutex, &m_pDolRtl);
-    DWORD const dwState = IsDeviceInitialized();
-    if (!lock.IsHeld() || dwState != ERROR_ALREADY_INITIALIZED) {
-        return dwState;
-    }
-    return CatchNoMemory([&]() -> DWORD {
+    auto const State = [this] { return IsDeviceInitialized(); };
+    return RunConnected(m_hMutex, State, [&]() -> DWORD {
         CDolRtl *const pDolRtl = m_pDolRtl;
         CString const strAddress(pDolRtl->GetAddress());
         DWORD const dwPort = pDolRtl->GetBridgePort();
         int const bNetwork = m_bNetwork;
-        Shutdown();
-        DWORD const dwResult = Init(strAddress, dwPort, bNetwork);
+        DWORD dwResult = Shutdown();
+        if (dwResult != NO_ERROR) {
+            return dwResult;
+        }
+        dwResult = Init(strAddress, dwPort, bNetwork);
         if (dwResult == NO_ERROR) {
-            CCallbackQThread::PostTo(m_pCallbackQThread, eCT_LINK_RECOVERED, this, 0, 0, nullptr,
-                                     nullptr, nullptr);
+            CCallbackQThread::PostTo(m_pCallbackQThread, eCT_LINK_RECOVERED, 0, 0, nullptr, nullptr,
+                                     nullptr);
         }
         return dwResult;
     });

@@ -1,4 +1,4 @@
-/* The support threads' start and end, and the way of a notification from its poster to the client. */
+// The support threads' start and end, and the way of a notification from its poster to the client.
 #include <cstring>
 #include <memory>
 #include <new>
@@ -13,13 +13,12 @@
 
 namespace {
 
-constexpr DWORD kMsgPriority =
-    5; /* one for all, so that they are delivered in the order of posting */
-constexpr DWORD kcbRecord = 32; /* CallbackDataType::cbSize, whatever the width of a pointer */
+constexpr DWORD kMsgPriority = 5; // one for all, so that they are delivered in the order of posting
+constexpr DWORD kcbRecord = 32;   // CallbackDataType::cbSize, whatever the width of a pointer
 
 thread_local CNotifyAgent const *t_pCalling = nullptr;
 
-/* Says for a scope that this thread is inside a client's callback. */
+// Says for a scope that this thread is inside a client's callback.
 class CCallingScope {
 public:
     explicit CCallingScope(CNotifyAgent const *pAgent) : m_pBefore(t_pCalling)
@@ -72,7 +71,7 @@ void CopyText(char (&szArea)[cb], char const *pszText)
     }
 }
 
-/* A counted, zeroed message with its pointers set, or null. */
+// A counted, zeroed message with its pointers set, or null.
 CallbackMsgType *NewMessage()
 {
     void *const pBlock = ::operator new(sizeof(CallbackMsgType), std::nothrow);
@@ -87,7 +86,7 @@ CallbackMsgType *NewMessage()
     return pMsg;
 }
 
-/* Counts and stores a new queue thread; its memory may be missing, and then nobody uses it. */
+// Counts and stores a new queue thread; its memory may be missing, and then nobody uses it.
 template <class Thread>
 Thread *NewThread(CNotifyAgent *pAgent, char const *pszName)
 {
@@ -141,13 +140,13 @@ DWORD CCallbackQThread::PostCallback(DWORD dwKind, CNotifyAgent *pAgent, int nVa
     return 0;
 }
 
-void CCallbackQThread::PostTo(CCallbackQThread *pThread, DWORD dwKind, CNotifyAgent *pAgent,
-                              int nValue, DWORD dwValue, char const *pszOption,
-                              char const *pszSenderAddress, char const *pszSenderName)
+void CCallbackQThread::PostTo(CCallbackQThread *pThread, DWORD dwKind, int nValue, DWORD dwValue,
+                              char const *pszOption, char const *pszSenderAddress,
+                              char const *pszSenderName)
 {
     if (pThread != nullptr) {
-        pThread->PostCallback(dwKind, pAgent, nValue, dwValue, pszOption, pszSenderAddress,
-                              pszSenderName);
+        pThread->PostCallback(dwKind, pThread->m_pAgent, nValue, dwValue, pszOption,
+                              pszSenderAddress, pszSenderName);
     }
 }
 
@@ -162,9 +161,9 @@ DWORD CCallbackQThread::ProcessEntry(CNode *pNode, CGQThread *, DWORD)
     return 0;
 }
 
-bool CCallbackQThread::IsCalling(CNotifyAgent const *pAgent)
+CNotifyAgent const *CCallbackQThread::Calling()
 {
-    return t_pCalling == pAgent;
+    return t_pCalling;
 }
 
 DWORD CNotifyAgent::PerformCallback(CallbackType eType, int nValue, DWORD dwValue, char *pszOption,

@@ -1,11 +1,9 @@
-/*
- * Notifications over a network: the agent's UDP socket, the loop that reads it, the filter for
- * repeated datagrams.
- *
- * A datagram is narrow text of at most 349 bytes, from any sender. It goes back to where it came from
- * before anybody looks into it, since a device sends it again until it has seen that echo; what was
- * sent again is told by the clause "KICKSEQ=" number ";", anywhere in the text.
- */
+// Notifications over a network: the agent's UDP socket, the loop that reads it, the filter for
+// repeated datagrams.
+//
+// A datagram is narrow text of at most 349 bytes, from any sender. It goes back to where it came from
+// before anybody looks into it, since a device sends it again until it has seen that echo; what was
+// sent again is told by the clause "KICKSEQ=" number ";", anywhere in the text.
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -24,14 +22,14 @@
 namespace {
 
 constexpr DWORD kRequestPriority = 5;
-constexpr WORD kWinSockVersion = 257; /* 1.1 */
+constexpr WORD kWinSockVersion = 257; // 1.1
 constexpr DWORD kGeneralFailure = 0x80004005;
 
-/* The sizes of the text areas of a callback message, so that nothing is cut on the way there. */
+// The sizes of the text areas of a callback message, so that nothing is cut on the way there.
 constexpr std::size_t kcbText = sizeof CallbackMsgType::szOption;
 constexpr std::size_t kcbSenderAddress = sizeof CallbackMsgType::szSenderAddress;
 constexpr std::size_t kcbSenderName = sizeof CallbackMsgType::szSenderName;
-constexpr int kcbReceive = static_cast<int>(kcbText) - 1; /* the text always ends in a zero */
+constexpr int kcbReceive = static_cast<int>(kcbText) - 1; // the text always ends in a zero
 
 constexpr char kKickSeqKey[] = "KICKSEQ=";
 
@@ -42,7 +40,7 @@ Buffer NewBuffer(std::size_t cb)
     return Buffer(new (std::nothrow) char[cb]);
 }
 
-/* Of all that close an agent's socket, on whatever thread, the one that gets it here does it. */
+// Of all that close an agent's socket, on whatever thread, the one that gets it here does it.
 void DropSocket(std::atomic<SOCKET> &socket, std::atomic<WORD> &wPort)
 {
     SOCKET const s = socket.exchange(INVALID_SOCKET);
@@ -52,7 +50,7 @@ void DropSocket(std::atomic<SOCKET> &socket, std::atomic<WORD> &wPort)
     }
 }
 
-/* Stores the address of pEntry's first interface as dotted text. */
+// Stores the address of pEntry's first interface as dotted text.
 void StoreFirstAddress(hostent const *pEntry, CString &strAddress)
 {
     if (pEntry == nullptr || pEntry->h_addr_list[0] == nullptr) {
@@ -65,7 +63,7 @@ void StoreFirstAddress(hostent const *pEntry, CString &strAddress)
     strAddress = szAddress;
 }
 
-/* The sender's name, cut to its buffer; it stays empty for a sender without one. */
+// The sender's name, cut to its buffer; it stays empty for a sender without one.
 void FindSenderName(sockaddr_in const &from, char *pszName)
 {
     auto const *const pAddress = reinterpret_cast<char const *>(&from.sin_addr);
@@ -75,12 +73,26 @@ void FindSenderName(sockaddr_in const &from, char *pszName)
     }
 }
 
+// Whether a datagram claims to come from our own port on one of this host's addresses, as nothing but an echo
+// to ourselves does: to answer it would never end. Only this host's addresses can be bound.
+bool IsOurOwn(sockaddr_in from, WORD wPort)
+{
+    if (from.sin_port != ws::htons(wPort)) {
+        return false;
+    }
+    SOCKET const s = ws::socket(AF_INET, SOCK_DGRAM, 0);
+    from.sin_port = 0;
+    bool const bOurs = ws::bind(s, reinterpret_cast<sockaddr *>(&from), sizeof from) == 0;
+    ws::closesocket(s);
+    return bOurs;
+}
+
 bool IsBlank(char ch)
 {
     return ch == ' ' || (ch >= '\t' && ch <= '\r');
 }
 
-/* As atoi, but a number that is out of range, which anybody may send, becomes the nearest one. */
+// As atoi, but a number that is out of range, which anybody may send, becomes the nearest one.
 int NumberOf(char const *pszText)
 {
     while (IsBlank(*pszText)) {
@@ -177,7 +189,7 @@ DWORD CNotifyAgent::ShutdownWinSock()
     return NO_ERROR;
 }
 
-/* The first failure ends it; a socket that could not be bound stays for CloseSocket. */
+// The first failure ends it; a socket that could not be bound stays for CloseSocket.
 DWORD CNotifyAgent::CreateSocket()
 {
     SOCKET const s = ws::socket(AF_INET, SOCK_DGRAM, 0);
@@ -236,7 +248,9 @@ DWORD CNotifyAgent::ReceiveDatagrams()
             DropSocket(m_socket, m_wPort);
             break;
         }
-        ws::sendto(s, pszText.get(), cbReceived, 0, pFrom, cbFrom);
+        if (!IsOurOwn(from, m_wPort)) {
+            ws::sendto(s, pszText.get(), cbReceived, 0, pFrom, cbFrom);
+        }
         GetKickSeq(pszText.get(), &dwSequence);
         DWORD const dwLastKickSeq = m_dwLastKickSeq;
         if (dwLastKickSeq != 0 && dwLastKickSeq >= dwSequence) {
@@ -245,7 +259,7 @@ DWORD CNotifyAgent::ReceiveDatagrams()
         lstrcpynA(pszSenderAddress.get(), ws::inet_ntoa(from.sin_addr),
                   static_cast<int>(kcbSenderAddress));
         FindSenderName(from, pszSenderName.get());
-        CCallbackQThread::PostTo(m_pCallbackQThread, eCT_SELECT_NOTIFY, this, 0, 0, pszText.get(),
+        CCallbackQThread::PostTo(m_pCallbackQThread, eCT_SELECT_NOTIFY, 0, 0, pszText.get(),
                                  pszSenderAddress.get(), pszSenderName.get());
         m_dwLastKickSeq = dwSequence;
     }

@@ -1,14 +1,11 @@
-/*
- * The discovery job: a printer job language envelope around an option string, with which a device that
- * is reached along a print path learns where the agent listens.
- *
- *     ESC%-12345X@PJL SELECT="<01><15>TYPE=<ECHO>;NETADDR=10.1.2.3:1037;SRVQ=4711;"ESC%-12345X
- */
+// The discovery job: a printer job language envelope around an option string, with which a device that
+// is reached along a print path learns where the agent listens.
+//
+//     ESC%-12345X@PJL SELECT="<01><15>TYPE=<ECHO>;NETADDR=10.1.2.3:1037;SRVQ=4711;"ESC%-12345X
 #include <cstring>
 #include <new>
 
 #include "agent/agent_lock.h"
-#include "agent/callback_qthread.h"
 #include "agent/QOMANoAg.h"
 #include "foundation/g_file.h"
 #include "foundation/g_text.h"
@@ -16,15 +13,14 @@
 namespace {
 
 constexpr char kExitLanguage[] = "\x1B%-12345X";
-constexpr char kSelect[] =
-    "@PJL SELECT=\"\x01\x15TYPE=<ECHO>;"; /* its quote is closed at the end */
+constexpr char kSelect[] = "@PJL SELECT=\"\x01\x15TYPE=<ECHO>;"; // its quote is closed at the end
 constexpr char kSequenceKey[] = "SRVQ=";
 constexpr char kFileName[] = "A CGFile object";
 
-/* A counted CGFile, for a scope. */
+// A counted CGFile, for a scope.
 class CJobFile {
 public:
-    CJobFile() : m_pFile(new (std::nothrow) CGFile(kFileName))
+    CJobFile() : m_pFile(new(std::nothrow) CGFile(kFileName))
     {
         if (m_pFile != nullptr) {
             INC_OBJECT_COUNTER(eEC_NONE, m_pFile->m_strObjectName.m_pszText);
@@ -43,7 +39,7 @@ public:
 
     bool Exists() const { return m_pFile != nullptr; }
 
-    /* Writes pszJob whole to a target that is there already. 0, 110 or 29. */
+    // Writes pszJob whole to a target that is there already. 0, 110 or 29.
     DWORD WriteTo(char const *pszTarget, char const *pszJob)
     {
         if (m_pFile->Open(pszTarget, GENERIC_WRITE, FILE_SHARE_WRITE, /*pSecurity=*/nullptr,
@@ -83,8 +79,7 @@ DWORD CNotifyAgent::InitiateSrvQDiscovery(DWORD *pdwSequence, char const *pszTar
         return file.WriteTo(pszTarget, strJob);
     };
     return RunConnected(
-        m_hMutex, CCallbackQThread::LinkToWatch(this, m_pDolRtl),
-        [this] { return IsDeviceInitialized(); },
+        m_hMutex, [this] { return IsDeviceInitialized(); },
         [&]() -> DWORD {
             if (pszTarget == nullptr || pdwSequence == nullptr) {
                 return ERROR_INVALID_PARAMETER;

@@ -1,19 +1,17 @@
-/*
- * Option strings: what the client offers on the device's panel, with clauses that say who offers it.
- *
- *     Paper Archive;NETADDR=10.1.2.3:1037;SWINST=4711;
- *
- * Over a local link the device hands the text to every client that watches the object, so the agent
- * has to tell its own from others' by the NETADDR= clause that it built last.
- */
+// Option strings: what the client offers on the device's panel, with clauses that say who offers it.
+//
+//     Paper Archive;NETADDR=10.1.2.3:1037;SWINST=4711;
+//
+// Over a local link the device hands the text to every client that watches the object, so the agent
+// has to tell its own from others' by the NETADDR= clause that it built last.
 #include <cstdio>
 #include <cstring>
-#include <mutex>
 
 #include "agent/dol_objects.h"
 #include "agent/QOMANoAg.h"
 #include "dolrtl/QOMADolC.h"
 #include "foundation/g_text.h"
+#include "platform/lock.h"
 #include "platform/runtime.h"
 
 namespace {
@@ -21,19 +19,17 @@ namespace {
 constexpr char kNetAddrKey[] = "NETADDR=";
 constexpr char kInstanceKey[] = "SWINST=";
 
-/*
- * Over every agent's m_strNetAddr: the trap reader tests it while an operation replaces it by a
- * finished text. A leaf lock, held for a swap or for one search through a trap's text, so one for all
- * agents will do.
- */
-std::mutex g_mtxNetAddr;
+// Over every agent's m_strNetAddr: the trap reader tests it while an operation replaces it by a
+// finished text. A leaf lock, held for a swap or for one search through a trap's text, so one for all
+// agents will do.
+CPlatMutex g_mtxNetAddr;
 
 bool EndsInSeparator(char const *pszText, std::size_t cchText)
 {
     return pszText[cchText - 1] == g_aszText[eGT_SEMICOLON][0];
 }
 
-/* A number as signed decimal text. */
+// A number as signed decimal text.
 struct CNumberText {
     explicit CNumberText(int nValue) { std::snprintf(szText, sizeof szText, "%d", nValue); }
     char szText[12];
@@ -47,9 +43,7 @@ DWORD SetOption(CDolRtl &link, DWORD dwRow, CString const &strOption)
 
 } // namespace
 
-/*
- * Everything that can run out of memory comes before anything that the caller can see has changed.
- */
+// Everything that can run out of memory comes before anything that the caller can see has changed.
 DWORD CNotifyAgent::InsertNetAddr(char const *pszText, CString *pstrOut, DWORD *pdwNumber,
                                   int bNewNumber, char const *pszKey)
 {
@@ -78,7 +72,7 @@ DWORD CNotifyAgent::InsertNetAddr(char const *pszText, CString *pstrOut, DWORD *
     strOut += g_aszText[eGT_SEMICOLON];
 
     {
-        std::lock_guard<std::mutex> const lock(g_mtxNetAddr);
+        CPlatGuard const lock(g_mtxNetAddr);
         std::swap(m_strNetAddr, strNetAddr);
     }
     *pstrOut = std::move(strOut);
@@ -110,7 +104,7 @@ DWORD CNotifyAgent::AddUIOptionTrap(DWORD *pdwInstance, char const *pszOption)
     return NO_ERROR;
 }
 
-/* Unlike DeleteTrap it takes the subscription back first, and has no complaint about a count of 0. */
+// Unlike DeleteTrap it takes the subscription back first, and has no complaint about a count of 0.
 DWORD CNotifyAgent::DeleteUIOptionTrap(DWORD dwInstance, char const *pszOption)
 {
     CString strOption;
@@ -127,7 +121,7 @@ DWORD CNotifyAgent::DeleteUIOptionTrap(DWORD dwInstance, char const *pszOption)
 
 int CNotifyAgent::NetAddrIsOurs(char const *pszText)
 {
-    std::lock_guard<std::mutex> const lock(g_mtxNetAddr);
+    CPlatGuard const lock(g_mtxNetAddr);
     char const *const pszNetAddr = m_strNetAddr;
     return _mbsstr(reinterpret_cast<unsigned char const *>(pszText),
                    reinterpret_cast<unsigned char const *>(pszNetAddr)) != nullptr;

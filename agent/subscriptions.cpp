@@ -1,16 +1,13 @@
-/* What the client subscribes to, and when the device is told. */
+// What the client subscribes to, and when the device is told.
 #include "agent/agent_lock.h"
-#include "agent/callback_qthread.h"
 #include "agent/dol_objects.h"
 #include "agent/QOMANoAg.h"
 #include "dolrtl/QOMADolC.h"
 
 namespace {
 
-/*
- * Walks through the known flags of dwFlags, in the order of their values, until a step fails. panel
- * does the panel entry, trap the row of another notification.
- */
+// Walks through the known flags of dwFlags, in the order of their values, until a step fails. panel
+// does the panel entry, trap the row of another notification.
 template <class PanelStep, class TrapStep>
 DWORD WalkFlags(DWORD dwFlags, PanelStep panel, TrapStep trap)
 {
@@ -38,7 +35,7 @@ DWORD WalkFlags(DWORD dwFlags, PanelStep panel, TrapStep trap)
     return bSeen ? NO_ERROR : ERROR_INVALID_PARAMETER;
 }
 
-/* The count of a row, or null for a row that nobody subscribes to in this way. */
+// The count of a row, or null for a row that nobody subscribes to in this way.
 DWORD *CountOfRow(DWORD dwRow, DWORD &cAdf, DWORD &cScannerButton, DWORD &cFaxUpload)
 {
     switch (dwRow) {
@@ -58,8 +55,7 @@ DWORD *CountOfRow(DWORD dwRow, DWORD &cAdf, DWORD &cScannerButton, DWORD &cFaxUp
 DWORD CNotifyAgent::Add(DWORD *pdwInstance, DWORD dwFlags, char const *pszOption)
 {
     return RunConnected(
-        m_hMutex, CCallbackQThread::LinkToWatch(this, m_pDolRtl),
-        [this] { return IsDeviceInitialized(); },
+        m_hMutex, [this] { return IsDeviceInitialized(); },
         [&]() -> DWORD {
             return WalkFlags(
                 dwFlags, [&] { return AddUIOptionTrap(pdwInstance, pszOption); },
@@ -70,8 +66,7 @@ DWORD CNotifyAgent::Add(DWORD *pdwInstance, DWORD dwFlags, char const *pszOption
 DWORD CNotifyAgent::Delete(DWORD dwInstance, DWORD dwFlags, char const *pszOption)
 {
     return RunConnected(
-        m_hMutex, CCallbackQThread::LinkToWatch(this, m_pDolRtl),
-        [this] { return IsDeviceInitialized(); },
+        m_hMutex, [this] { return IsDeviceInitialized(); },
         [&]() -> DWORD {
             return WalkFlags(
                 dwFlags, [&] { return DeleteUIOptionTrap(dwInstance, pszOption); },
@@ -82,8 +77,7 @@ DWORD CNotifyAgent::Delete(DWORD dwInstance, DWORD dwFlags, char const *pszOptio
 DWORD CNotifyAgent::Modify(DWORD *pdwInstance, char const *pszOldOption, char const *pszNewOption)
 {
     return RunConnected(
-        m_hMutex, CCallbackQThread::LinkToWatch(this, m_pDolRtl),
-        [this] { return IsDeviceInitialized(); },
+        m_hMutex, [this] { return IsDeviceInitialized(); },
         [&]() -> DWORD {
             if (pdwInstance == nullptr || pszOldOption == nullptr || pszNewOption == nullptr) {
                 return ERROR_INVALID_PARAMETER;
@@ -149,7 +143,7 @@ DWORD CNotifyAgent::ResetScannerButtonOff()
     return SetScannerButtonOff(*m_pDolRtl);
 }
 
-/* Nothing in the agent calls it; it reads the selection object so that the library fetches it anew. */
+// Nothing in the agent calls it; it reads the selection object so that the library fetches it anew.
 DWORD CNotifyAgent::UISelectOption(DWORD, char const *)
 {
     DolObjectType &object = g_DolObjects[eDO_UI_SELECT_OPTION];

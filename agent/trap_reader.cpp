@@ -1,47 +1,39 @@
-/* Drains the traps that wait in the access library, and turns them into notifications. */
+// Drains the traps that wait in the access library, and turns them into notifications.
 #include "agent/trap_reader.h"
 
 #include <atomic>
 #include <cstring>
 #include <memory>
-#include <mutex>
 #include <new>
 
+#include "agent/agent_lock.h"
 #include "agent/callback_qthread.h"
 #include "agent/dol_callback.h"
 #include "agent/dol_objects.h"
 #include "agent/QOMANoAg.h"
+#include "agent/stack_list.h"
 #include "dolrtl/QOMADolC.h"
 #include "foundation/g_text.h"
 #include "platform/afx.h"
+#include "platform/lock.h"
 #include "platform/sync.h"
 
 namespace {
 
-constexpr DWORD kcbTrapValue = 349;               /* bytes of a value that are taken */
-constexpr DWORD kcbTrapBuffer = kcbTrapValue + 1; /* so that a text always ends in a zero */
+constexpr DWORD kcbTrapValue = 349;               // bytes of a value that are taken
+constexpr DWORD kcbTrapBuffer = kcbTrapValue + 1; // so that a text always ends in a zero
 
 constexpr DWORD kFeederBit = 0x10;
 constexpr DWORD kButtonPressed = 2;
 constexpr DWORD kFaxWaits = 6;
 
-/* {7D1E6A40-52C3-4B9E-A1F6-3E90C4D27B15}: written to SCAN_TOKEN it claims a press for this host. */
+// {7D1E6A40-52C3-4B9E-A1F6-3E90C4D27B15}: written to SCAN_TOKEN it claims a press for this host.
 constexpr unsigned char kClaimToken[16] = {0x40, 0x6A, 0x1E, 0x7D, 0xC3, 0x52, 0x9E, 0x4B,
                                            0xA1, 0xF6, 0x3E, 0x90, 0xC4, 0xD2, 0x7B, 0x15};
 constexpr unsigned char kFreeToken[16] = {};
 
-/*
- * The drains on clients' threads that are in progress, over all agents. A leaf lock, held for a few
- * pointer moves.
- */
-std::mutex g_mtxDrains;
-class CDrain;
-CDrain *g_pFirstDrain = nullptr;
-
-/*
- * One drain's hold on the link. The library's own thread needs no entry in the list: the destructor of
- * the access object waits for it, and it may need that destructor to break off a request that hangs.
- */
+// One drain's hold on the link. The library's own thread needs no entry in the list: the destructor of
+// the access object waits for it, and it may need that destructor to break off a request that hangs.
 class CDrain {
 public:
     explicit CDrain(std::atomic<CDolRtl *> const &pDolRtl) : m_bListed(!InDolRtlCallback())
@@ -52,22 +44,16 @@ public:
         }
         // Looked at under the lock: Shutdown clears the pointer first and walks the list then, so it
         // either finds this drain or this drain finds no link.
-        std::lock_guard<std::mutex> const lock(g_mtxDrains);
+        CPlatGuard const lock(s_mtxDrains);
         m_pLink = pDolRtl;
-        m_pNext = g_pFirstDrain;
-        g_pFirstDrain = this;
+        s_drains.Add(*this);
     }
     ~CDrain()
     {
-        if (!m_bListed) {
-            return;
+        if (m_bListed) {
+            CPlatGuard const lock(s_mtxDrains);
+            s_drains.Remove(*this);
         }
-        std::lock_guard<std::mutex> const lock(g_mtxDrains);
-        CDrain **ppDrain = &g_pFirstDrain;
-        while (*ppDrain != this) {
-            ppDrain = &(*ppDrain)->m_pNext;
-        }
-        *ppDrain = m_pNext;
     }
     CDrain(CDrain const &) = delete;
     CDrain &operator=(CDrain const &) = delete;
@@ -76,15 +62,17 @@ public:
 
     static bool Uses(CDolRtl const *pDolRtl)
     {
-        std::lock_guard<std::mutex> const lock(g_mtxDrains);
-        CDrain const *pDrain = g_pFirstDrain;
-        while (pDrain != nullptr && pDrain->m_pLink != pDolRtl) {
-            pDrain = pDrain->m_pNext;
-        }
-        return pDrain != nullptr;
+        CPlatGuard const lock(s_mtxDrains);
+        return s_drains.Find([&](CDrain const &drain) { return drain.m_pLink == pDolRtl; }) !=
+               nullptr;
     }
 
 private:
+    friend class CStackList<CDrain>;
+    // Those in progress, of all agents. A leaf lock, held for a walk through them.
+    static inline CPlatMutex s_mtxDrains;
+    static inline CStackList<CDrain> s_drains PLAT_GUARDED_BY(s_mtxDrains);
+
     bool const m_bListed;
     CDolRtl *m_pLink = nullptr;
     CDrain *m_pNext = nullptr;
@@ -97,10 +85,8 @@ DWORD WordOf(char const *pValue)
     return dwValue;
 }
 
-/*
- * Claims a press of the scanner button for this host. In every case the button's status goes back to
- * off after the attempt; a claimed token is freed again before anybody hears of the press.
- */
+// Claims a press of the scanner button for this host. In every case the button's status goes back to
+// off after the attempt; a claimed token is freed again before anybody hears of the press.
 bool ClaimButtonPress(CDolRtl &link)
 {
     bool const bOurs =
@@ -130,12 +116,12 @@ DWORD CNotifyAgent::ReadTraps()
     CDrain const drain(m_pDolRtl);
     CDolRtl *const pDolRtl = drain.Link();
     if (pDolRtl == nullptr) {
-        return IsDeviceInitialized();
+        return WithoutLink(IsDeviceInitialized());
     }
     char const *const pszNone = g_aszText[eGT_EMPTY];
     auto const Notify = [&](CallbackType eType, int nValue, DWORD dwValue, char const *pszOption) {
-        CCallbackQThread::PostTo(m_pCallbackQThread, eType, this, nValue, dwValue, pszOption,
-                                 pszNone, pszNone);
+        CCallbackQThread::PostTo(m_pCallbackQThread, eType, nValue, dwValue, pszOption, pszNone,
+                                 pszNone);
     };
 
     DWORD dwResult = NO_ERROR;

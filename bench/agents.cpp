@@ -31,15 +31,17 @@ Usage Now()
     Usage usage;
     std::ifstream status("/proc/self/status");
     for (std::string strWord; status >> strWord;) {
-        if (strWord == "VmRSS:")
+        if (strWord == "VmRSS:") {
             status >> usage.nMemoryKb;
-        else if (strWord == "Threads:")
+        } else if (strWord == "Threads:") {
             status >> usage.cThreads;
+        }
     }
     std::error_code none; // left when the agents have used all
     for ([[maybe_unused]] auto const &entry :
-         std::filesystem::directory_iterator("/proc/self/fd", none))
+         std::filesystem::directory_iterator("/proc/self/fd", none)) {
         ++usage.cDescriptors;
+    }
     return usage;
 }
 
@@ -52,18 +54,20 @@ double Milliseconds(Work fnWork)
         .count();
 }
 
-/// Runs in a child: the devices, for as long as the parent holds the pipe's other end.
+// Runs in a child: the devices, for as long as the parent holds the pipe's other end.
 [[noreturn]] void RunDevices(int fdPorts, int fdEnd)
 {
     std::vector<std::unique_ptr<CSoftDevice>> devices;
     for (int n = 0; n < kcDevices; ++n) {
         devices.push_back(std::make_unique<CSoftDevice>());
         std::string strError;
-        if (!devices.back()->Start(&strError))
+        if (!devices.back()->Start(&strError)) {
             std::fprintf(stderr, "bench_agents: %s\n", strError.c_str());
+        }
         WORD const wPort = devices.back()->Port();
-        if (write(fdPorts, &wPort, sizeof wPort) < 0)
+        if (write(fdPorts, &wPort, sizeof wPort) < 0) {
             std::_Exit(1);
+        }
     }
     char ch;
     while (read(fdEnd, &ch, 1) > 0) {
@@ -71,7 +75,7 @@ double Milliseconds(Work fnWork)
     std::_Exit(0);
 }
 
-/// Runs in a child of its own.
+// Runs in a child of its own.
 int Measure(int cAgents, std::vector<WORD> const &ports)
 {
     std::vector<std::unique_ptr<CNotifyAgent>> agents;
@@ -88,8 +92,9 @@ int Measure(int cAgents, std::vector<WORD> const &ports)
     });
     Usage const with = Now();
     double const nEnd = Milliseconds([&] {
-        for (auto const &pAgent : agents)
+        for (auto const &pAgent : agents) {
             pAgent->Shutdown();
+        }
     });
     agents.clear();
     Usage const after = Now();
@@ -112,16 +117,19 @@ int main(int argc, char **argv)
     files.rlim_cur = files.rlim_max; // the usual 1024 are enough for some 500 agents
     setrlimit(RLIMIT_NOFILE, &files);
     int anPorts[2], anEnd[2];
-    if (pipe(anPorts) != 0 || pipe(anEnd) != 0)
+    if (pipe(anPorts) != 0 || pipe(anEnd) != 0) {
         return 1;
+    }
     if (fork() == 0) {
         close(anEnd[1]);
         RunDevices(anPorts[1], anEnd[0]);
     }
     std::vector<WORD> ports(kcDevices);
-    for (WORD &wPort : ports)
-        if (read(anPorts[0], &wPort, sizeof wPort) != sizeof wPort)
+    for (WORD &wPort : ports) {
+        if (read(anPorts[0], &wPort, sizeof wPort) != sizeof wPort) {
             return 1;
+        }
+    }
     int nResult = 0;
     for (int n = 1; n < argc; ++n) {
         std::fflush(stdout);

@@ -24,7 +24,7 @@ inline std::int64_t NowNs()
     return ts.tv_sec * 1'000'000'000LL + ts.tv_nsec;
 }
 
-/// Keeps the calling thread, and those that it starts, on the first core for as long as it lives.
+// Keeps the calling thread, and those that it starts, on the first core for as long as it lives.
 class COneCore {
 public:
     COneCore()
@@ -43,22 +43,23 @@ private:
     cpu_set_t m_before;
 };
 
-/// The median of what each iteration took, as the counter "p50" in ns. On a shared machine the mean of
-/// waits tells more about the others than about the code.
+// The median of what each iteration took, as the counter "p50" in ns. On a shared machine the mean of
+// waits tells more about the others than about the code.
 class CSamples {
 public:
     explicit CSamples(benchmark::State &state) : m_state(state) {}
     ~CSamples()
     {
-        if (m_samples.empty())
+        if (m_samples.empty()) {
             return;
+        }
         auto const middle = m_samples.begin() + static_cast<std::ptrdiff_t>(m_samples.size() / 2);
         std::nth_element(m_samples.begin(), middle, m_samples.end());
         m_state.counters["p50"] = static_cast<double>(*middle);
     }
     CSamples(CSamples const &) = delete;
     CSamples &operator=(CSamples const &) = delete;
-    /// For a benchmark with UseManualTime, once for each iteration: ns for c of what is measured.
+    // For a benchmark with UseManualTime, once for each iteration: ns for c of what is measured.
     void Add(std::int64_t ns, std::int64_t c = 1)
     {
         m_samples.push_back(ns / c);
@@ -76,8 +77,9 @@ public:
     {
         std::string strPath =
             (std::filesystem::temp_directory_path() / "qoma-bench-XXXXXX").string();
-        if (!mkdtemp(strPath.data()))
+        if (!mkdtemp(strPath.data())) {
             throw std::runtime_error("cannot make a folder for temporary files");
+        }
         m_path = strPath;
     }
     ~CTempDir() { std::filesystem::remove_all(m_path); }
@@ -89,10 +91,10 @@ private:
     std::filesystem::path m_path;
 };
 
-/// The settings of a manager "bench" in a registry file, and the manager installed with them.
+// The settings of a manager "bench" in a registry file, and the manager installed with them.
 class CDiagnostics {
 public:
-    /// pszFileState, pszTdState: "1" for on. Events up to level 1 with any mask are taken. strLog is appended to.
+    // pszFileState, pszTdState: "1" for on. Events up to level 1 with any mask are taken. strLog is appended to.
     CDiagnostics(char const *pszFileState, char const *pszTdState, std::string const &strLog = "");
     ~CDiagnostics();
     CDiagnostics(CDiagnostics const &) = delete;

@@ -8,7 +8,7 @@
 #include <atomic>
 #include <thread>
 
-/// The way to the agent's port, which it tells to devices only.
+// The way to the agent's port, which it tells to devices only.
 struct CNotifyAgentProbe {
     static std::uint16_t Port(CNotifyAgent &agent) { return agent.m_wPort; }
 };
@@ -21,8 +21,9 @@ public:
     {
         std::string strError;
         if (!m_device.Start(&strError) ||
-            m_agent.Init("127.0.0.1", m_device.Port(), /*bNetwork=*/1) != 0)
+            m_agent.Init("127.0.0.1", m_device.Port(), /*bNetwork=*/1) != 0) {
             throw std::runtime_error("no agent: " + strError);
+        }
     }
     ~CAgentServer() { m_agent.Shutdown(); }
     std::uint16_t Port() { return CNotifyAgentProbe::Port(m_agent); }
@@ -51,8 +52,9 @@ private:
             socklen_t cbFrom = sizeof from;
             auto *const pFrom = reinterpret_cast<sockaddr *>(&from);
             ssize_t const cb = recvfrom(m_socket.Fd(), ab, sizeof ab - 1, 0, pFrom, &cbFrom);
-            if (cb > 0)
+            if (cb > 0) {
                 sendto(m_socket.Fd(), ab, static_cast<std::size_t>(cb), 0, pFrom, cbFrom);
+            }
         }
     }
     CUdpSocket m_socket;

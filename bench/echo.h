@@ -12,8 +12,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-/// A datagram socket at a free port of 127.0.0.1. Its receives end after a second: a lost datagram must not
-/// hang the run.
+// A datagram socket at a free port of 127.0.0.1. Its receives end after a second: a lost datagram must not
+// hang the run.
 class CUdpSocket {
 public:
     CUdpSocket() : m_fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0))
@@ -21,8 +21,9 @@ public:
         sockaddr_in address = Local(0);
         timeval const second{1, 0};
         setsockopt(m_fd, SOL_SOCKET, SO_RCVTIMEO, &second, sizeof second);
-        if (bind(m_fd, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0)
+        if (bind(m_fd, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0) {
             throw std::runtime_error("cannot bind a datagram socket");
+        }
     }
     ~CUdpSocket() { close(m_fd); }
     CUdpSocket(CUdpSocket const &) = delete;
@@ -54,8 +55,9 @@ public:
     {
         sockaddr_in const address = CUdpSocket::Local(wPort);
         if (connect(m_socket.Fd(), reinterpret_cast<sockaddr const *>(&address), sizeof address) !=
-            0)
+            0) {
             throw std::runtime_error("cannot connect a datagram socket");
+        }
     }
     void Send()
     {
@@ -77,7 +79,7 @@ private:
     int m_cSent = 0;
 };
 
-/// One datagram outstanding, all on one core.
+// One datagram outstanding, all on one core.
 template <class Server>
 void EchoBackToBack(benchmark::State &state)
 {
@@ -86,12 +88,13 @@ void EchoBackToBack(benchmark::State &state)
     CEchoDevice device(server.Port());
     for (auto _ : state) {
         device.Send();
-        if (!device.Receive())
+        if (!device.Receive()) {
             state.SkipWithError("no echo");
+        }
     }
 }
 
-/// The same with a pause before each datagram, in which the server finishes what it does after its echo.
+// The same with a pause before each datagram, in which the server finishes what it does after its echo.
 template <class Server>
 void EchoPaced(benchmark::State &state)
 {
@@ -104,29 +107,32 @@ void EchoPaced(benchmark::State &state)
         clock_nanosleep(CLOCK_MONOTONIC, 0, &pause, nullptr);
         std::int64_t const nStart = NowNs();
         device.Send();
-        if (!device.Receive())
+        if (!device.Receive()) {
             state.SkipWithError("no echo");
+        }
         samples.Add(NowNs() - nStart);
     }
 }
 
-/// As many as go: 16 outstanding.
+// As many as go: 16 outstanding.
 template <class Server>
 void EchoFlood(benchmark::State &state)
 {
     constexpr int kcOutstanding = 16;
     Server server;
     CEchoDevice device(server.Port());
-    for (int n = 0; n < kcOutstanding; ++n)
+    for (int n = 0; n < kcOutstanding; ++n) {
         device.Send();
+    }
     for (auto _ : state) {
-        if (!device.Receive())
+        if (!device.Receive()) {
             state.SkipWithError("no echo");
+        }
         device.Send();
     }
 }
 
-/// Registers a server for all three rows.
+// Registers a server for all three rows.
 template <class Server>
 bool EchoPeer(std::string const &strWho)
 {

@@ -27,9 +27,10 @@ private:
     void Receive()
     {
         m_socket.async_receive_from(asio::buffer(m_ab), m_from, [this](auto error, std::size_t cb) {
-            if (!error)
+            if (!error) {
                 m_socket.async_send_to(asio::buffer(m_ab, cb), m_from,
                                        [this](auto, std::size_t) { Receive(); });
+            }
         });
     }
     asio::io_context m_context{1};

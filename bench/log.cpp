@@ -26,26 +26,29 @@ void WriteLines(benchmark::State &state, LogFactory const &fnMake)
     CTempDir const dir;
     std::unique_ptr<CLogWriter> const pWriter = fnMake(dir.File("bench.log"));
     int n = 0;
-    for (auto _ : state)
+    for (auto _ : state) {
         pWriter->Write(++n);
+    }
 }
 
-/// This program once more, as a writer.
+// This program once more, as a writer.
 class CWriterProcess {
 public:
     CWriterProcess(std::string strWho, std::string strFile)
     {
         int anIn[2], anOut[2];
-        if (pipe2(anIn, O_CLOEXEC) != 0 || pipe2(anOut, O_CLOEXEC) != 0)
+        if (pipe2(anIn, O_CLOEXEC) != 0 || pipe2(anOut, O_CLOEXEC) != 0) {
             throw std::runtime_error("no pipes");
+        }
         posix_spawn_file_actions_t actions;
         posix_spawn_file_actions_init(&actions);
         posix_spawn_file_actions_adddup2(&actions, anIn[0], STDIN_FILENO);
         posix_spawn_file_actions_adddup2(&actions, anOut[1], STDOUT_FILENO);
         char szSelf[] = "/proc/self/exe", szRole[] = "--log-writer";
         char *apszArgs[] = {szSelf, szRole, strWho.data(), strFile.data(), nullptr};
-        if (posix_spawn(&m_pid, szSelf, &actions, nullptr, apszArgs, environ) != 0)
+        if (posix_spawn(&m_pid, szSelf, &actions, nullptr, apszArgs, environ) != 0) {
             throw std::runtime_error("cannot start a writer");
+        }
         posix_spawn_file_actions_destroy(&actions);
         close(anIn[0]);
         close(anOut[1]);
@@ -72,19 +75,23 @@ private:
     int m_fdIn, m_fdOut;
 };
 
-/// Time per line, of all processes together.
+// Time per line, of all processes together.
 void WriteByProcesses(benchmark::State &state, std::string const &strWho)
 {
     CTempDir const dir;
     std::vector<std::unique_ptr<CWriterProcess>> writers;
-    for (std::int64_t n = 0; n < state.range(0); ++n)
+    for (std::int64_t n = 0; n < state.range(0); ++n) {
         writers.push_back(std::make_unique<CWriterProcess>(strWho, dir.File("bench.log")));
+    }
     auto round = [&](int cLines) {
-        for (auto const &pWriter : writers)
+        for (auto const &pWriter : writers) {
             pWriter->Begin(cLines);
-        for (auto const &pWriter : writers)
-            if (!pWriter->Wait())
+        }
+        for (auto const &pWriter : writers) {
+            if (!pWriter->Wait()) {
                 state.SkipWithError("a writer has ended");
+            }
+        }
     };
     round(1); // all have begun
     CSamples samples(state);
@@ -116,10 +123,11 @@ bool LogPeer(std::string const &strWho, std::vector<int> const &processes, LogFa
 {
     Kinds()[strWho] = fnMake;
     benchmark::RegisterBenchmark(("log/" + strWho).c_str(), WriteLines, fnMake)->UseRealTime();
-    for (int const cProcesses : processes)
+    for (int const cProcesses : processes) {
         benchmark::RegisterBenchmark(("log-processes/" + strWho).c_str(), WriteByProcesses, strWho)
             ->Arg(cProcesses)
             ->UseManualTime();
+    }
     return true;
 }
 
@@ -128,10 +136,12 @@ int RunLogWriter(std::string const &strWho, std::string const &strFile)
     std::unique_ptr<CLogWriter> const pWriter = Kinds().at(strWho)(strFile);
     int cLines = 0;
     while (std::scanf("%d", &cLines) == 1) {
-        for (int n = 0; n < cLines; ++n)
+        for (int n = 0; n < cLines; ++n) {
             pWriter->Write(n);
-        if (write(STDOUT_FILENO, "", 1) != 1)
+        }
+        if (write(STDOUT_FILENO, "", 1) != 1) {
             return 1;
+        }
     }
     return 0;
 }

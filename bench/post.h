@@ -7,7 +7,7 @@
 
 #include <atomic>
 
-/// What the callbacks of all queues do.
+// What the callbacks of all queues do.
 class CArrivals {
 public:
     static void Arrived()
@@ -17,7 +17,7 @@ public:
         s_cArrived.notify_one();
     }
     static std::uint32_t Count() { return s_cArrived.load(); }
-    /// Waits for one more than cBefore, and tells when it arrived.
+    // Waits for one more than cBefore, and tells when it arrived.
     static std::int64_t Wait(std::uint32_t cBefore)
     {
         s_cArrived.wait(cBefore);
@@ -29,7 +29,7 @@ private:
     static inline std::atomic<std::uint32_t> s_cArrived{0};
 };
 
-/// A message as our peers make it: the text at its front, the rest zeros.
+// A message as our peers make it: the text at its front, the rest zeros.
 struct CMessage {
     explicit CMessage(std::string const &strText) { strText.copy(m_ab, sizeof m_ab - 1); }
     char m_ab[700] = {};
@@ -50,7 +50,7 @@ void PostLatency(benchmark::State &state)
     }
 }
 
-/// Never more than 8 wait.
+// Never more than 8 wait.
 template <class Queue>
 void PostThroughput(benchmark::State &state)
 {
@@ -61,8 +61,9 @@ void PostThroughput(benchmark::State &state)
     std::uint32_t const cBefore = CArrivals::Count();
     std::uint32_t cPosted = 0;
     auto wait = [&](std::uint32_t cMay) {
-        while (cPosted - (CArrivals::Count() - cBefore) > cMay)
+        while (cPosted - (CArrivals::Count() - cBefore) > cMay) {
             sched_yield();
+        }
     };
     for (auto _ : state) {
         wait(kcWaiting - 1);

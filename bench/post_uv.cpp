@@ -45,8 +45,9 @@ private:
             messages.swap(self.m_messages);
         }
         for (auto const &pMessage : messages) {
-            if (!pMessage)
+            if (!pMessage) {
                 return uv_close(reinterpret_cast<uv_handle_t *>(pAsync), nullptr);
+            }
             benchmark::DoNotOptimize(pMessage->m_ab);
             CArrivals::Arrived();
         }

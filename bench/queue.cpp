@@ -9,8 +9,10 @@ namespace {
 void AddAndTake(benchmark::State &state)
 {
     CGQueue queue("bench");
-    for (std::int64_t n = 0; n < state.range(0); ++n) // each before all others: that takes no walk
+    for (std::int64_t n = 0; n < state.range(0);
+         ++n) { // each before all others: that takes no walk
         queue.AddNode("node", nullptr, 0, /*nPriority=*/static_cast<DWORD>(n + 1));
+    }
     CSamples samples(state);
     for (auto _ : state) {
         std::int64_t const nStart = NowNs();

@@ -31,6 +31,7 @@ ROWS = [
     ("the same, two processes on one log", "log-processes/2", "ours", "log4cplus", "p50", 0.35, "liblog4cplus-dev"),
     ("thread start and end", "thread", "ours", "pthread", "time", 1.2, ""),
     ("queue thread start and end", "thread", "worker", "pthread", "time", 1.2, ""),
+    ("a subscription and its end, C interface against class", "capi", "ours", "class", "p50", 1.05, ""),
 ]
 WINE_ROWS = [("mutex, free: under Wine", "mutex", 0.002), ("SetEvent there and back: under Wine", "ping-pong", 0.12)]
 GROWTH = ["queue-add", "handlers-on", "log-processes", "registry-load", "registry-query", "registry-reload", "registry-reload-fresh"]

@@ -28,8 +28,9 @@ CDiagnostics::CDiagnostics(char const *pszFileState, char const *pszTdState,
         << strMasks
         << "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Norvale\\TraceDeck]\n\"Title\"=\"qoma-bench\"\n";
     PlatSetRegistryFile(m_dir.File("bench.reg").c_str());
-    if (GInstallEvtMgr("bench") != 0)
+    if (GInstallEvtMgr("bench") != 0) {
         throw std::runtime_error("no event manager");
+    }
 }
 
 CDiagnostics::~CDiagnostics()
@@ -52,11 +53,12 @@ void Site(benchmark::State &state)
 void EmptyLoop(benchmark::State &state)
 {
     int n = 0;
-    for (auto _ : state)
+    for (auto _ : state) {
         benchmark::DoNotOptimize(++n);
+    }
 }
 
-/// Both handlers are on; the level is above theirs.
+// Both handlers are on; the level is above theirs.
 void Refused(benchmark::State &state)
 {
     CDiagnostics const diagnostics("1", "1");
@@ -67,7 +69,7 @@ void Refused(benchmark::State &state)
     }
 }
 
-/// A viewer's window on a thread of its own, for the trace handler.
+// A viewer's window on a thread of its own, for the trace handler.
 class CViewer {
 public:
     CViewer()
@@ -100,14 +102,15 @@ private:
     HWND m_hWnd;
 };
 
-/// An event that is taken by none, the file, or the file and the viewer.
+// An event that is taken by none, the file, or the file and the viewer.
 void Taken(benchmark::State &state)
 {
     CViewer const viewer;
     CDiagnostics const diagnostics(state.range(0) > 0 ? "1" : "0", state.range(0) > 1 ? "1" : "0");
     int n = 0;
-    for (auto _ : state)
+    for (auto _ : state) {
         G_REPORT(eEB_INFO, eEC_OBJECT, eEL_TRACE, "request %d taken", ++n);
+    }
 }
 
 BENCHMARK(Site)->Name("site/ours");

@@ -67,7 +67,7 @@ private:
     bool m_fSet = false;
 };
 
-/// There and back, on one core.
+// There and back, on one core.
 template <class Signal>
 void PingPong(benchmark::State &state)
 {
@@ -77,8 +77,9 @@ void PingPong(benchmark::State &state)
     std::thread other([&] {
         for (;;) {
             there.Wait();
-            if (fEnd)
+            if (fEnd) {
                 return;
+            }
             back.Set();
         }
     });
@@ -101,11 +102,12 @@ void ThreadOurs(benchmark::State &state)
     }
 }
 
-/// A worker with its queue, locks and events.
+// A worker with its queue, locks and events.
 void WorkerOurs(benchmark::State &state)
 {
-    for (auto _ : state)
+    for (auto _ : state) {
         (new CGQThread("worker", eTK_BEGINTHREADEX, -1, -1, 0))->Release();
+    }
 }
 
 void ThreadPthread(benchmark::State &state)

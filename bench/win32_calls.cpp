@@ -21,8 +21,9 @@ double MedianNs(int cTimes, Work fnWork)
     std::vector<double> rounds;
     for (int nRound = 0; nRound < 11; ++nRound) {
         auto const start = std::chrono::steady_clock::now();
-        for (int n = 0; n < cTimes; ++n)
+        for (int n = 0; n < cTimes; ++n) {
             fnWork();
+        }
         std::chrono::duration<double, std::nano> const took =
             std::chrono::steady_clock::now() - start;
         rounds.push_back(took.count() / cTimes);
@@ -35,8 +36,9 @@ unsigned __stdcall Answer(void *)
 {
     for (;;) {
         WaitForSingleObject(g_hThere, INFINITE);
-        if (g_fEnd)
+        if (g_fEnd) {
             return 0;
+        }
         SetEvent(g_hBack);
     }
 }

@@ -24,16 +24,38 @@ add_library(qoma_options INTERFACE)
 target_include_directories(qoma_options INTERFACE ${CMAKE_SOURCE_DIR})
 # Texts that snprintf cuts are cut on purpose; what it would overrun it cannot.
 target_compile_options(qoma_options INTERFACE
-  -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Woverloaded-virtual -Wcast-qual
+  -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Woverloaded-virtual -Wcast-qual -Wdate-time
   -fmacro-prefix-map=${CMAKE_SOURCE_DIR}/= # reports name a source by its place in the tree
   $<$<CXX_COMPILER_ID:GNU>:-Wno-format-truncation>
+  $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety> # what platform/lock.h marks
   $<$<BOOL:${QOMA_WARNINGS_AS_ERRORS}>:-Werror>)
+# What must be true inside is looked at wherever nobody waits for speed (platform/check.h).
+target_compile_definitions(qoma_options INTERFACE $<$<CONFIG:Debug>:QOMA_CHECKS>)
 if(CMAKE_CXX_COMPILER_ID STREQUAL GNU AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
   # These versions see overlaps in std::string's operator+ that cannot be.
   target_compile_options(qoma_options INTERFACE -Wno-restrict)
 endif()
 # A module depends on what it calls, not on all that the static libraries in it could need.
 target_link_options(qoma_options INTERFACE $<$<NOT:$<BOOL:${WIN32}>>:-Wl,--as-needed>)
+# What is handed out is the same bit by bit wherever it is built, and hardened as Debian's own (dpkg-buildflags).
+set(for_use $<CONFIG:Release,RelWithDebInfo>)
+if(QOMA_SANITIZE) # a list with commas, which an expression would take for its own
+  set(for_use 0)
+endif()
+file(RELATIVE_PATH up ${CMAKE_BINARY_DIR} ${CMAKE_SOURCE_DIR}) # so a compiler's cache may name sources
+target_compile_options(qoma_options INTERFACE
+  "$<${for_use}:-ffile-prefix-map=${up}=;-ffile-prefix-map=${CMAKE_SOURCE_DIR}/=;-ffile-prefix-map=${CMAKE_BINARY_DIR}=.>")
+if(WIN32)
+  target_link_options(qoma_options INTERFACE -Wl,--no-insert-timestamp)
+else()
+  target_compile_options(qoma_options INTERFACE
+    "$<${for_use}:-fstack-protector-strong;-Wformat;-Wformat-security>")
+  target_compile_definitions(qoma_options INTERFACE $<${for_use}:_FORTIFY_SOURCE=2>)
+  target_link_options(qoma_options INTERFACE "$<${for_use}:-Wl,-z,relro;-Wl,-z,now>")
+  set(CMAKE_STRIP ${CMAKE_SOURCE_DIR}/cmake/strip.sh)
+  include(CheckPIESupported)
+  check_pie_supported(LANGUAGES CXX)
+endif()
 if(QOMA_SANITIZE)
   target_compile_options(qoma_options INTERFACE
     -fsanitize=${QOMA_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)

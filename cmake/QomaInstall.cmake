@@ -6,6 +6,7 @@ if(NOT WIN32 AND CMAKE_LIBRARY_ARCHITECTURE AND NOT DEFINED CMAKE_INSTALL_LIBDIR
   set(CMAKE_INSTALL_LIBDIR lib/${CMAKE_LIBRARY_ARCHITECTURE} CACHE PATH "Object code libraries")
 endif()
 set(CMAKE_INSTALL_DOCDIR share/doc/qoma)
+set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME qoma)
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
@@ -14,14 +15,31 @@ include(CMakePackageConfigHelpers)
 set(module_dir ${CMAKE_INSTALL_LIBDIR}/qoma)
 set(header_dir ${CMAKE_INSTALL_INCLUDEDIR}/qoma)
 file(RELATIVE_PATH from_bin /${CMAKE_INSTALL_BINDIR} /${module_dir})
-set_target_properties(QOMANoAg PROPERTIES INSTALL_RPATH $ORIGIN)
-set_target_properties(notifymon mfpsim tracedeck PROPERTIES INSTALL_RPATH $ORIGIN/${from_bin})
+# Whatever else is built and given to users has its name here; its man page is found by itself.
+set(modules QOMANoAg QOMANoAgC QOMADolC)
+set(programs notifymon mfpsim tracedeck)
+set_target_properties(${modules} PROPERTIES INSTALL_RPATH $ORIGIN)
+set_target_properties(${programs} PROPERTIES INSTALL_RPATH $ORIGIN/${from_bin})
 
-install(TARGETS QOMANoAg QOMADolC EXPORT QOMANoAg
+# All of it is there, or nothing is installed. The list of what was installed may be root's, from the last time.
+set(handed_out ${modules} ${programs})
+foreach(target ${handed_out})
+  list(APPEND built $<TARGET_FILE:${target}>)
+endforeach()
+install(CODE "
+  set(built \"${built}\")
+  foreach(file IN LISTS built)
+    if(NOT EXISTS \${file})
+      message(FATAL_ERROR \"\${file} has not been built yet\")
+    endif()
+  endforeach()
+  file(REMOVE \"${CMAKE_BINARY_DIR}/install_manifest.txt\")")
+
+install(TARGETS ${modules} EXPORT QOMANoAg
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
   LIBRARY DESTINATION ${module_dir}
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
-install(TARGETS notifymon mfpsim tracedeck RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(TARGETS ${programs} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 
 # What a client includes, and what that includes in turn; QOMADolC.h names the codes that come through.
 install(FILES agent/QOMANoAg.h DESTINATION ${header_dir}/agent)
@@ -30,33 +48,71 @@ foreach(header afx base cstring export socket sync)
   install(FILES platform/${header}.h DESTINATION ${header_dir}/platform)
 endforeach()
 
+# What a client in C includes, what the system's usual compiler links, and the package for Python.
+install(FILES capi/qoma_notify.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+set(python_dir lib/python3/dist-packages)
+if(WIN32)
+  install(FILES ${CMAKE_ARCHIVE_OUTPUT_DIRECTORY}/QOMANoAgC.lib capi/QOMANoAgC.def DESTINATION ${CMAKE_INSTALL_LIBDIR})
+  set(python_dir python)
+  set(import_library import_library)
+endif()
+install(DIRECTORY python/qoma DESTINATION ${python_dir} COMPONENT python FILES_MATCHING PATTERN "*.py" PATTERN py.typed)
+
 # find_package(QOMANoAg)
 set(config_dir ${CMAKE_INSTALL_LIBDIR}/cmake/QOMANoAg)
 target_include_directories(QOMANoAg INTERFACE $<INSTALL_INTERFACE:${header_dir}>)
 target_compile_features(QOMANoAg INTERFACE cxx_std_17)
+target_include_directories(QOMANoAgC INTERFACE $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
 install(EXPORT QOMANoAg FILE QOMANoAgConfig.cmake NAMESPACE QOMANoAg:: DESTINATION ${config_dir})
 set(version_file ${CMAKE_BINARY_DIR}/install/QOMANoAgConfigVersion.cmake)
 write_basic_package_version_file(${version_file} COMPATIBILITY SameMajorVersion)
 install(FILES ${version_file} DESTINATION ${config_dir})
 
-# pkg-config QOMANoAg
+# pkg-config QOMANoAg, pkg-config QOMANoAgC
 file(RELATIVE_PATH to_prefix /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
 string(REGEX REPLACE "/$" "" to_prefix ${to_prefix})
-if(WIN32)
-  # By its whole name: with -static, as clients of mingw-w64 are linked, the linker would not find it.
-  set(pc_libs "-L\${libdir} -l:libQOMANoAg.dll.a")
-else()
-  set(pc_libs "-L\${libdir}/qoma -l:QOMANoAg.so -Wl,-rpath,\${libdir}/qoma")
-endif()
-configure_file(cmake/QOMANoAg.pc.in install/QOMANoAg.pc @ONLY)
-install(FILES ${CMAKE_BINARY_DIR}/install/QOMANoAg.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+foreach(module QOMANoAg QOMANoAgC)
+  if(WIN32)
+    # By its whole name: with -static, as clients of mingw-w64 are linked, the linker would not find it.
+    set(pc_libs "-L\${libdir} -l:lib${module}.dll.a")
+  else()
+    set(pc_libs "-L\${libdir}/qoma -l:${module}.so -Wl,-rpath,\${libdir}/qoma")
+  endif()
+  set(pc_headers "\${includedir}")
+  if(module STREQUAL QOMANoAg)
+    set(pc_headers "\${includedir}/qoma")
+  endif()
+  configure_file(cmake/QOMANoAg.pc.in install/${module}.pc @ONLY)
+  install(FILES ${CMAKE_BINARY_DIR}/install/${module}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+endforeach()
 
-install(FILES README.md docs/example.reg docs/registry-file.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(FILES docs/example.reg DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(FILES tools/wireshark/qoma.lua DESTINATION share/qoma/wireshark)
+
+# Their links lead to what is installed.
+set(documents README.md CHANGELOG.md SECURITY.md docs/registry-file.md docs/reliability.md docs/c-interface.md
+  docs/testing-a-client.md docs/web-api.md docs/device-link.md)
+list(TRANSFORM documents REPLACE ".*/" "" OUTPUT_VARIABLE there)
+list(JOIN there " " there)
+foreach(file ${documents})
+  get_filename_component(name ${file} NAME)
+  set(packed ${CMAKE_BINARY_DIR}/install/${name})
+  add_custom_command(OUTPUT ${packed} DEPENDS ${file} cmake/InstalledDocument.awk VERBATIM COMMENT "Taking over ${name}"
+    COMMAND awk -v "there=${there} example.reg examples" -f ${CMAKE_CURRENT_SOURCE_DIR}/cmake/InstalledDocument.awk
+      ${CMAKE_CURRENT_SOURCE_DIR}/${file} > ${packed})
+  list(APPEND packed_files ${packed})
+endforeach()
+install(FILES ${packed_files} DESTINATION ${CMAKE_INSTALL_DOCDIR})
 
 if(NOT WIN32)
   install(FILES docs/debian/copyright DESTINATION ${CMAKE_INSTALL_DOCDIR})
-  foreach(file docs/debian/changelog docs/man/notifymon.1 docs/man/mfpsim.1 docs/man/tracedeck.1 docs/man/QOMANoAg.3)
+  install(FILES docs/debian/lintian-overrides DESTINATION share/lintian/overrides RENAME qoma)
+  foreach(program notifymon mfpsim tracedeck)
+    install(FILES tools/completion.bash DESTINATION share/bash-completion/completions RENAME ${program})
+  endforeach()
+  file(GLOB pages CONFIGURE_DEPENDS RELATIVE ${CMAKE_CURRENT_SOURCE_DIR} docs/man/*)
+  foreach(file docs/debian/changelog ${pages})
     get_filename_component(name ${file} NAME)
     set(packed ${CMAKE_BINARY_DIR}/install/${name}.gz)
     add_custom_command(OUTPUT ${packed} DEPENDS ${file} VERBATIM COMMENT "Packing ${name}"
@@ -68,17 +124,21 @@ if(NOT WIN32)
       install(FILES ${packed} DESTINATION ${CMAKE_INSTALL_DOCDIR})
     endif()
   endforeach()
-  add_custom_target(packed_files ALL DEPENDS ${packed_files})
 endif()
+if(NOT WIN32)
+  set(python_doc_dir share/doc/python3-qoma)
+  install(FILES docs/debian/copyright ${CMAKE_BINARY_DIR}/install/changelog.gz DESTINATION ${python_doc_dir} COMPONENT python)
+  install(FILES docs/debian/lintian-overrides.python DESTINATION share/lintian/overrides RENAME python3-qoma COMPONENT python)
+endif()
+add_custom_target(handed_out ALL DEPENDS ${handed_out} ${packed_files} ${import_library})
 
 # dist/ of a Windows build is what such a machine gets, installed: it runs where it is copied to.
 if(WIN32)
-  set(handed_out QOMANoAg QOMADolC notifymon mfpsim tracedeck)
   add_custom_command(OUTPUT dist/.stamp
     COMMAND ${CMAKE_COMMAND} -E rm -rf dist
     COMMAND ${CMAKE_COMMAND} --install ${CMAKE_BINARY_DIR} --prefix ${CMAKE_BINARY_DIR}/dist --strip
     COMMAND ${CMAKE_COMMAND} -E touch dist/.stamp
-    DEPENDS ${handed_out} VERBATIM COMMENT "Collecting dist/")
+    DEPENDS ${handed_out} ${packed_files} ${import_library} VERBATIM COMMENT "Collecting dist/")
   add_custom_target(dist ALL DEPENDS dist/.stamp)
 endif()
 
@@ -106,16 +166,29 @@ set(CPACK_PACKAGING_INSTALL_PREFIX "") # archives begin with bin, lib and so on
 set(CPACK_PROJECT_CONFIG_FILE ${CMAKE_SOURCE_DIR}/cmake/QomaPackage.cmake)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_MAINTAINER "QOMA developers <qoma@localhost>")
-set(CPACK_DEBIAN_PACKAGE_SECTION libdevel)
-set(CPACK_DEBIAN_PACKAGE_SUGGESTS "g++, pkg-config, cmake")
+# Two of them: what is for Python is for every processor, and needs nobody who has no Python.
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_COMPONENTS_ALL qoma python)
+set(CPACK_DEBIAN_QOMA_PACKAGE_NAME qoma)
+set(CPACK_DEBIAN_QOMA_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_QOMA_PACKAGE_SUGGESTS "g++, pkg-config, cmake, python3-qoma")
+set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME python3-qoma)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_ARCHITECTURE all)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS "qoma (>= ${PROJECT_VERSION}), python3 (>= 3.9)")
+set(CPACK_DEBIAN_PYTHON_PACKAGE_SHLIBDEPS OFF)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_LIBRARY_OUTPUT_DIRECTORY})
-set(CPACK_DEBIAN_PACKAGE_DESCRIPTION
+set(about
 "A client program loads the module QOMANoAg to hear from a printer, scanner or
 fax: an entry on its panel was picked, the feeder changed, the scan button was
 pressed, a fax waits, the link is back.
 .
-The package holds the module with what a client is built with, a device in
-software (mfpsim), a client for the command line (notifymon) and a viewer for
-traces (tracedeck).")
+")
+set(CPACK_DEBIAN_QOMA_DESCRIPTION
+"${about}The package holds the module with what a client is built with, for C++ and for
+C, a device in software (mfpsim), a client for the command line (notifymon) and
+a viewer for traces (tracedeck).")
+set(CPACK_DEBIAN_PYTHON_DESCRIPTION
+"${about}The package is what a client in Python imports.")
 include(CPack)

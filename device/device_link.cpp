@@ -2,111 +2,116 @@
 
 #include "devlink/link_protocol.h"
 
-#include <system_error>
+#include <algorithm>
 
 using std::chrono::milliseconds;
 
 namespace {
 
-constexpr size_t kMaxOutgoing = 4096; // frames
+constexpr std::size_t kMaxOutgoing = 4096; // frames
 constexpr milliseconds kSendTime{3000};
+constexpr milliseconds kHelloTime{3000}; // from the connection to the first frame
 
 } // namespace
 
-CDeviceLink::CDeviceLink(ClientId id, SOCKET s, Owner &owner)
-    : m_id(id), m_owner(owner), m_stream(s)
+CDeviceLink::CDeviceLink(ClientId id, SOCKET s)
+    : m_id(id), m_stream(s), m_silentAt(LinkClock::now() + kHelloTime)
 {
 }
 
-CDeviceLink::~CDeviceLink()
+LinkReceive CDeviceLink::Next(LinkFrame *pFrame, LinkTime now)
 {
-    Close();
-    if (m_thReceive.joinable())
-        m_thReceive.join();
-    if (m_thSend.joinable())
-        m_thSend.join();
-}
-
-void CDeviceLink::Start()
-{
-    m_cRunning = 1;
-    try {
-        m_thReceive = std::thread([this] { Receive(); });
-        ++m_cRunning;
-        m_thSend = std::thread([this] { Send(); });
-    } catch (std::system_error const &) { // no more threads: no link
-        --m_cRunning;
-        Close();
+    LinkReceive const eReceive = m_stream.NextFrame(pFrame);
+    if (eReceive == eRX_FRAME) {
+        m_silentAt = now + milliseconds(kLinkSilenceMs);
     }
+    return eReceive;
+}
+
+void CDeviceLink::End()
+{
+    m_fEnded = true;
+    m_outgoing.clear();
 }
 
 void CDeviceLink::Close()
 {
+    End();
     m_stream.Close();
-    std::lock_guard lock(m_mx);
-    m_fClosed = true;
-    m_cv.notify_all();
+}
+
+void CDeviceLink::Queue(Outgoing outgoing)
+{
+    if (m_fEnded) {
+        return;
+    }
+    if (m_outgoing.size() == kMaxOutgoing) {
+        return End();
+    }
+    m_outgoing.push_back(std::move(outgoing));
 }
 
 void CDeviceLink::Post(LinkBytes bytes, LinkTime due)
 {
-    bool fTooMany = false;
-    {
-        std::lock_guard lock(m_mx);
-        fTooMany = m_outgoing.size() == kMaxOutgoing;
-        if (!fTooMany && !m_fClosed)
-            m_outgoing.push_back({std::move(bytes), due});
-        m_cv.notify_all();
-    }
-    if (fTooMany)
-        Close();
+    Queue({std::move(bytes), due});
 }
 
 void CDeviceLink::PostEnd()
 {
-    Post({}, LinkTime::min());
+    Queue({{}, LinkTime::min()});
 }
 
-void CDeviceLink::Receive()
+void CDeviceLink::PostFinish()
 {
-    LinkFrame frame;
-    LinkReceive eReceive;
-    for (;;) {
-        eReceive = m_stream.Receive(&frame, LinkClock::now() + milliseconds(kLinkSilenceMs));
-        if (eReceive != eRX_FRAME)
-            break;
-        m_owner.OnFrame(*this, frame);
+    Queue({{}, LinkTime::min(), true});
+}
+
+bool CDeviceLink::SendFirst(LinkTime now)
+{
+    Outgoing const &first = m_outgoing.front();
+    if (first.fFinish) {
+        m_stream.FinishSending();
+        return true;
     }
-    // Before the connection closes: a client that hears us hang up may rely on being forgotten.
-    m_owner.OnEnd(*this, eReceive == eRX_GARBAGE   ? "it sends garbage"
-                         : eReceive == eRX_TIMEOUT ? "it is silent"
-                                                   : "closed");
-    Close();
-    --m_cRunning;
+    if (first.bytes.empty()) {
+        End();
+        return false;
+    }
+    while (m_cbSent < first.bytes.size()) {
+        int const n =
+            m_stream.SendSome(first.bytes.data() + m_cbSent, first.bytes.size() - m_cbSent);
+        if (n > 0) {
+            m_cbSent += static_cast<std::size_t>(n);
+            m_stuckSince = LinkTime::max();
+            continue;
+        }
+        m_stuckSince = std::min(m_stuckSince, now);
+        if (n < 0 || now - m_stuckSince >= kSendTime) {
+            End();
+        }
+        return false;
+    }
+    m_cbSent = 0;
+    return true;
 }
 
-void CDeviceLink::Send()
+void CDeviceLink::Send(LinkTime now)
 {
-    std::unique_lock lock(m_mx);
-    while (!m_fClosed) {
-        if (m_outgoing.empty()) {
-            m_cv.wait(lock);
-            continue;
-        }
-        if (LinkClock::now() < m_outgoing.front().due) {
-            LinkTime const due = m_outgoing.front().due; // a copy: the queue may move meanwhile
-            m_cv.wait_until(lock, due);
-            continue;
-        }
-        LinkBytes const bytes = std::move(m_outgoing.front().bytes);
+    while (!m_outgoing.empty() && m_outgoing.front().due <= now && SendFirst(now)) {
         m_outgoing.pop_front();
-        lock.unlock();
-        bool const fSent = !bytes.empty() && m_stream.Send(bytes, LinkClock::now() + kSendTime);
-        lock.lock();
-        if (!fSent)
-            m_fClosed = true;
     }
-    lock.unlock();
-    m_stream.Close();
-    --m_cRunning;
+}
+
+LinkTime CDeviceLink::Due() const
+{
+    if (m_fEnded) {
+        return LinkTime::min(); // to be closed and taken away
+    }
+    LinkTime due = m_silentAt;
+    if (AwaitsRoom()) {
+        due = std::min(due, m_stuckSince + kSendTime);
+    } else if (!m_outgoing.empty()) {
+        due = std::min(due, m_outgoing.front().due);
+    }
+    return due;
 }

@@ -1,87 +1,89 @@
 #pragma once
-/*
- * One connection of a client to the software device: a thread that receives its frames, and one that
- * sends to it, so that a client which does not read holds up nobody but itself.
- */
+/// @file
+/// One connection of a client to the software device: its frames as they come, and what waits to be sent, so
+/// that a client which does not read holds up nobody but itself. No thread, no lock: the device's loop says
+/// when there is something to do.
 #include "device/device_model.h"
 #include "devlink/link_frame.h"
 #include "devlink/link_stream.h"
 
-#include <atomic>
-#include <condition_variable>
 #include <deque>
 #include <map>
-#include <memory>
-#include <mutex>
 #include <string>
-#include <thread>
 
+/// One client's connection, as the device sees it. All of it under the device's lock.
 class CDeviceLink {
 public:
-    // What the receiving thread calls, without a lock of the link's.
-    class Owner {
-    public:
-        // A frame of the client's has come.
-        virtual void OnFrame(CDeviceLink &link, LinkFrame const &frame) = 0;
-        virtual void OnEnd(CDeviceLink &link,
-                           std::string const &strReason) = 0; // once, the last call
-    protected:
-        ~Owner() = default;
-    };
-
-    // What the client has registered an object with.
+    /// What the client has registered an object with.
     struct Registration {
-        WORD wTrapId = 0;  // its own number for the object's traps
-        BYTE dataType = 0; // a LinkDataType
+        WORD wTrapId = 0;  ///< its own number for the object's traps
+        BYTE dataType = 0; ///< a LinkDataType
     };
 
-    // Takes the socket over; the owner must outlive the link. No thread runs yet.
-    CDeviceLink(ClientId id, SOCKET s, Owner &owner);
-    ~CDeviceLink(); // ends the link and waits for both threads; not on one of them
+    /// Takes the socket over.
+    CDeviceLink(ClientId id, SOCKET s);
 
-    // Starts both threads. Once.
-    void Start();
+    SOCKET Socket() const { return m_stream.Socket(); } ///< to wait for; INVALID_SOCKET once closed
 
-    // Queues bytes to be sent, not before the given time. Order is kept. A client that lets too much
-    // pile up is cut off.
+    /// Takes in what has come, when something has. False at the end of the connection.
+    bool Read() { return m_stream.ReadSome(); }
+    /// The next whole frame of what has come: eRX_FRAME, eRX_TIMEOUT for none yet, or eRX_GARBAGE.
+    LinkReceive Next(LinkFrame *pFrame, LinkTime now);
+
+    /// Queues bytes to be sent, not before the given time. Order is kept. A client that lets too much
+    /// pile up is cut off.
     void Post(LinkBytes bytes, LinkTime due);
-    // Ends the link once all that was posted before has been sent.
+    /// Ends the link once all that was posted before has been sent.
     void PostEnd();
-    // Ends the link at once. Any thread; does not wait.
+    /// Tells the client that nothing more comes, once all that was posted before has been sent. The link
+    /// ends when the client hangs up, which says that it has received all.
+    void PostFinish();
+    /// Sends what is due, as far as the client takes it.
+    void Send(LinkTime now);
+    /// When Send or Silence has something to do again, whatever else happens.
+    LinkTime Due() const;
+    bool AwaitsRoom() const
+    {
+        return m_stuckSince != LinkTime::max();
+    } ///< the client takes nothing now
+
+    /// Whether the client has been silent for too long.
+    bool IsSilent(LinkTime now) const { return now >= m_silentAt; }
+    /// Nothing more is to be sent, or can be: the link is to be closed.
+    bool IsEnded() const { return m_fEnded; }
+    /// Closes the connection; the loop waits for it no more.
     void Close();
 
-    // Both threads have ended; destroying the link does not wait.
-    bool IsFinished() const { return m_cRunning == 0; }
-
-    // Who the client is, and where it is connected from. Any thread.
+    /// @{
+    /// Who the client is, and where it is connected from.
     ClientId Id() const { return m_id; }
     LinkAddress Peer() const { return m_stream.Peer(); }
+    /// @}
 
-    // The owner's, under its lock.
-    bool fGone = false; // the device does not know it any more
-    BYTE use = 0;       // of LinkUse, after fHello
-    bool fHello = false;
-    std::string strAddress;                    // the address text of a local link
-    std::map<int, Registration> registrations; // by row
+    bool fGone = false;                        ///< the device does not know it any more
+    bool fHello = false;                       ///< the client has said who it is
+    bool fAwaitsRoom = false;                  ///< the loop waits for room, too
+    LinkTime lastRequest;                      ///< pings do not count
+    BYTE use = 0;                              ///< of LinkUse, after fHello
+    std::string strAddress;                    ///< the address text of a local link
+    std::map<int, Registration> registrations; ///< by row
 
 private:
     struct Outgoing {
         LinkBytes bytes; // none: the end
         LinkTime due;
+        bool fFinish = false; // without bytes: only that of our direction
     };
 
-    void Receive();
-    void Send();
+    void Queue(Outgoing outgoing);
+    void End();
+    bool SendFirst(LinkTime now); // false when it has to wait, or the link is at its end
 
     ClientId const m_id;
-    Owner &m_owner;
     CLinkStream m_stream;
-    std::atomic<int> m_cRunning{0};
-    std::thread m_thReceive;
-    std::thread m_thSend;
-
-    std::mutex m_mx; // a leaf; guards what follows
-    std::condition_variable m_cv;
+    LinkTime m_silentAt;
+    LinkTime m_stuckSince = LinkTime::max();
     std::deque<Outgoing> m_outgoing;
-    bool m_fClosed = false;
+    std::size_t m_cbSent = 0; // of the first
+    bool m_fEnded = false;
 };

@@ -6,7 +6,7 @@
 
 namespace {
 
-constexpr size_t kMaxPanelEntries = 256;
+constexpr std::size_t kMaxPanelEntries = 256;
 
 std::string ToText(LinkBytes const &bytes)
 {
@@ -27,8 +27,9 @@ bool IsZero(LinkBytes const &bytes)
 
 bool CScanToken::Claim(ClientId client)
 {
-    if (!m_fPressWaits || (m_holder != 0 && m_holder != client))
+    if (!m_fPressWaits || (m_holder != 0 && m_holder != client)) {
         return false;
+    }
     m_fPressWaits = false;
     m_holder = client;
     return true;
@@ -36,32 +37,34 @@ bool CScanToken::Claim(ClientId client)
 
 bool CScanToken::Free(ClientId client)
 {
-    if (m_holder != client)
+    if (m_holder != client) {
         return false;
+    }
     m_holder = 0;
     return true;
 }
 
-CDeviceModel::CDeviceModel()
+CDeviceModel::CDeviceModel(std::string const &strSerial)
 {
     m_values[eDO_NOT_READY_SOURCE_SCANNER] = WordValue(0);
     m_values[eDO_SCANNER_BUTTON_STATUS] = WordValue(kButtonOff);
     m_values[eDO_SCAN_TOKEN] = LinkBytes(kTokenSize);
-    m_values[eDO_SERIAL_NUMBER] = ToBytes("VX4-000001");
+    m_values[eDO_SERIAL_NUMBER] = ToBytes(strSerial);
     m_values[eDO_FAX_UPLOAD] = WordValue(0);
 }
 
 DWORD CDeviceModel::Get(int nRow, BYTE dataType, LinkBytes *pValue) const
 {
-    if (dataType != g_deviceObjects[nRow].dataType)
+    if (dataType != g_deviceObjects[nRow].dataType) {
         return eLR_WRONG_TYPE;
-    *pValue = m_values[static_cast<size_t>(nRow)];
+    }
+    *pValue = m_values[static_cast<std::size_t>(nRow)];
     return eLR_OK;
 }
 
 ObjectChange CDeviceModel::Store(int nRow, LinkBytes value)
 {
-    m_values[static_cast<size_t>(nRow)] = value;
+    m_values[static_cast<std::size_t>(nRow)] = value;
     return {nRow, std::move(value)};
 }
 
@@ -69,32 +72,38 @@ DWORD CDeviceModel::Set(ClientId client, bool fNetwork, int nRow, BYTE dataType,
                         LinkBytes const &value, ObjectChanges *pChanges)
 {
     DWORD dwResult = CheckDeviceValue(nRow, dataType, value.size());
-    if (dwResult != eLR_OK)
+    if (dwResult != eLR_OK) {
         return dwResult;
-    if (nRow == eDO_UI_ADD_OPTION)
+    }
+    if (nRow == eDO_UI_ADD_OPTION) {
         dwResult = AddEntry(client, fNetwork, ToText(value));
-    else if (nRow == eDO_UI_DELETE_OPTION)
+    } else if (nRow == eDO_UI_DELETE_OPTION) {
         dwResult = DeleteEntry(client, ToText(value));
-    else if (nRow == eDO_SCAN_TOKEN)
+    } else if (nRow == eDO_SCAN_TOKEN) {
         dwResult = SetToken(client, value);
-    if (dwResult == eLR_OK && value != m_values[static_cast<size_t>(nRow)])
+    }
+    if (dwResult == eLR_OK && value != m_values[static_cast<std::size_t>(nRow)]) {
         pChanges->push_back(Store(nRow, value));
+    }
     return dwResult;
 }
 
 DWORD CDeviceModel::AddEntry(ClientId client, bool fNetwork, std::string const &strText)
 {
     // Picked over a network it leaves as one datagram, with a clause of ours behind it.
-    if (fNetwork && strText.size() > CKickSender::kMaxText)
+    if (fNetwork && strText.size() > CKickSender::kMaxText) {
         return eLR_WRONG_LENGTH;
+    }
     bool const fThere = std::any_of(m_panel.begin(), m_panel.end(), [&](PanelEntry const &entry) {
         return entry.owner == client && entry.strText == strText;
     });
-    if (fThere)
+    if (fThere) {
         return eLR_OK;
-    if (m_panel.size() == kMaxPanelEntries)
+    }
+    if (m_panel.size() == kMaxPanelEntries) {
         return eLR_FULL;
-    m_panel.push_back({strText, client, fNetwork});
+    }
+    m_panel.push_back({strText, client, fNetwork, ++m_dwLastEntry});
     return eLR_OK;
 }
 
@@ -108,8 +117,9 @@ DWORD CDeviceModel::DeleteEntry(ClientId client, std::string const &strText)
 
 DWORD CDeviceModel::SetToken(ClientId client, LinkBytes const &value)
 {
-    if (IsZero(value))
+    if (IsZero(value)) {
         return m_token.Free(client) ? eLR_OK : eLR_BUSY;
+    }
     if (m_cRefuseClaims > 0) {
         --m_cRefuseClaims;
         return eLR_REFUSED;
@@ -119,12 +129,14 @@ DWORD CDeviceModel::SetToken(ClientId client, LinkBytes const &value)
 
 std::vector<PanelEntry> CDeviceModel::ClientGone(ClientId client, ObjectChanges *pChanges)
 {
-    if (m_token.Free(client))
+    if (m_token.Free(client)) {
         pChanges->push_back(Store(eDO_SCAN_TOKEN, LinkBytes(kTokenSize)));
+    }
     std::vector<PanelEntry> gone;
     for (PanelEntry const &entry : m_panel) {
-        if (entry.owner == client)
+        if (entry.owner == client) {
             gone.push_back(entry);
+        }
     }
     std::erase_if(m_panel, [&](PanelEntry const &entry) { return entry.owner == client; });
     return gone;

@@ -17,19 +17,22 @@ int FindDeviceObject(LinkBytes const &oid)
 {
     for (int nRow = 0; nRow < eDO_COUNT; ++nRow) {
         DeviceObject const &object = g_deviceObjects[nRow];
-        if (std::equal(oid.begin(), oid.end(), object.oid, object.oid + object.cbOid))
+        if (std::equal(oid.begin(), oid.end(), object.oid, object.oid + object.cbOid)) {
             return nRow;
+        }
     }
     return -1;
 }
 
-DWORD CheckDeviceValue(int nRow, BYTE dataType, size_t cb)
+DWORD CheckDeviceValue(int nRow, BYTE dataType, std::size_t cb)
 {
     DeviceObject const &object = g_deviceObjects[nRow];
-    if (dataType != object.dataType)
+    if (dataType != object.dataType) {
         return eLR_WRONG_TYPE;
-    if (!object.fSettable)
+    }
+    if (!object.fSettable) {
         return eLR_REFUSED;
+    }
     return cb < object.cbMin || cb > object.cbMax ? DWORD{eLR_WRONG_LENGTH} : DWORD{eLR_OK};
 }
 

@@ -4,7 +4,7 @@
 
 namespace {
 
-constexpr size_t kMaxWaiting = 4096;
+constexpr std::size_t kMaxWaiting = 4096;
 // How long one that is to be overtaken waits for another one to come.
 constexpr std::chrono::milliseconds kHoldTime{1000};
 
@@ -22,15 +22,19 @@ void CKickSender::SetOdds(KickOdds const &odds)
     m_random.seed(odds.nSeed);
 }
 
-std::optional<DWORD> CKickSender::Add(LinkAddress const &to, std::string const &strText)
+std::optional<DWORD> CKickSender::Add(LinkAddress const &to, std::string const &strText,
+                                      DWORD dwPick)
 {
-    if (strText.size() > kMaxText || m_cWaiting == kMaxWaiting)
+    if (strText.size() > kMaxText || m_cWaiting == kMaxWaiting) {
         return std::nullopt;
+    }
     Kick kick;
     kick.dwSequence = ++m_dwLastSequence;
+    kick.dwPick = dwPick;
     kick.strDatagram = strText;
-    if (!strText.empty() && strText.back() != ';')
+    if (!strText.empty() && strText.back() != ';') {
         kick.strDatagram += ';';
+    }
     kick.strDatagram += "KICKSEQ=" + std::to_string(kick.dwSequence) + ";";
     m_waiting[to].push_back(std::move(kick));
     ++m_cWaiting;
@@ -44,17 +48,19 @@ bool CKickSender::Echo(WORD wFromPort, std::string const &strBytes)
         auto const itKick = std::find_if(kicks.begin(), kicks.end(), [&](Kick const &kick) {
             return kick.cTries > 0 && kick.strDatagram == strBytes;
         });
-        if (it->first.wPort != wFromPort || itKick == kicks.end())
+        if (it->first.wPort != wFromPort || itKick == kicks.end()) {
             continue;
-        if (Misbehaves(&m_cLoseEcho, m_odds.dLoseEcho)) {
-            Log(*itKick, "echo lost");
+        }
+        if (Misbehaves(&m_next.cLoseEcho, m_odds.dLoseEcho)) {
+            Report(eEV_KICK_ECHO_LOST, it->first, *itKick);
             return false;
         }
-        Log(*itKick, "echoed");
+        Report(eEV_KICK_ECHOED, it->first, *itKick);
         kicks.erase(itKick);
         --m_cWaiting;
-        if (kicks.empty())
+        if (kicks.empty()) {
             m_waiting.erase(it);
+        }
         return true;
     }
     return false;
@@ -74,16 +80,19 @@ LinkTime CKickSender::Run(LinkTime now)
 LinkTime CKickSender::RunOne(LinkAddress const &to, Kicks &kicks, LinkTime now)
 {
     while (!kicks.empty()) {
-        HoldBack(kicks.front(), now);
+        HoldBack(to, kicks.front(), now);
         ReleaseIfOvertaken(kicks, now);
         auto it = kicks.begin();
-        if (it->fHeld && std::next(it) != kicks.end())
+        if (it->fHeld && std::next(it) != kicks.end()) {
             ++it;
-        if (it->fHeld)
+        }
+        if (it->fHeld) {
             return it->due;
+        }
         if (Serve(to, *it, now)) {
-            if (!kicks.front().fHeld)
+            if (!kicks.front().fHeld) {
                 return it->due;
+            }
             continue; // it has overtaken the first, whose turn this is
         }
         kicks.erase(it);
@@ -92,16 +101,18 @@ LinkTime CKickSender::RunOne(LinkAddress const &to, Kicks &kicks, LinkTime now)
     return LinkTime::max();
 }
 
-void CKickSender::HoldBack(Kick &kick, LinkTime now)
+void CKickSender::HoldBack(LinkAddress const &to, Kick &kick, LinkTime now)
 {
-    if (!kick.fMayBeHeld)
+    if (!kick.fMayBeHeld) {
         return;
+    }
     kick.fMayBeHeld = false;
-    if (!Misbehaves(&m_cReorder, m_odds.dReorder))
+    if (!Misbehaves(&m_next.cReorder, m_odds.dReorder)) {
         return;
+    }
     kick.fHeld = true;
     kick.due = now + kHoldTime;
-    Log(kick, "held back");
+    Report(eEV_KICK_HELD_BACK, to, kick);
 }
 
 void CKickSender::ReleaseIfOvertaken(Kicks &kicks, LinkTime now)
@@ -116,29 +127,30 @@ void CKickSender::ReleaseIfOvertaken(Kicks &kicks, LinkTime now)
 
 bool CKickSender::Serve(LinkAddress const &to, Kick &kick, LinkTime now)
 {
-    if (now < kick.due)
+    if (now < kick.due) {
         return true;
+    }
     if (kick.cTries >= m_cMaxTries) {
-        Log(kick, "given up, " + FormatAddress(to) + " does not answer");
+        Report(eEV_KICK_GIVEN_UP, to, kick);
         return false;
     }
     kick.fMayBeHeld = false; // it has its turn, or has taken another's
     ++kick.cTries;
     kick.due = now + m_interval;
-    Log(kick, "sent to " + FormatAddress(to) + " (try " + std::to_string(kick.cTries) + ")");
+    Report(eEV_KICK_SENT, to, kick);
     Transmit(to, kick);
     return true;
 }
 
 void CKickSender::Transmit(LinkAddress const &to, Kick const &kick)
 {
-    if (Misbehaves(&m_cDrop, m_odds.dDrop)) {
-        Log(kick, "dropped");
+    if (Misbehaves(&m_next.cDrop, m_odds.dDrop)) {
+        Report(eEV_KICK_DROPPED, to, kick);
         return;
     }
     m_send(to, kick.strDatagram);
-    if (Misbehaves(&m_cRepeat, m_odds.dRepeat)) {
-        Log(kick, "repeated");
+    if (Misbehaves(&m_next.cRepeat, m_odds.dRepeat)) {
+        Report(eEV_KICK_REPEATED, to, kick);
         m_send(to, kick.strDatagram);
     }
 }
@@ -152,7 +164,27 @@ bool CKickSender::Misbehaves(unsigned *pcNext, double dOdds)
     return dOdds > 0 && std::uniform_real_distribution<>(0, 1)(m_random) < dOdds;
 }
 
-void CKickSender::Log(Kick const &kick, std::string const &strWhat)
+void CKickSender::Report(DeviceEventKind eKind, LinkAddress const &to, Kick const &kick)
 {
-    m_log("kick " + std::to_string(kick.dwSequence) + " " + strWhat);
+    DeviceEvent event{eKind,
+                      {{"sequence", kick.dwSequence},
+                       {"address", FormatAddress(to)},
+                       {"try", kick.cTries},
+                       {"text", kick.strDatagram}}};
+    if (kick.dwPick != 0) {
+        DeviceEventField const pick{"pick", kick.dwPick};
+        event.fields.push_back(pick);
+    }
+    m_onEvent(event);
+}
+
+std::vector<KickStatus> CKickSender::Waiting() const
+{
+    std::vector<KickStatus> all;
+    for (auto const &[to, kicks] : m_waiting) {
+        for (Kick const &kick : kicks) {
+            all.push_back({kick.dwSequence, to, kick.strDatagram, kick.cTries});
+        }
+    }
+    return all;
 }

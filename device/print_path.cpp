@@ -29,8 +29,9 @@ public:
     }
     ~CFileHandle()
     {
-        if (IsOpen())
+        if (IsOpen()) {
             CloseHandle(m_h);
+        }
     }
     CFileHandle(CFileHandle const &) = delete;
     CFileHandle &operator=(CFileHandle const &) = delete;
@@ -58,8 +59,9 @@ CPrintPath::CPrintPath(std::string strPath, FindFn onFind, LogFn log)
 bool CPrintPath::Start(std::string *pstrError)
 {
     bool const fFifo = PlatIsFifo(m_strPath.c_str());
-    if (!fFifo && !CheckFile(pstrError))
+    if (!fFifo && !CheckFile(pstrError)) {
         return false;
+    }
     m_thread = std::thread([this, fFifo] { fFifo ? WatchFifo() : WatchFile(); });
     return true;
 }
@@ -75,8 +77,9 @@ bool CPrintPath::CheckFile(std::string *pstrError)
     for (int cTries = 0; cTries < kOpenTries; ++cTries) {
         pFile = std::make_unique<CFileHandle>(m_strPath, GENERIC_READ | GENERIC_WRITE, OPEN_ALWAYS);
         // A client that writes its job just now keeps everybody else out.
-        if (pFile->IsOpen() || GetLastError() != ERROR_SHARING_VIOLATION || !Pause())
+        if (pFile->IsOpen() || GetLastError() != ERROR_SHARING_VIOLATION || !Pause()) {
             break;
+        }
     }
     if (!pFile->IsOpen()) {
         *pstrError = "print path " + m_strPath + " cannot be opened for reading and writing";
@@ -97,8 +100,9 @@ void CPrintPath::Stop()
         m_fEnding = true;
         m_cv.notify_all();
     }
-    if (m_thread.joinable())
+    if (m_thread.joinable()) {
         m_thread.join();
+    }
 }
 
 bool CPrintPath::IsEnding()
@@ -115,8 +119,9 @@ bool CPrintPath::Pause()
 
 void CPrintPath::Deliver(std::vector<DiscoveryFind> const &finds)
 {
-    for (DiscoveryFind const &find : finds)
+    for (DiscoveryFind const &find : finds) {
         m_onFind(find);
+    }
 }
 
 void CPrintPath::WatchFifo()
@@ -135,9 +140,10 @@ void CPrintPath::WatchFifo()
             return;
         }
         cStill = n > 0 ? 0 : cStill + 1;
-        Deliver(scanner.Feed(piece, static_cast<size_t>(n)));
-        if (cStill >= kPausesTillCutOff)
+        Deliver(scanner.Feed(piece, static_cast<std::size_t>(n)));
+        if (cStill >= kPausesTillCutOff) {
             Deliver(scanner.Flush());
+        }
     }
 }
 
@@ -155,8 +161,9 @@ bool CPrintPath::LookAtFile()
         m_fGone = !m_fGone;
         m_log(m_fGone ? "print path is gone" : "print path is back");
     }
-    if (error || cbFile == 0)
+    if (error || cbFile == 0) {
         return true;
+    }
 
     m_cStill = cbFile == m_cbSeen ? m_cStill + 1 : 0;
     m_cbSeen = cbFile;
@@ -166,19 +173,23 @@ bool CPrintPath::LookAtFile()
     {
         // Held while the file is emptied, to keep writers out that would be cut off by that.
         CFileHandle const file(m_strPath, GENERIC_READ, OPEN_EXISTING);
-        if (!file.IsOpen())
+        if (!file.IsOpen()) {
             return true; // a writer has it
+        }
         char piece[kReadPiece];
         while (DWORD const cb = file.Read(piece, sizeof piece)) {
-            for (DiscoveryFind &find : scanner.Feed(piece, cb))
+            for (DiscoveryFind &find : scanner.Feed(piece, cb)) {
                 finds.push_back(std::move(find));
+            }
         }
-        if (scanner.HasRest() && m_cStill < kPausesTillCutOff)
+        if (scanner.HasRest() && m_cStill < kPausesTillCutOff) {
             return true; // more may be coming
+        }
         fGoOn = EmptyFile();
     }
-    for (DiscoveryFind &find : scanner.Flush())
+    for (DiscoveryFind &find : scanner.Flush()) {
         finds.push_back(std::move(find));
+    }
     m_cbSeen = 0;
     m_cStill = 0;
     Deliver(finds);
@@ -189,7 +200,8 @@ bool CPrintPath::EmptyFile()
 {
     std::error_code error;
     fs::resize_file(m_strPath, 0, error);
-    if (error)
+    if (error) {
         m_log("print path cannot be emptied, it is not watched any more");
+    }
     return !error;
 }

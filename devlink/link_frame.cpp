@@ -4,7 +4,7 @@
 
 namespace {
 
-constexpr size_t kLengthSize = 4;
+constexpr std::size_t kLengthSize = 4;
 constexpr DWORD kMinBody = 5; // kind and number
 
 DWORD ReadLittle32(BYTE const *p)
@@ -31,25 +31,26 @@ CLinkWriter &CLinkWriter::Word32(DWORD dw)
     return Word16(static_cast<WORD>(dw & 0xFFFF)).Word16(static_cast<WORD>(dw >> 16));
 }
 
-CLinkWriter &CLinkWriter::Raw(void const *p, size_t cb)
+CLinkWriter &CLinkWriter::Raw(void const *p, std::size_t cb)
 {
     auto const *pBytes = static_cast<BYTE const *>(p);
-    if (cb)
+    if (cb) {
         m_bytes.insert(m_bytes.end(), pBytes, pBytes + cb);
+    }
     return *this;
 }
 
-CLinkWriter &CLinkWriter::Bytes8(void const *p, size_t cb)
+CLinkWriter &CLinkWriter::Bytes8(void const *p, std::size_t cb)
 {
     return Byte(static_cast<BYTE>(cb)).Raw(p, cb);
 }
 
-CLinkWriter &CLinkWriter::Bytes32(void const *p, size_t cb)
+CLinkWriter &CLinkWriter::Bytes32(void const *p, std::size_t cb)
 {
     return Word32(static_cast<DWORD>(cb)).Raw(p, cb);
 }
 
-BYTE const *CLinkReader::Take(size_t cb)
+BYTE const *CLinkReader::Take(std::size_t cb)
 {
     if (m_fShort || m_bytes.size() - m_nPos < cb) {
         m_fShort = true;
@@ -80,14 +81,14 @@ DWORD CLinkReader::Word32()
 
 LinkBytes CLinkReader::Bytes8()
 {
-    size_t const cb = Byte();
+    std::size_t const cb = Byte();
     BYTE const *p = Take(cb);
     return p ? LinkBytes(p, p + cb) : LinkBytes();
 }
 
 LinkBytes CLinkReader::Bytes32()
 {
-    size_t const cb = Word32();
+    std::size_t const cb = Word32();
     BYTE const *p = Take(cb);
     return p ? LinkBytes(p, p + cb) : LinkBytes();
 }
@@ -106,10 +107,11 @@ LinkBytes EncodeLinkFrame(LinkFrame const &frame)
     return writer.Raw(frame.payload.data(), frame.payload.size()).Take();
 }
 
-void CLinkDecoder::Feed(BYTE const *p, size_t cb)
+void CLinkDecoder::Feed(BYTE const *p, std::size_t cb)
 {
-    if (m_fGarbage)
+    if (m_fGarbage) {
         return;
+    }
     m_bytes.erase(m_bytes.begin(), m_bytes.begin() + static_cast<ptrdiff_t>(m_nPos));
     m_nPos = 0;
     m_bytes.insert(m_bytes.end(), p, p + cb);
@@ -117,9 +119,10 @@ void CLinkDecoder::Feed(BYTE const *p, size_t cb)
 
 bool CLinkDecoder::Next(LinkFrame *pFrame)
 {
-    size_t const cbLeft = m_bytes.size() - m_nPos;
-    if (m_fGarbage || cbLeft < kLengthSize)
+    std::size_t const cbLeft = m_bytes.size() - m_nPos;
+    if (m_fGarbage || cbLeft < kLengthSize) {
         return false;
+    }
 
     BYTE const *p = m_bytes.data() + m_nPos;
     DWORD const cbBody = ReadLittle32(p);
@@ -127,8 +130,9 @@ bool CLinkDecoder::Next(LinkFrame *pFrame)
         m_fGarbage = true;
         return false;
     }
-    if (cbLeft - kLengthSize < cbBody)
+    if (cbLeft - kLengthSize < cbBody) {
         return false;
+    }
 
     p += kLengthSize;
     pFrame->kind = p[0];

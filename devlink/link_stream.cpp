@@ -11,8 +11,8 @@
 namespace {
 
 // What a blocking socket that says it can be written takes without blocking.
-constexpr size_t kSendPiece = 2048;
-constexpr size_t kReceivePiece = 4096;
+constexpr std::size_t kSendPiece = 2048;
+constexpr std::size_t kReceivePiece = 4096;
 // Backstop of SendPiece should a socket that can be written block all the same.
 constexpr DWORD kSendTimeoutMs = 500;
 
@@ -57,12 +57,14 @@ bool ParseDottedAddress(std::string const &str, DWORD *pdwHost)
     char const *const pEnd = p + str.size();
     DWORD dwHost = 0;
     for (int i = 0; i < 4; ++i) {
-        if (i > 0 && (p == pEnd || *p++ != '.'))
+        if (i > 0 && (p == pEnd || *p++ != '.')) {
             return false;
+        }
         DWORD dwPart = 0;
         p = ParseNumber(p, pEnd, 255, &dwPart);
-        if (!p)
+        if (!p) {
             return false;
+        }
         dwHost = dwHost << 8 | dwPart;
     }
     *pdwHost = dwHost;
@@ -71,17 +73,20 @@ bool ParseDottedAddress(std::string const &str, DWORD *pdwHost)
 
 bool ParseHostAndPort(std::string const &str, LinkAddress *pAddress)
 {
-    size_t const nColon = str.find(':');
+    std::size_t const nColon = str.find(':');
     DWORD dwHost = 0;
     DWORD dwPort = 0;
-    if (nColon == std::string::npos || !ParseDottedAddress(str.substr(0, nColon), &dwHost))
+    if (nColon == std::string::npos || !ParseDottedAddress(str.substr(0, nColon), &dwHost)) {
         return false;
+    }
     char const *const pEnd = str.data() + str.size();
-    if (ParseNumber(str.data() + nColon + 1, pEnd, 65535, &dwPort) != pEnd || dwPort == 0)
+    if (ParseNumber(str.data() + nColon + 1, pEnd, 65535, &dwPort) != pEnd || dwPort == 0) {
         return false;
+    }
     DWORD const dwNet = dwHost >> 24;
-    if (dwNet == 0 || dwNet >= 224)
+    if (dwNet == 0 || dwNet >= 224) {
         return false;
+    }
     *pAddress = {dwHost, static_cast<WORD>(dwPort)};
     return true;
 }
@@ -120,34 +125,40 @@ bool CSocketLibrary::Start()
 
 CSocketLibrary::~CSocketLibrary()
 {
-    if (m_fStarted)
+    if (m_fStarted) {
         ws::WSACleanup();
+    }
 }
 
 void CLinkSocket::Set(SOCKET s)
 {
     SOCKET const sOld = m_s.exchange(s);
-    if (sOld != INVALID_SOCKET)
+    if (sOld != INVALID_SOCKET) {
         ws::closesocket(sOld);
+    }
 }
 
 CLinkStream::CLinkStream(SOCKET s) : m_socket(s)
 {
-    if (s != INVALID_SOCKET)
+    if (s != INVALID_SOCKET) {
         Configure(s);
+    }
 }
 
 int CLinkStream::Connect(LinkAddress const &address, LinkTime deadline)
 {
     SOCKET const s = ws::socket(AF_INET, SOCK_STREAM, 0);
-    if (s == INVALID_SOCKET)
+    if (s == INVALID_SOCKET) {
         return ws::WSAGetLastError();
+    }
     m_socket.Set(s);
-    if (m_fClosed) // Close came before there was a socket for it to close
+    if (m_fClosed) { // Close came before there was a socket for it to close
         Close();
+    }
     sockaddr_in const sa = ToSockAddr(address);
-    if (PlatConnect(s, AsSockAddr(&sa), sizeof sa, MillisecondsUntil(deadline)) != 0)
+    if (PlatConnect(s, AsSockAddr(&sa), sizeof sa, MillisecondsUntil(deadline)) != 0) {
         return ws::WSAGetLastError();
+    }
     Configure(s);
     return 0;
 }
@@ -163,23 +174,25 @@ void CLinkStream::Close()
     m_socket.Close();
 }
 
-bool CLinkStream::SendPiece(BYTE const *p, size_t cb, LinkTime deadline, size_t *pcbSent)
+bool CLinkStream::SendPiece(BYTE const *p, std::size_t cb, LinkTime deadline, std::size_t *pcbSent)
 {
     // The first piece is tried even when the time is just up.
-    if (PlatSocketWait(m_socket.Get(), /*bWrite=*/true, MillisecondsUntil(deadline)) != 1)
+    if (PlatSocketWait(m_socket.Get(), /*bWrite=*/true, MillisecondsUntil(deadline)) != 1) {
         return false;
+    }
     int const n = ws::send(m_socket.Get(), reinterpret_cast<char const *>(p),
                            static_cast<int>(std::min(cb, kSendPiece)), 0);
-    if (n <= 0)
+    if (n <= 0) {
         return false;
-    *pcbSent = static_cast<size_t>(n);
+    }
+    *pcbSent = static_cast<std::size_t>(n);
     return true;
 }
 
 bool CLinkStream::Send(LinkBytes const &frame, LinkTime deadline)
 {
-    for (size_t nPos = 0; nPos < frame.size();) {
-        size_t cbSent = 0;
+    for (std::size_t nPos = 0; nPos < frame.size();) {
+        std::size_t cbSent = 0;
         if (!SendPiece(frame.data() + nPos, frame.size() - nPos, deadline, &cbSent)) {
             Close();
             return false;
@@ -189,23 +202,50 @@ bool CLinkStream::Send(LinkBytes const &frame, LinkTime deadline)
     return true;
 }
 
+int CLinkStream::SendSome(BYTE const *p, std::size_t cb)
+{
+    int const nReady = PlatSocketWait(m_socket.Get(), /*bWrite=*/true, 0);
+    if (nReady <= 0) {
+        return nReady;
+    }
+    int const n = ws::send(m_socket.Get(), reinterpret_cast<char const *>(p),
+                           static_cast<int>(std::min(cb, kSendPiece)), 0);
+    return n > 0 ? n : -1;
+}
+
+bool CLinkStream::ReadSome()
+{
+    BYTE piece[kReceivePiece];
+    int const n = ws::recv(m_socket.Get(), reinterpret_cast<char *>(piece), sizeof piece, 0);
+    if (n <= 0) {
+        return false;
+    }
+    m_decoder.Feed(piece, static_cast<std::size_t>(n));
+    return true;
+}
+
+LinkReceive CLinkStream::NextFrame(LinkFrame *pFrame)
+{
+    if (m_decoder.Next(pFrame)) {
+        return eRX_FRAME;
+    }
+    return m_decoder.IsGarbage() ? eRX_GARBAGE : eRX_TIMEOUT;
+}
+
 LinkReceive CLinkStream::Receive(LinkFrame *pFrame, LinkTime deadline)
 {
     for (;;) {
-        if (m_decoder.Next(pFrame))
-            return eRX_FRAME;
-        if (m_decoder.IsGarbage())
-            return eRX_GARBAGE;
-        SOCKET const s = m_socket.Get();
-        int const nReady = PlatSocketWait(s, /*bWrite=*/false, MillisecondsUntil(deadline));
-        if (nReady == 0)
+        if (LinkReceive const eReceive = NextFrame(pFrame); eReceive != eRX_TIMEOUT) {
+            return eReceive;
+        }
+        int const nReady =
+            PlatSocketWait(m_socket.Get(), /*bWrite=*/false, MillisecondsUntil(deadline));
+        if (nReady == 0) {
             return eRX_TIMEOUT;
-        BYTE piece[kReceivePiece];
-        int const n =
-            nReady < 0 ? -1 : ws::recv(s, reinterpret_cast<char *>(piece), sizeof piece, 0);
-        if (n <= 0)
+        }
+        if (nReady < 0 || !ReadSome()) {
             return eRX_CLOSED;
-        m_decoder.Feed(piece, static_cast<size_t>(n));
+        }
     }
 }
 
@@ -213,7 +253,8 @@ LinkAddress CLinkStream::Peer() const
 {
     sockaddr_in sa{};
     int cb = sizeof sa;
-    if (ws::getpeername(m_socket.Get(), reinterpret_cast<sockaddr *>(&sa), &cb) != 0)
+    if (ws::getpeername(m_socket.Get(), reinterpret_cast<sockaddr *>(&sa), &cb) != 0) {
         return {};
+    }
     return FromSockAddr(sa);
 }

@@ -25,8 +25,9 @@ namespace {
 template <class Fn>
 DWORD Guarded(CDolRtlImpl *pImpl, Fn fn)
 {
-    if (!pImpl)
+    if (!pImpl) {
         return eDR_NO_MEMORY; // the constructor had none
+    }
     try {
         return fn(pImpl->Client());
     } catch (...) {
@@ -60,9 +61,10 @@ DWORD ReadDeviceId(LinkBytes const &answer, unsigned char *pBuffer, DWORD cbBuff
 {
     CLinkReader reader(answer);
     LinkBytes const text = reader.Bytes32();
-    if (!reader.IsComplete())
+    if (!reader.IsComplete()) {
         return eDR_BAD_ANSWER;
-    auto const cb = static_cast<DWORD>(std::min<size_t>(text.size(), cbBuffer - 1));
+    }
+    auto const cb = static_cast<DWORD>(std::min<std::size_t>(text.size(), cbBuffer - 1));
     std::copy_n(text.begin(), cb, pBuffer);
     pBuffer[cb] = 0;
     *pcbOut = cb;
@@ -93,10 +95,12 @@ DWORD CDolRtl::Init(char const *pszAddress, DWORD dwPort, DWORD dwTransport)
 
 DWORD CDolRtl::GetDeviceId(unsigned char *pBuffer, DWORD cbBuffer, DWORD *pcbOut)
 {
-    if (pcbOut)
+    if (pcbOut) {
         *pcbOut = 0;
-    if (!pBuffer || cbBuffer == 0 || !pcbOut)
+    }
+    if (!pBuffer || cbBuffer == 0 || !pcbOut) {
         return eDR_INVALID_ARGUMENT;
+    }
     return Guarded(m_pImpl, [&](CLinkClient &client) {
         LinkBytes answer;
         DWORD const dwResult = client.Request(eLK_GET_DEVICE_ID, {}, &answer);
@@ -106,8 +110,9 @@ DWORD CDolRtl::GetDeviceId(unsigned char *pBuffer, DWORD cbBuffer, DWORD *pcbOut
 
 DWORD CDolRtl::Get(unsigned char *pOid, DWORD cbOid, unsigned char dataType)
 {
-    if (!IsOid(pOid, cbOid))
+    if (!IsOid(pOid, cbOid)) {
         return eDR_INVALID_ARGUMENT;
+    }
     return Guarded(m_pImpl, [&](CLinkClient &client) {
         CLinkWriter writer;
         writer.Bytes8(pOid, cbOid).Byte(dataType);
@@ -118,8 +123,9 @@ DWORD CDolRtl::Get(unsigned char *pOid, DWORD cbOid, unsigned char dataType)
 DWORD CDolRtl::Set(unsigned char *pOid, DWORD cbOid, unsigned char dataType, void *pValue,
                    DWORD cbValue)
 {
-    if (!IsOid(pOid, cbOid) || !pValue || cbValue == 0 || cbValue > kLinkMaxValue)
+    if (!IsOid(pOid, cbOid) || !pValue || cbValue == 0 || cbValue > kLinkMaxValue) {
         return eDR_INVALID_ARGUMENT;
+    }
     return Guarded(m_pImpl, [&](CLinkClient &client) {
         CLinkWriter writer;
         writer.Bytes8(pOid, cbOid).Byte(dataType);
@@ -131,8 +137,9 @@ DWORD CDolRtl::Set(unsigned char *pOid, DWORD cbOid, unsigned char dataType, voi
 DWORD CDolRtl::Trap(unsigned char *pOid, DWORD cbOid, unsigned char dataType,
                     unsigned short wTrapId)
 {
-    if (!IsOid(pOid, cbOid))
+    if (!IsOid(pOid, cbOid)) {
         return eDR_INVALID_ARGUMENT;
+    }
     return Guarded(m_pImpl, [&](CLinkClient &client) {
         CLinkWriter writer;
         writer.Bytes8(pOid, cbOid).Byte(dataType).Word16(wTrapId);
@@ -142,8 +149,9 @@ DWORD CDolRtl::Trap(unsigned char *pOid, DWORD cbOid, unsigned char dataType,
 
 DWORD CDolRtl::UnTrap(unsigned char *pOid, DWORD cbOid)
 {
-    if (!IsOid(pOid, cbOid))
+    if (!IsOid(pOid, cbOid)) {
         return eDR_INVALID_ARGUMENT;
+    }
     return Guarded(m_pImpl, [&](CLinkClient &client) {
         CLinkWriter writer;
         writer.Bytes8(pOid, cbOid);
@@ -154,14 +162,16 @@ DWORD CDolRtl::UnTrap(unsigned char *pOid, DWORD cbOid)
 DWORD CDolRtl::ReadTrap(unsigned char *pBuffer, DWORD cbBuffer, DWORD *pcbOut,
                         unsigned char *pDataType, unsigned short *pwTrapId)
 {
-    if (!pBuffer || !pcbOut || !pDataType || !pwTrapId)
+    if (!pBuffer || !pcbOut || !pDataType || !pwTrapId) {
         return eDR_INVALID_ARGUMENT;
+    }
     return Guarded(m_pImpl, [&](CLinkClient &client) {
         WaitingTrap trap;
         DWORD const dwResult = client.ReadTrap(&trap);
-        if (dwResult != eDR_OK)
+        if (dwResult != eDR_OK) {
             return dwResult;
-        *pcbOut = static_cast<DWORD>(std::min<size_t>(trap.value.size(), cbBuffer));
+        }
+        *pcbOut = static_cast<DWORD>(std::min<std::size_t>(trap.value.size(), cbBuffer));
         std::copy_n(trap.value.begin(), *pcbOut, pBuffer);
         *pDataType = trap.dataType;
         *pwTrapId = trap.wTrapId;

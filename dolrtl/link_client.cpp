@@ -1,6 +1,7 @@
 #include "dolrtl/link_client.h"
 
 #include "devlink/link_protocol.h"
+#include "platform/thread.h"
 
 #include <algorithm>
 #include <cstring>
@@ -16,10 +17,10 @@ constexpr milliseconds kRequestTime{3500};
 constexpr milliseconds kProbeTime{3000};
 constexpr milliseconds kPingSendTime{1000};
 constexpr milliseconds kGoodbyeTime{500};
-constexpr DWORD kFirstProbeMs = 100;
-constexpr DWORD kLongestProbeMs = 2000;
-constexpr size_t kMaxWaitingTraps = 1024;
-constexpr size_t kMaxHostName = 255;
+constexpr milliseconds kGoodLinkTime{5000}; // a link that stood for so long was not just a lure
+constexpr std::size_t kMaxWaitingTraps = 1024;
+constexpr std::size_t kMaxTrapValue = 349; // bytes; no object's value is longer
+constexpr std::size_t kMaxHostName = 255;
 constexpr DWORD kLoopback = 0x7F000001;
 constexpr DWORD kNoPortGiven = 255;
 
@@ -76,23 +77,27 @@ CLinkClient::CLinkClient(DolRtlCallbackFn pfnCallback, DWORD_PTR dwContext)
 
 DWORD CLinkClient::CheckTarget(char const *pszAddress, DWORD dwPort, DWORD dwTransport)
 {
-    if (dwTransport != eLT_LOCAL && dwTransport != eLT_NETWORK)
+    if (dwTransport != eLT_LOCAL && dwTransport != eLT_NETWORK) {
         return eDR_INVALID_ARGUMENT;
-    size_t const cch = pszAddress ? std::strlen(pszAddress) : 0;
-    if (dwPort > 65535 || cch > kMaxHostName || (dwTransport == eLT_NETWORK && cch == 0))
+    }
+    std::size_t const cch = pszAddress ? std::strlen(pszAddress) : 0;
+    if (dwPort > 65535 || cch > kMaxHostName || (dwTransport == eLT_NETWORK && cch == 0)) {
         return eDR_BAD_ADDRESS;
+    }
     return eDR_OK;
 }
 
 DWORD CLinkClient::Init(char const *pszAddress, DWORD dwPort, DWORD dwTransport)
 {
     DWORD dwResult = CheckTarget(pszAddress, dwPort, dwTransport);
-    if (dwResult != eDR_OK)
+    if (dwResult != eDR_OK) {
         return dwResult;
+    }
     {
         Lock lock(m_mx);
-        if (m_fStarted)
+        if (m_fStarted) {
             return eDR_ALREADY_STARTED;
+        }
         m_fStarted = true;
     }
     m_strWanted = pszAddress ? pszAddress : "";
@@ -100,6 +105,7 @@ DWORD CLinkClient::Init(char const *pszAddress, DWORD dwPort, DWORD dwTransport)
     m_dwPort = dwPort;
     m_use = dwTransport == eLT_NETWORK ? eLU_NETWORK : eLU_LOCAL;
     m_pszAddress = m_strWanted.c_str();
+    m_pauseKey = {m_dwContext, m_strHost + ":" + std::to_string(dwPort)};
 
     dwResult = Connect(m_use, LinkClock::now() + kInitTime);
     {
@@ -134,22 +140,26 @@ bool CLinkClient::UseStream(std::shared_ptr<CLinkStream> pStream)
 
 DWORD CLinkClient::Connect(BYTE use, LinkTime deadline)
 {
-    if (!m_library.Start())
+    if (!m_library.Start()) {
         return eDR_UNREACHABLE;
+    }
     DWORD dwHost = kLoopback;
     DWORD dwResult = m_strHost.empty() ? DWORD{eDR_OK} : FindHost(deadline, &dwHost);
-    if (dwResult != eDR_OK)
+    if (dwResult != eDR_OK) {
         return dwResult;
+    }
 
     auto const pStream = std::make_shared<CLinkStream>();
-    if (!UseStream(pStream))
+    if (!UseStream(pStream)) {
         return eDR_LINK_LOST;
+    }
     bool const fDefault = m_dwPort == 0 || m_dwPort == kNoPortGiven;
     WORD const wPort = fDefault ? kLinkDefaultPort : static_cast<WORD>(m_dwPort);
     int const nError = pStream->Connect({dwHost, wPort}, deadline);
     dwResult = nError ? FromSocketError(nError) : Hello(*pStream, use, deadline);
-    if (dwResult != eDR_OK || IsEnding())
+    if (dwResult != eDR_OK || IsEnding()) {
         pStream->Close();
+    }
     return dwResult;
 }
 
@@ -161,8 +171,9 @@ DWORD CLinkClient::Hello(CLinkStream &stream, BYTE use, LinkTime deadline)
     CLinkWriter writer;
     writer.Word32(kLinkMagic).Word16(kLinkVersion).Byte(use);
     writer.Bytes8(strText.data(), strText.size());
-    if (!stream.Send(EncodeLinkFrame({eLK_HELLO, 0, writer.Take()}), deadline))
+    if (!stream.Send(EncodeLinkFrame({eLK_HELLO, 0, writer.Take()}), deadline)) {
         return eDR_LINK_LOST;
+    }
 
     LinkFrame frame;
     switch (stream.Receive(&frame, deadline)) {
@@ -179,59 +190,65 @@ DWORD CLinkClient::Hello(CLinkStream &stream, BYTE use, LinkTime deadline)
 
 DWORD CLinkClient::ReadHelloAnswer(LinkFrame const &frame, BYTE use)
 {
-    if (frame.kind != (eLK_HELLO | kLinkAnswerBit))
+    if (frame.kind != (eLK_HELLO | kLinkAnswerBit)) {
         return eDR_BAD_ANSWER;
+    }
     CLinkReader reader(frame.payload);
     DWORD const dwResult = reader.Word32();
-    if (reader.IsGood() && dwResult != eLR_OK)
+    if (reader.IsGood() && dwResult != eLR_OK) {
         return FromDeviceResult(dwResult);
+    }
     WORD const wVersion = reader.Word16();
     std::string const strText = reader.Text8();
-    if (!reader.IsComplete())
+    if (!reader.IsComplete()) {
         return eDR_BAD_ANSWER;
-    if (wVersion != kLinkVersion)
+    }
+    if (wVersion != kLinkVersion) {
         return eDR_VERSION_MISMATCH;
-    if (use == eLU_LOCAL && !strText.empty())
+    }
+    if (use == eLU_LOCAL && !strText.empty()) {
         KeepAddress(strText);
+    }
     return eDR_OK;
 }
 
 void CLinkClient::KeepAddress(std::string const &strText)
 {
-    if (strText.find('\0') != std::string::npos || !m_strGiven.empty())
+    if (strText.find('\0') != std::string::npos || !m_strGiven.empty()) {
         return;
+    }
     m_strGiven = strText;
     m_pszAddress = m_strGiven.c_str();
 }
 
 DWORD CLinkClient::FindHost(LinkTime deadline, DWORD *pdwHost)
 {
-    if (ParseDottedAddress(m_strHost, pdwHost))
+    if (ParseDottedAddress(m_strHost, pdwHost)) {
         return eDR_OK;
+    }
 
     Lock lock(m_mx);
-    if (!m_pLookup)
+    if (!m_pLookup) {
         StartLookup(m_strHost);
+    }
     auto const pLookup = m_pLookup;
     m_cv.wait_until(lock, deadline, [&] { return pLookup->fDone || m_fEnding; });
-    if (!pLookup->fDone)
+    if (!pLookup->fDone) {
         return eDR_TIMEOUT; // the next probe waits for the same lookup
+    }
     m_pLookup.reset();
     *pdwHost = pLookup->dwHost;
     return pLookup->fFound ? eDR_OK : eDR_BAD_ADDRESS;
 }
 
 // The system's lookup takes as long as it likes and cannot be interrupted, so that it gets a thread
-// that nobody waits for. It keeps what it needs alive.
+// that nobody waits for. It keeps what it needs alive, the module with its code included.
 void CLinkClient::StartLookup(std::string const &strHost)
 {
     auto pLookup = std::make_shared<NameLookup>();
     pLookup->strHost = strHost;
-    try {
-        std::thread(LookUp, shared_from_this(), pLookup).detach();
-    } catch (std::system_error const &) {
-        pLookup->fDone = true;
-    }
+    pLookup->fDone =
+        !PlatRunDetached([pSelf = shared_from_this(), pLookup] { LookUp(pSelf, pLookup); });
     m_pLookup = std::move(pLookup);
 }
 
@@ -263,8 +280,9 @@ bool CLinkClient::WaitForTurn(Lock &lock, LinkTime deadline)
 // which the link thread notices.
 bool CLinkClient::SendFrame(Lock &lock, LinkBytes const &frame, LinkTime deadline)
 {
-    if (!WaitForTurn(lock, deadline))
+    if (!WaitForTurn(lock, deadline)) {
         return false;
+    }
     auto const pStream = m_pStream;
     m_fSending = true;
     lock.unlock();
@@ -279,31 +297,37 @@ DWORD CLinkClient::Request(BYTE kind, LinkBytes payload, LinkBytes *pAnswer)
 {
     LinkTime const deadline = LinkClock::now() + kRequestTime;
     Lock lock(m_mx);
-    if (m_eState != eLS_UP)
+    if (m_eState != eLS_UP) {
         return m_fStarted ? eDR_LINK_LOST : eDR_NOT_STARTED;
+    }
 
     PendingRequest request;
     DWORD const dwNumber = ++m_dwLastNumber ? m_dwLastNumber : ++m_dwLastNumber; // 0 is for none
     LinkBytes const frame = EncodeLinkFrame({kind, dwNumber, std::move(payload)});
     m_pending[dwNumber] = &request;
-    if (SendFrame(lock, frame, deadline))
+    if (SendFrame(lock, frame, deadline)) {
         m_cv.wait_until(lock, deadline, [&] { return request.fDone || m_eState != eLS_UP; });
+    }
     m_pending.erase(dwNumber);
 
-    if (!request.fDone)
+    if (!request.fDone) {
         return m_eState == eLS_UP && LinkClock::now() >= deadline ? eDR_TIMEOUT : eDR_LINK_LOST;
-    if (request.dwResult == eDR_OK && pAnswer)
+    }
+    if (request.dwResult == eDR_OK && pAnswer) {
         *pAnswer = std::move(request.answer);
+    }
     return request.dwResult;
 }
 
 DWORD CLinkClient::ReadTrap(WaitingTrap *pTrap)
 {
     Lock lock(m_mx);
-    if (!m_fStarted)
+    if (!m_fStarted) {
         return eDR_NOT_STARTED;
-    if (m_traps.empty())
+    }
+    if (m_traps.empty()) {
         return eDR_NO_MORE_TRAPS;
+    }
     *pTrap = std::move(m_traps.front());
     m_traps.pop_front();
     return eDR_OK;
@@ -319,23 +343,26 @@ bool CLinkClient::IsEnding()
 
 void CLinkClient::RunLink()
 {
+    LinkTime const start = LinkClock::now();
     ReceiveUntilLost();
-    ProbeUntilReached();
+    ProbeUntilReached(LinkClock::now() - start >= kGoodLinkTime);
 }
 
 void CLinkClient::ReceiveUntilLost()
 {
     {
         Lock lock(m_mx);
-        if (m_eState != eLS_UP)
+        if (m_eState != eLS_UP) {
             return;
+        }
     }
     LinkTime pingDue = LinkClock::now() + milliseconds(kLinkPingMs);
     LinkTime giveUp = LinkClock::now() + milliseconds(kLinkSilenceMs);
     DWORD dwReason = eDR_OK;
     try {
-        while (dwReason == eDR_OK)
+        while (dwReason == eDR_OK) {
             dwReason = ReceiveOne(&pingDue, &giveUp);
+        }
     } catch (std::bad_alloc const &) {
         dwReason = eDR_NO_MEMORY;
     }
@@ -359,8 +386,9 @@ DWORD CLinkClient::ReceiveOne(LinkTime *pPingDue, LinkTime *pGiveUp)
         return eDR_LINK_LOST;
     }
     LinkTime const now = LinkClock::now();
-    if (now >= *pGiveUp)
+    if (now >= *pGiveUp) {
         return eDR_LINK_LOST;
+    }
     if (now >= *pPingDue) {
         *pPingDue = now + milliseconds(kLinkPingMs);
         Lock lock(m_mx);
@@ -372,10 +400,11 @@ DWORD CLinkClient::ReceiveOne(LinkTime *pPingDue, LinkTime *pGiveUp)
 
 void CLinkClient::Dispatch(LinkFrame const &frame)
 {
-    if (frame.kind & kLinkAnswerBit)
+    if (frame.kind & kLinkAnswerBit) {
         TakeAnswer(frame);
-    else if (frame.kind == eLK_TRAP_VALUE)
+    } else if (frame.kind == eLK_TRAP_VALUE) {
         TakeTrap(frame);
+    }
     // Other kinds may come from a device that knows more than we do.
 }
 
@@ -383,14 +412,16 @@ void CLinkClient::TakeAnswer(LinkFrame const &frame)
 {
     Lock lock(m_mx);
     auto const it = m_pending.find(frame.dwNumber);
-    if (it == m_pending.end() || it->second->fDone)
+    if (it == m_pending.end() || it->second->fDone) {
         return; // its request was given up
+    }
     PendingRequest &request = *it->second;
     CLinkReader reader(frame.payload);
     DWORD const dwResult = reader.Word32();
     request.dwResult = reader.IsGood() ? FromDeviceResult(dwResult) : DWORD{eDR_BAD_ANSWER};
-    if (reader.IsGood())
+    if (reader.IsGood()) {
         request.answer.assign(frame.payload.begin() + 4, frame.payload.end());
+    }
     request.fDone = true;
     m_cv.notify_all();
 }
@@ -401,9 +432,13 @@ void CLinkClient::TakeTrap(LinkFrame const &frame)
     WaitingTrap trap;
     trap.wTrapId = reader.Word16();
     trap.dataType = reader.Byte();
-    trap.value = reader.Bytes32();
-    if (!reader.IsComplete())
+    LinkBytes const value = reader.Bytes32();
+    if (!reader.IsComplete()) {
         return;
+    }
+    // A copy: what is cut off is not to be held for as long as the trap waits.
+    trap.value = LinkBytes(value.begin(), value.begin() + static_cast<std::ptrdiff_t>(std::min(
+                                                              value.size(), kMaxTrapValue)));
     bool const fWord = trap.dataType == eLD_WORD || trap.dataType == eLD_BITS;
     if (fWord && trap.value.size() >= 4) {
         CLinkReader word(trap.value);
@@ -411,8 +446,9 @@ void CLinkClient::TakeTrap(LinkFrame const &frame)
         std::memcpy(trap.value.data(), &dwValue, sizeof dwValue);
     }
     Lock lock(m_mx);
-    if (m_traps.size() == kMaxWaitingTraps)
+    if (m_traps.size() == kMaxWaitingTraps) {
         m_traps.pop_front();
+    }
     m_traps.push_back(std::move(trap));
     m_fTrapEvent = true;
     m_cv.notify_all();
@@ -422,11 +458,13 @@ void CLinkClient::LoseLink(DWORD dwReason)
 {
     Lock lock(m_mx);
     m_eState = eLS_LOST;
-    if (m_pStream)
+    if (m_pStream) {
         m_pStream->Close();
+    }
     for (auto const &[dwNumber, pRequest] : m_pending) {
-        if (!pRequest->fDone)
+        if (!pRequest->fDone) {
             pRequest->dwResult = dwReason;
+        }
         pRequest->fDone = true;
     }
     m_cv.notify_all();
@@ -439,22 +477,24 @@ bool CLinkClient::SleepUnlessEnding(DWORD dwMilliseconds)
     return !m_cv.wait_for(lock, milliseconds(dwMilliseconds), [&] { return m_fEnding; });
 }
 
-void CLinkClient::ProbeUntilReached()
+void CLinkClient::ProbeUntilReached(bool fGoodLink)
 {
-    for (DWORD dwWait = kFirstProbeMs; SleepUnlessEnding(dwWait);
-         dwWait = std::min(dwWait * 2, kLongestProbeMs)) {
+    for (DWORD dwWait = FirstLinkPause(m_pauseKey, fGoodLink); SleepUnlessEnding(dwWait);
+         dwWait = NextLinkPause(m_pauseKey, dwWait)) {
         DWORD dwResult = eDR_NO_MEMORY;
         try {
             dwResult = Connect(eLU_PROBE, LinkClock::now() + kProbeTime);
         } catch (std::bad_alloc const &) {
             // no memory now; perhaps by the next time
         }
-        if (dwResult == eDR_OK)
+        if (dwResult == eDR_OK) {
             break;
+        }
     }
     Lock lock(m_mx);
-    if (m_fEnding)
+    if (m_fEnding) {
         return;
+    }
     m_pStream->Close();
     m_fRestartEvent = true;
     m_cv.notify_all();
@@ -468,13 +508,15 @@ void CLinkClient::RunCallbacks()
     for (;;) {
         m_cv.wait(lock,
                   [&] { return m_fEnding || (m_fMayCall && (m_fTrapEvent || m_fRestartEvent)); });
-        if (m_fEnding)
+        if (m_fEnding) {
             return;
+        }
         // Traps first: what came before the break is read before the object is replaced.
         bool const fTraps = m_fTrapEvent;
         (fTraps ? m_fTrapEvent : m_fRestartEvent) = false;
-        if (!m_pfnCallback || (fTraps && m_traps.empty())) // another thread has read them
+        if (!m_pfnCallback || (fTraps && m_traps.empty())) { // another thread has read them
             continue;
+        }
         lock.unlock();
         m_pfnCallback(fTraps ? eDE_TRAP_PENDING : eDE_RESTART_LINK, m_dwContext);
         lock.lock();
@@ -485,8 +527,9 @@ void CLinkClient::RunCallbacks()
 // the device hangs up in return.
 void CLinkClient::SayGoodbye(Lock &lock)
 {
-    if (m_eState != eLS_UP || !m_thLink.joinable())
+    if (m_eState != eLS_UP || !m_thLink.joinable()) {
         return;
+    }
     m_pStream->FinishSending();
     m_cv.wait_for(lock, kGoodbyeTime, [&] { return m_eState != eLS_UP; });
 }
@@ -498,13 +541,16 @@ void CLinkClient::End()
         m_fEnding = true;
         m_cv.notify_all();
         SayGoodbye(lock);
-        if (m_pStream)
+        if (m_pStream) {
             m_pStream->Close();
+        }
     }
-    if (m_thLink.joinable())
+    if (m_thLink.joinable()) {
         m_thLink.join();
-    if (m_thCallback.get_id() == std::this_thread::get_id())
+    }
+    if (m_thCallback.get_id() == std::this_thread::get_id()) {
         m_thCallback.detach(); // it holds a share of this object and returns when its callback does
-    else if (m_thCallback.joinable())
+    } else if (m_thCallback.joinable()) {
         m_thCallback.join();
+    }
 }

@@ -1,19 +1,19 @@
 #pragma once
-/*
- * The client's end of a device link: what stands behind one CDolRtl.
- *
- * Two threads belong to it, both started by Init. The link thread receives frames, keeps the link
- * alive with pings, and after a break probes for the device; it never runs foreign code. The callback
- * thread calls the user's callback, one call at a time. A third one may exist while a host name is
- * looked up.
- *
- * The object is shared between its CDolRtl and the threads that End cannot wait for: the callback
- * thread when End runs on it, and the lookup of a name, which nothing can interrupt.
- *
- * Lock: m_mx, a leaf. It is never held during a call of the callback, a send, a receive or a connect.
- */
+/// @file
+/// The client's end of a device link: what stands behind one CDolRtl.
+///
+/// Two threads belong to it, both started by Init. The link thread receives frames, keeps the link
+/// alive with pings, and after a break probes for the device; it never runs foreign code. The callback
+/// thread calls the user's callback, one call at a time. A third one may exist while a host name is
+/// looked up.
+///
+/// The object is shared between its CDolRtl and the threads that End cannot wait for: the callback
+/// thread when End runs on it, and the lookup of a name, which nothing can interrupt.
+///
+/// Lock: m_mx, a leaf. It is never held during a call of the callback, a send, a receive or a connect.
 #include "devlink/link_frame.h"
 #include "devlink/link_stream.h"
+#include "dolrtl/link_pauses.h"
 #include "dolrtl/QOMADolC.h"
 
 #include <condition_variable>
@@ -24,29 +24,32 @@
 #include <string>
 #include <thread>
 
-// A trap that nobody has read yet.
+/// A trap that nobody has read yet.
 struct WaitingTrap {
-    WORD wTrapId = 0;  // under which the object was registered
-    BYTE dataType = 0; // a LinkDataType
-    LinkBytes value;   // words in host order
+    WORD wTrapId = 0;  ///< under which the object was registered
+    BYTE dataType = 0; ///< a LinkDataType
+    LinkBytes value;   ///< words in host order; no more of it than an object's value may have
 };
 
+/// What stands behind one CDolRtl.
 class CLinkClient : public std::enable_shared_from_this<CLinkClient> {
 public:
-    // As CDolRtl's constructor. Nothing runs before Init.
+    /// As CDolRtl's constructor. Nothing runs before Init.
     CLinkClient(DolRtlCallbackFn pfnCallback, DWORD_PTR dwContext);
 
-    // As the operations of CDolRtl. May throw std::bad_alloc.
+    /// @{
+    /// As the operations of CDolRtl. May throw std::bad_alloc.
     DWORD Init(char const *pszAddress, DWORD dwPort, DWORD dwTransport);
     DWORD ReadTrap(WaitingTrap *pTrap);
     char const *Address() const { return m_pszAddress; }
     DWORD Port() const { return m_dwPort; }
+    /// @}
 
-    // Sends a request and waits for its answer: the device's result, or a failure of the link. On
-    // eDR_OK *pAnswer (which may be null) gets what follows the result.
+    /// Sends a request and waits for its answer: the device's result, or a failure of the link. On
+    /// eDR_OK *pAnswer (which may be null) gets what follows the result.
     DWORD Request(BYTE kind, LinkBytes payload, LinkBytes *pAnswer);
 
-    // Ends the link and the threads. Once, and the last call from outside.
+    /// Ends the link and the threads. Once, and the last call from outside.
     void End();
 
 private:
@@ -91,7 +94,7 @@ private:
     void TakeAnswer(LinkFrame const &frame);
     void TakeTrap(LinkFrame const &frame);
     void LoseLink(DWORD dwReason);
-    void ProbeUntilReached();
+    void ProbeUntilReached(bool fGoodLink);
     bool SleepUnlessEnding(DWORD dwMilliseconds);
     bool IsEnding();
 
@@ -111,6 +114,7 @@ private:
     std::string m_strGiven;  // local: what the device calls this client
     DWORD m_dwPort = 0;
     BYTE m_use = 0;
+    LinkPauseKey m_pauseKey;
     std::thread m_thLink;
     std::thread m_thCallback;
 

@@ -25,8 +25,9 @@ DWORD CCategory::Load(char const *pszKey)
     GRegQueryNumber(pszKey, "Display Short Name", m_fDisplayShortName);
     GRegQueryNumber(pszKey, "Display Level", m_fDisplayLevel);
 
-    if (!GRegHasKey(pszKey))
+    if (!GRegHasKey(pszKey)) {
         return 0; // nor is there a row below it
+    }
 
     auto *pszRowKey = static_cast<char *>(GMemAlloc(kcbRegText, __LINE__, __FILE__));
     auto *pszValue = static_cast<char *>(GMemAlloc(kcbRegText, __LINE__, __FILE__));
@@ -34,8 +35,9 @@ DWORD CCategory::Load(char const *pszKey)
         for (LONG nRow = 0; nRow < kcCategoryRows; ++nRow) {
             int const cch =
                 std::snprintf(pszRowKey, kcbRegText, "%s\\%d", pszKey, static_cast<int>(nRow));
-            if (cch > 0 && static_cast<DWORD>(cch) < kcbRegText)
+            if (cch > 0 && static_cast<DWORD>(cch) < kcbRegText) {
                 LoadRow(nRow, pszRowKey, pszValue);
+            }
         }
     }
     GMemFree(&pszValue, kcbRegText, __LINE__, __FILE__);
@@ -46,13 +48,16 @@ DWORD CCategory::Load(char const *pszKey)
 void CCategory::LoadRow(LONG nRow, char const *pszRowKey, char *pszValue)
 {
     // Most rows are not there, and each value is a look at the registry of its own.
-    if (!GRegHasKey(pszRowKey))
+    if (!GRegHasKey(pszRowKey)) {
         return;
+    }
     CategoryRowType &row = m_Rows[nRow];
-    if (GRegQueryText(pszRowKey, "Long Name", pszValue))
+    if (GRegQueryText(pszRowKey, "Long Name", pszValue)) {
         GTextJoin(row.m_strLongName, {pszValue});
-    if (GRegQueryText(pszRowKey, "Short Name", pszValue))
+    }
+    if (GRegQueryText(pszRowKey, "Short Name", pszValue)) {
         GTextJoin(row.m_strShortName, {pszValue});
+    }
     GRegQueryNumber(pszRowKey, "Display Long Name", row.m_fDisplayLongName);
     GRegQueryNumber(pszRowKey, "Display Short Name", row.m_fDisplayShortName);
 }
@@ -67,9 +72,10 @@ CCategory *GNewCategory(char const *pszOwner)
     CGString strName;
     GStrComposite(&strName, "CCategory", pszOwner);
     auto *pCategory = new (std::nothrow) CCategory(strName.m_pszText);
-    if (pCategory != nullptr)
+    if (pCategory != nullptr) {
         INC_OBJECT_COUNTER(eEC_NONE, pCategory->m_strObjectName.m_pszText);
-    else
+    } else {
         NEW_OPERATOR(eEC_NONE, strName.m_pszText);
+    }
     return pCategory;
 }

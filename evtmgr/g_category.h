@@ -27,10 +27,12 @@ struct CategoryRowType {
 /// Threads: no lock of its own. Its owner loads and reads it under the event manager's queue mutex.
 class CCategory : public CGReference {
 public:
+    /// @{
     /// @param pszName object name, such as "CCategory[CGEvtMgr]"; copied.
     /// A new table shows short and long names and no level, and all its names are empty.
     explicit CCategory(char const *pszName);
     ~CCategory() override;
+    /// @}
 
     /// Reads the table from the registry; may be called again at any time. A missing key or value is no
     /// error: the field keeps what it held, so a name that disappears from the registry stays. Without

@@ -11,18 +11,20 @@
 #include <cstring>
 #include <new>
 
+std::atomic<DWORD> g_cFilterChanges{0};
+
 namespace {
 
 char const *const kszSep = g_aszText[eGT_BACKSLASH];
 
-/// Scratch space for the level field, "[-2147483648]" at the longest. What it leaves is the room behind
-/// a line that WriteText may use.
+// Scratch space for the level field, "[-2147483648]" at the longest. What it leaves is the room behind
+// a line that WriteText may use.
 constexpr std::size_t kcbLevelField = 40;
 
-/// CR and LF.
+// CR and LF.
 constexpr DWORD kcbLineEnd = 2;
 
-/// What one table adds to a line. Without a table all is empty and hidden.
+// What one table adds to a line. Without a table all is empty and hidden.
 struct LinePart {
     char const *m_pszShort = "";
     char const *m_pszLong = "";
@@ -34,8 +36,9 @@ struct LinePart {
 LinePart PartOf(CCategory const *pTable, std::uint64_t mask)
 {
     LinePart part;
-    if (pTable == nullptr)
+    if (pTable == nullptr) {
         return part;
+    }
     CategoryRowType const &row = pTable->m_Rows[CategoryIndex(mask)];
     part.m_pszShort = GTextOf(row.m_strShortName.m_pszText);
     part.m_pszLong = GTextOf(row.m_strLongName.m_pszText);
@@ -47,20 +50,22 @@ LinePart PartOf(CCategory const *pTable, std::uint64_t mask)
 
 void FormatLevel(char (&szLevel)[kcbLevelField], LONG nLevel)
 {
-    if (nLevel == eEL_ERROR || nLevel == eEL_SUMMARY)
+    if (nLevel == eEL_ERROR || nLevel == eEL_SUMMARY) {
         std::strcpy(szLevel, "    ");
-    else
+    } else {
         std::snprintf(szLevel, sizeof(szLevel), "[%2d]", static_cast<int>(nLevel));
+    }
 }
 
-/// Concatenation into a buffer that the caller has made large enough.
+// Concatenation into a buffer that the caller has made large enough.
 class CLineWriter {
 public:
     explicit CLineWriter(char *pszLine) : m_pszEnd(pszLine) { *m_pszEnd = '\0'; }
     void Add(bool fShow, char const *psz)
     {
-        if (!fShow)
+        if (!fShow) {
             return;
+        }
         std::size_t const cch = std::strlen(psz);
         std::memcpy(m_pszEnd, psz, cch + 1);
         m_pszEnd += cch;
@@ -69,6 +74,16 @@ public:
 private:
     char *m_pszEnd;
 };
+
+/// A value that is not there, or too wide, leaves the word as it was; a narrower one fills its low bytes.
+template <class T>
+void LoadWord(CGString const &strKey, char const *pszName, CFilterWord<T> &word)
+{
+    T value = word;
+    if (GRegQueryNumber(strKey.m_pszText, pszName, value)) {
+        word = value;
+    }
+}
 
 } // namespace
 
@@ -82,8 +97,9 @@ CGBaseEvtHandler::CGBaseEvtHandler(CGEvtMgr *pEvtMgr, char const *pszName)
 
 CGBaseEvtHandler::~CGBaseEvtHandler()
 {
-    if (m_pCustomCategory != nullptr)
+    if (m_pCustomCategory != nullptr) {
         m_pCustomCategory->Release();
+    }
     m_pCustomCategory = nullptr;
 }
 
@@ -93,13 +109,14 @@ DWORD CGBaseEvtHandler::LoadParams()
     char const *pszModule = GTextOf(m_pEvtMgr->m_strModuleName.m_pszText);
     CGString strKey;
     if (m_pCustomCategory != nullptr &&
-        GTextJoin(strKey, {kszModulesKey, kszSep, pszModule, kszSep, "Custom Category"}))
+        GTextJoin(strKey, {kszModulesKey, kszSep, pszModule, kszSep, "Custom Category"})) {
         dwResult = m_pCustomCategory->Load(strKey.m_pszText);
+    }
     if (GTextJoin(strKey, {kszModulesKey, kszSep, pszModule, kszSep, GetModuleName()})) {
-        GRegQueryNumber(strKey.m_pszText, "Base Category Mask", m_BaseCategoryMask);
-        GRegQueryNumber(strKey.m_pszText, "Custom Category Mask", m_CustomCategoryMask);
-        GRegQueryNumber(strKey.m_pszText, "Level", m_Level);
-        GRegQueryNumber(strKey.m_pszText, "State", m_State);
+        LoadWord(strKey, "Base Category Mask", m_BaseCategoryMask);
+        LoadWord(strKey, "Custom Category Mask", m_CustomCategoryMask);
+        LoadWord(strKey, "Level", m_Level);
+        LoadWord(strKey, "State", m_State);
     }
     LoadModuleParams();
     return dwResult;
@@ -107,14 +124,18 @@ DWORD CGBaseEvtHandler::LoadParams()
 
 LONG CGBaseEvtHandler::IsEventOn(std::uint64_t base, std::uint64_t custom, LONG nLevel)
 {
-    if (IsOn() == 0)
+    if (IsOn() == 0) {
         return 0;
-    if (nLevel == eEL_ERROR || (base & eEB_ERROR) != 0)
+    }
+    if (nLevel == eEL_ERROR || (base & eEB_ERROR) != 0) {
         return 1;
-    if (m_State != 1)
+    }
+    if (m_State != 1) {
         return 0;
-    if (nLevel == eEL_SUMMARY)
+    }
+    if (nLevel == eEL_SUMMARY) {
         return 1;
+    }
     bool const fBaseFits = base == 0 || (base & m_BaseCategoryMask) != 0;
     bool const fCustomFits = custom == 0 || (custom & m_CustomCategoryMask) != 0;
     return nLevel <= m_Level && fBaseFits && fCustomFits ? 1 : 0;
@@ -132,13 +153,15 @@ DWORD CGBaseEvtHandler::WriteEvent(char const *pszText, std::uint64_t base, std:
         std::strlen(customPart.m_pszShort) + std::strlen(customPart.m_pszLong) + kcbLevelField +
         std::strlen(g_aszText[eGT_BLANK]) + std::strlen(pszText) + 1);
     auto *pszLine = static_cast<char *>(GMemAlloc(cb, __LINE__, __FILE__));
-    if (pszLine == nullptr)
+    if (pszLine == nullptr) {
         return 0;
+    }
 
     bool const fLevel = basePart.m_fLevel || customPart.m_fLevel;
     char szLevel[kcbLevelField];
-    if (fLevel)
+    if (fLevel) {
         FormatLevel(szLevel, nLevel);
+    }
     CLineWriter line(pszLine);
     line.Add(true, pszId);
     line.Add(fLevel, szLevel);
@@ -156,18 +179,21 @@ DWORD CGBaseEvtHandler::WriteEvent(char const *pszText, std::uint64_t base, std:
 
 DWORD CGBaseEvtHandler::WriteLine(LONG cb, char const *pszText)
 {
-    if (cb < 1)
+    if (cb < 1) {
         return eGE_OUT_OF_MEMORY;
+    }
     // A text that fills cb leaves no room for the line end that WriteText may append.
     DWORD const cbCopy = static_cast<DWORD>(cb) + kcbLineEnd;
     auto *pszCopy = static_cast<char *>(GMemAlloc(cbCopy, __LINE__, __FILE__));
-    if (pszCopy == nullptr)
+    if (pszCopy == nullptr) {
         return eGE_OUT_OF_MEMORY;
+    }
     *pszCopy = '\0';
-    if (std::strlen(pszText) < static_cast<std::size_t>(cb))
+    if (std::strlen(pszText) < static_cast<std::size_t>(cb)) {
         lstrcpyA(pszCopy, pszText);
-    else
+    } else {
         lstrcpynA(pszCopy, pszText, static_cast<int>(cb) - 1);
+    }
     DWORD const dwResult = WriteText(pszCopy);
     GMemFree(&pszCopy, cbCopy, __LINE__, __FILE__);
     return dwResult;

@@ -4,6 +4,7 @@
 #include "foundation/g_string.h"
 #include "platform/base.h"
 
+#include <atomic>
 #include <cstdint>
 
 class CCategory;
@@ -12,6 +13,37 @@ class CGEvtMgr;
 /// A base category bit that no site uses: the long name of its row is always on the line, as is that of
 /// an error (eEB_ERROR).
 inline constexpr std::uint64_t kBaseAlwaysNamed = 0x10;
+
+/// Moves when a word of any handler's filter gets another value. What was summed up of handlers before
+/// holds while it stands still.
+extern std::atomic<DWORD> g_cFilterChanges;
+
+/// A word of a handler's filter. It stands for a T in every expression, and may be set by hand as well as
+/// by the registry, on any thread.
+template <class T>
+class CFilterWord {
+public:
+    /// As a T has them.
+    /// @{
+    CFilterWord(T value) : m_value(value) {}
+    CFilterWord(CFilterWord const &) = delete;
+
+    operator T() const { return m_value.load(std::memory_order_relaxed); }
+    CFilterWord &operator=(CFilterWord const &other) { return *this = static_cast<T>(other); }
+    CFilterWord &operator=(T value)
+    {
+        if (m_value.exchange(value) != value) {
+            ++g_cFilterChanges;
+        }
+        return *this;
+    }
+    CFilterWord &operator|=(T bits) { return *this = *this | bits; }
+    CFilterWord &operator&=(T bits) { return *this = *this & bits; }
+    /// @}
+
+private:
+    std::atomic<T> m_value;
+};
 
 /// What all event handlers share: masks, level and state from the registry, the table of custom
 /// categories, the filter, and the format of a line. A concrete handler adds the name of its registry
@@ -46,10 +78,12 @@ public:
     /// hold stays as it was. @return result of CCategory::Load, which is 0.
     DWORD LoadParams();
 
+    /// @{
     /// The filter: allocates nothing, formats nothing. IsOn is asked once.
     /// @return 1 when the handler takes such an event, else 0.
     LONG IsEventOn(std::uint64_t base, std::uint64_t custom, LONG nLevel);
     LONG IsEventOn(std::uint64_t base) { return IsEventOn(base, 0, 0); }
+    /// @}
 
     /// Builds the line of an event and hands it to WriteLine. It does not ask the filter.
     /// @param pszText not null. @param base, custom, nLevel the event's masks and level, for its names.
@@ -68,10 +102,10 @@ public:
     /// @return that of WriteText; eGE_OUT_OF_MEMORY when the copy cannot be had, or cb is below 1.
     DWORD WriteLine(LONG cb, char const *pszText);
 
-    std::uint64_t m_BaseCategoryMask;   ///< base categories that the handler takes
-    std::uint64_t m_CustomCategoryMask; ///< custom categories that the handler takes
-    LONG m_Level;                       ///< the highest level that the handler takes
-    LONG m_State;                       ///< 1 is on, anything else off
-    CGEvtMgr *m_pEvtMgr;                ///< not referenced
-    CCategory *m_pCustomCategory;       ///< one reference; null when there was no memory for it
+    CFilterWord<std::uint64_t> m_BaseCategoryMask;   ///< base categories that the handler takes
+    CFilterWord<std::uint64_t> m_CustomCategoryMask; ///< custom categories that the handler takes
+    CFilterWord<LONG> m_Level;                       ///< the highest level that the handler takes
+    CFilterWord<LONG> m_State;                       ///< 1 is on, anything else off
+    CGEvtMgr *m_pEvtMgr;                             ///< not referenced
+    CCategory *m_pCustomCategory; ///< one reference; null when there was no memory for it
 };

@@ -3,32 +3,43 @@
 #include "evtmgr/g_evtmgr.h"
 #include "foundation/g_result.h"
 
-#include <atomic>
+namespace {
+
+// Without one nobody would hear anything.
+bool HasHandler(CGEvtMgr *pEvtMgr)
+{
+    CGQueueGuard const guard(*pEvtMgr);
+    return pEvtMgr->GetHead() != nullptr;
+}
+
+} // namespace
 
 DWORD GInstallEvtMgr(char const *pszName)
 {
-    if (pszName == nullptr || *pszName == '\0')
+    if (pszName == nullptr || *pszName == '\0') {
         return eGE_NULL_ARGUMENT;
-    if (g_pEvtMgr.load() != nullptr)
+    }
+    if (g_pEvtMgr != nullptr) {
         return eGE_BAD_STATE;
+    }
     // Not into g_pEvtMgr at once: no site sees a manager that is not ready.
-    std::atomic<CGEvtMgr *> pEvtMgr{nullptr};
+    CGEvtMgr *pEvtMgr = nullptr;
     CreateEvtMgr(&pEvtMgr, pszName);
-    CGEvtMgr *const pMade = pEvtMgr.load();
-    if (pMade == nullptr ||
-        pMade->GetHead() == nullptr) { // without a handler nobody would hear anything
-        if (pMade != nullptr)
-            pMade->Release();
+    if (pEvtMgr == nullptr || !HasHandler(pEvtMgr)) {
+        if (pEvtMgr != nullptr) {
+            pEvtMgr->Release();
+        }
         --g_cEvtMgrs;
         return eGE_OUT_OF_MEMORY;
     }
-    g_pEvtMgr.store(pEvtMgr.load());
+    g_pEvtMgr = pEvtMgr;
     return eGE_OK;
 }
 
 DWORD GRemoveEvtMgr(char const *pszName)
 {
-    if (pszName == nullptr)
+    if (pszName == nullptr) {
         return eGE_NULL_ARGUMENT;
-    return g_pEvtMgr.load() != nullptr ? RemoveEvtMgr(&g_pEvtMgr, pszName) : eGE_OK;
+    }
+    return g_pEvtMgr != nullptr ? RemoveEvtMgr(&g_pEvtMgr, pszName) : eGE_OK;
 }

@@ -1,19 +1,20 @@
 #pragma once
 
-// How a host, a program that uses the system, switches diagnostics on and off. A host does this:
-//
-//     PlatSetRegistryFile("example.reg");     // where the settings stand, if not at the usual place
-//     GInstallEvtMgr("MyModule");             // from here on every diagnostic site reports
-//     TdConnect();                            // only if lines are wanted in the trace viewer (g_trace.h)
-//     ... agents come, work and go; LoadParameters() whenever the settings have changed ...
-//     GRemoveEvtMgr("MyModule");              // ends diagnostics; the log gets the final report
-//
-// When may GRemoveEvtMgr be called? A site takes no lock: it loads g_pEvtMgr, tests what is behind it
-// and reports, and nothing could hold a thread back that has loaded the pointer already. So the host
-// first ends whatever can reach a site on another thread: it shuts down and deletes its agents (Shutdown
-// returns when their workers have ended) and joins threads of its own that use the foundation or call
-// LoadParameters. It then removes the manager on the one thread that is left. What that thread's own
-// objects report of their end still passes through the manager, and g_pEvtMgr becomes null last.
+/// @file
+/// How a host, a program that uses the system, switches diagnostics on and off. A host does this:
+///
+///     PlatSetRegistryFile("example.reg");     // where the settings stand, if not at the usual place
+///     GInstallEvtMgr("MyModule");             // from here on every diagnostic site reports
+///     TdConnect();                            // only if lines are wanted in the trace viewer (g_trace.h)
+///     ... agents come, work and go; LoadParameters() whenever the settings have changed ...
+///     GRemoveEvtMgr("MyModule");              // ends diagnostics; the log gets the final report
+///
+/// When may GRemoveEvtMgr be called? A site takes no lock: it loads g_pEvtMgr, tests what is behind it
+/// and reports, and nothing could hold a thread back that has loaded the pointer already. So the host
+/// first ends whatever can reach a site on another thread: it shuts down and deletes its agents (Shutdown
+/// returns when their workers have ended) and joins threads of its own that use the foundation or call
+/// LoadParameters. It then removes the manager on the one thread that is left. What that thread's own
+/// objects report of their end still passes through the manager, and g_pEvtMgr becomes null last.
 
 #include "platform/base.h"
 

@@ -16,24 +16,25 @@ std::atomic<LONG> g_cEvtMgrs{0};
 
 namespace {
 
-/// Bytes for the text of an event, its terminator included.
+// Bytes for the text of an event, its terminator included.
 constexpr DWORD kcbEventText = 1024;
 
-/// Bytes of a memory block that go on one line.
+// Bytes of a memory block that go on one line.
 constexpr DWORD kcbDumpLine = 16;
 
-/// No event's level is below it.
+// No event's level is below it.
 constexpr LONG kNoLevel = std::numeric_limits<LONG>::min();
 
-/// Keeps the last error of the thread across a report: a site may stand between a system call and the
-/// question for its error.
+// Keeps the last error of the thread across a report: a site may stand between a system call and the
+// question for its error.
 class CLastErrorKeeper {
 public:
     CLastErrorKeeper() : m_dwError(GetLastError()) {}
     ~CLastErrorKeeper()
     {
-        if (GetLastError() != m_dwError)
+        if (GetLastError() != m_dwError) {
             SetLastError(m_dwError);
+        }
     }
     CLastErrorKeeper(CLastErrorKeeper const &) = delete;
     CLastErrorKeeper &operator=(CLastErrorKeeper const &) = delete;
@@ -42,30 +43,20 @@ private:
     DWORD m_dwError;
 };
 
-/// The queue mutex for the length of a block.
-class CQueueLock {
-public:
-    explicit CQueueLock(CGQueue &queue) : m_queue(queue) { m_queue.Lock(); }
-    ~CQueueLock() { m_queue.Unlock(); }
-    CQueueLock(CQueueLock const &) = delete;
-    CQueueLock &operator=(CQueueLock const &) = delete;
-
-private:
-    CGQueue &m_queue;
-};
-
-/// The text of one event, formatted into tracked memory; null when there is none.
+// The text of one event, formatted into tracked memory; null when there is none.
 class CEventText {
 public:
     __attribute__((format(printf, 2, 0))) CEventText(char const *pszFmt, va_list args)
         : m_pszText(static_cast<char *>(GMemAlloc(kcbEventText, __LINE__, __FILE__)))
     {
-        if (m_pszText == nullptr)
+        if (m_pszText == nullptr) {
             return;
+        }
         std::strcpy(m_pszText, g_aszText[eGT_EMPTY_DEFAULT]);
         // What cannot be converted gives no text; what is too long is cut.
-        if (std::vsnprintf(m_pszText, kcbEventText, pszFmt, args) < 0)
+        if (std::vsnprintf(m_pszText, kcbEventText, pszFmt, args) < 0) {
             *m_pszText = '\0';
+        }
     }
     ~CEventText() { GMemFree(&m_pszText, kcbEventText, __LINE__, __FILE__); }
     CEventText(CEventText const &) = delete;
@@ -76,15 +67,16 @@ private:
     char *m_pszText;
 };
 
-/// Counts a heap object of this folder that was just made, or says that it could not be had. Neither is
-/// ever reported: the event manager does not speak of itself.
+// Counts a heap object of this folder that was just made, or says that it could not be had. Neither is
+// ever reported: the event manager does not speak of itself.
 template <class T>
 T *Counted(T *pObject, char const *pszWhat)
 {
-    if (pObject != nullptr)
+    if (pObject != nullptr) {
         INC_OBJECT_COUNTER(eEC_NONE, pszWhat);
-    else
+    } else {
         NEW_OPERATOR(eEC_NONE, pszWhat);
+    }
     return pObject;
 }
 
@@ -102,7 +94,7 @@ CGBaseEvtHandler *NewHandler(CGEvtMgr *pEvtMgr, DWORD kind)
     }
 }
 
-/// The visits of a query: 0 ends it at the first handler that takes the event.
+// The visits of a query: 0 ends it at the first handler that takes the event.
 int Query(CGBaseEvtHandler *pHandler, EvtQueryBaseType const &query)
 {
     *query.m_pfOn = pHandler->IsEventOn(query.m_BaseMask);
@@ -115,17 +107,19 @@ int Query(CGBaseEvtHandler *pHandler, EvtQueryFullType const &query)
     return *query.m_pfOn == 0;
 }
 
-/// The visits of a write: each handler tests the event again, for a reload may have come in between.
+// The visits of a write: each handler tests the event again, for a reload may have come in between.
 void Write(CGBaseEvtHandler *pHandler, EvtWriteBaseType const &write)
 {
-    if (pHandler->IsEventOn(write.m_BaseMask))
+    if (pHandler->IsEventOn(write.m_BaseMask)) {
         pHandler->WriteEvent(write.m_pszText, write.m_BaseMask);
+    }
 }
 
 void Write(CGBaseEvtHandler *pHandler, EvtWriteFullType const &write)
 {
-    if (pHandler->IsEventOn(write.m_BaseMask, write.m_CustomMask, write.m_nLevel))
+    if (pHandler->IsEventOn(write.m_BaseMask, write.m_CustomMask, write.m_nLevel)) {
         pHandler->WriteEvent(write.m_pszText, write.m_BaseMask, write.m_CustomMask, write.m_nLevel);
+    }
 }
 
 bool IsReady(CGEvtMgr const *pEvtMgr)
@@ -133,7 +127,7 @@ bool IsReady(CGEvtMgr const *pEvtMgr)
     return pEvtMgr != nullptr && GEvtMgrIsReady(pEvtMgr) != 0;
 }
 
-/// What the process holds, at one moment.
+// What the process holds, at one moment.
 struct Totals {
     int m_cMemory = static_cast<int>(g_cMemory.load());
     int m_cbMemory = static_cast<int>(g_cbMemory.load());
@@ -144,13 +138,15 @@ struct Totals {
 
 void ReportLeak(CGEvtMgr *pEvtMgr, Totals const &totals)
 {
-    if (totals.m_cMemory != 0 || totals.m_cbMemory != 0)
+    if (totals.m_cMemory != 0 || totals.m_cbMemory != 0) {
         pEvtMgr->Report(eEB_ERROR, eEC_NONE, eEL_ERROR,
                         "RemoveEvtMgr: MEMORY LEAK, g_cMemory g_cbMemory = %d %d", totals.m_cMemory,
                         totals.m_cbMemory);
-    if (totals.m_cObjects != 0)
+    }
+    if (totals.m_cObjects != 0) {
         pEvtMgr->Report(eEB_ERROR, eEC_NONE, eEL_ERROR,
                         "RemoveEvtMgr: OBJECT LEAK, g_cObjects = %d", totals.m_cObjects);
+    }
 }
 
 void ReportTotals(CGEvtMgr *pEvtMgr, Totals const &totals)
@@ -160,13 +156,13 @@ void ReportTotals(CGEvtMgr *pEvtMgr, Totals const &totals)
                     totals.m_cbMemory, totals.m_cObjects);
 }
 
-/// A byte in the text column. Only what would end the text or break the line is replaced.
+// A byte in the text column. Only what would end the text or break the line is replaced.
 char DumpChar(unsigned char b)
 {
     return b == 0 || (b >= 7 && b <= 13) ? ' ' : static_cast<char>(b);
 }
 
-/// One line of a memory block, up to kcbDumpLine bytes; a shorter one is padded to the same columns.
+// One line of a memory block, up to kcbDumpLine bytes; a shorter one is padded to the same columns.
 void DumpLine(std::uint64_t base, std::uint64_t custom, LONG nLevel, unsigned char const *pData,
               DWORD cbData)
 {
@@ -174,8 +170,9 @@ void DumpLine(std::uint64_t base, std::uint64_t custom, LONG nLevel, unsigned ch
     char szText[kcbDumpLine + 1] = "";
     char *pszEnd = szHex;
     for (DWORD n = 0; n < cbData; ++n) {
-        if (n == kcbDumpLine / 2)
+        if (n == kcbDumpLine / 2) {
             *pszEnd++ = ' ';
+        }
         pszEnd += std::snprintf(pszEnd, 4, "%2.2x ", static_cast<unsigned>(pData[n]));
         szText[n] = DumpChar(pData[n]);
     }
@@ -200,43 +197,48 @@ CGEvtMgr::CGEvtMgr(char const *pszName, DWORD nMode)
 CGEvtMgr::~CGEvtMgr()
 {
     ForEachNode(eEO_REMOVE, nullptr);
-    if (m_pBaseCategory != nullptr)
+    if (m_pBaseCategory != nullptr) {
         m_pBaseCategory->Release();
+    }
     m_pBaseCategory = nullptr;
 }
 
 DWORD CGEvtMgr::AddEvtHandler(DWORD kind)
 {
     CGBaseEvtHandler *pHandler = NewHandler(this, kind);
-    if (pHandler == nullptr)
+    if (pHandler == nullptr) {
         return 0;
+    }
     char const *pszNode = kind == eHK_FILE ? "CGFileEvtHandler" : "CGTdEvtHandler";
     DWORD const dwResult = AddNode(pszNode, pHandler, /*cbData=*/0, /*nPriority=*/1);
-    if (dwResult == eGE_OK)
+    if (dwResult == eGE_OK) {
         pHandler->AddRef();
-    else
+    } else {
         pHandler->Release();
+    }
     return dwResult;
 }
 
 DWORD CGEvtMgr::LoadBaseCategory()
 {
-    CQueueLock lock(*this);
+    CGQueueGuard const guard(*this);
     return m_pBaseCategory != nullptr ? m_pBaseCategory->Load(kszBaseCategoryKey) : 0;
 }
 
 DWORD CGEvtMgr::LoadIdString()
 {
-    CQueueLock lock(*this);
+    CGQueueGuard const guard(*this);
     CGString strKey;
     CGString strValue;
     strValue.Alloc(kcbRegText);
     if (strValue.m_pszText == nullptr ||
         !GTextJoin(strKey,
-                   {kszModulesKey, g_aszText[eGT_BACKSLASH], GTextOf(m_strModuleName.m_pszText)}))
+                   {kszModulesKey, g_aszText[eGT_BACKSLASH], GTextOf(m_strModuleName.m_pszText)})) {
         return 0;
-    if (!GRegQueryText(strKey.m_pszText, "Id String", strValue.m_pszText))
+    }
+    if (!GRegQueryText(strKey.m_pszText, "Id String", strValue.m_pszText)) {
         return 1;
+    }
     GTextJoin(m_strIdString, {strValue.m_pszText});
     return 0;
 }
@@ -244,46 +246,58 @@ DWORD CGEvtMgr::LoadIdString()
 DWORD CGEvtMgr::ReloadParameters()
 {
     // One step for whoever reports meanwhile: no line mixes the parameters of two loads.
-    CQueueLock lock(*this);
+    CGQueueGuard const guard(*this);
     LoadBaseCategory();
     DWORD const dwResult = LoadIdString();
     ForEachNode(eEO_RELOAD, nullptr);
     return dwResult;
 }
 
-void CGEvtMgr::NoteWhatIsTaken()
+void CGEvtMgr::SumUpHandlers()
 {
+    CGQueueGuard const guard(*this);
+    // First: a change from here on is seen below, or makes the sum stale, or both.
+    DWORD const cChanges = g_cFilterChanges;
     std::uint64_t base = 0;
     std::uint64_t custom = 0;
     LONG nLevel = kNoLevel;
     for (CNode const *pNode = GetHead(); pNode != nullptr; pNode = GetNext(pNode)) {
         auto const *pHandler = static_cast<CGBaseEvtHandler const *>(pNode->m_pData);
-        if (pHandler == nullptr || pHandler->m_State != 1)
+        if (pHandler == nullptr || pHandler->m_State != 1) {
             continue;
+        }
         base |= pHandler->m_BaseCategoryMask;
         custom |= pHandler->m_CustomCategoryMask;
-        nLevel = std::max(nLevel, pHandler->m_Level);
+        nLevel = std::max<LONG>(nLevel, pHandler->m_Level);
     }
     m_BaseTaken = base;
     m_CustomTaken = custom;
     m_nLevelTaken = nLevel;
+    m_cAddsSummedUp = m_cAdds.load();
+    m_cChangesSummedUp = cChanges;
 }
 
-bool CGEvtMgr::MayBeTaken(std::uint64_t base, std::uint64_t custom, LONG nLevel) const
+bool CGEvtMgr::MayBeTaken(std::uint64_t base, std::uint64_t custom, LONG nLevel)
 {
-    if (nLevel == eEL_ERROR || nLevel == eEL_SUMMARY || (base & eEB_ERROR) != 0)
+    if (nLevel == eEL_ERROR || nLevel == eEL_SUMMARY || (base & eEB_ERROR) != 0) {
         return true; // masks and levels do not matter
+    }
+    if (m_cChangesSummedUp != g_cFilterChanges || m_cAddsSummedUp != m_cAdds) {
+        SumUpHandlers();
+    }
     return nLevel <= m_nLevelTaken && (base == 0 || (base & m_BaseTaken) != 0) &&
            (custom == 0 || (custom & m_CustomTaken) != 0);
 }
 
 int CGEvtMgr::VisitNode(CNode *pNode, DWORD op, void *pRec)
 {
-    if (op <= eEO_WRITE_FULL && pRec == nullptr)
+    if (op <= eEO_WRITE_FULL && pRec == nullptr) {
         return 0;
+    }
     auto *pHandler = static_cast<CGBaseEvtHandler *>(pNode->m_pData);
-    if (pHandler == nullptr)
+    if (pHandler == nullptr) {
         return 1;
+    }
 
     int nResult = 1;
     pHandler->AddRef();
@@ -302,13 +316,12 @@ int CGEvtMgr::VisitNode(CNode *pNode, DWORD op, void *pRec)
         break;
     case eEO_RELOAD:
         pHandler->LoadParams();
-        if (GetNext(pNode) == nullptr) // all have, and sites see the settings change in one step
-            NoteWhatIsTaken();
         break;
     case eEO_REMOVE:
         // Two references to give up, the list's and that of the creation; the visit's own is the last.
-        if (RemoveAndFreeNode(pNode) == eGE_OK)
+        if (RemoveAndFreeNode(pNode) == eGE_OK) {
             pHandler->Release();
+        }
         pHandler->Release();
         break;
     default:
@@ -331,17 +344,20 @@ DWORD CGEvtMgr::Report(std::uint64_t base, std::uint64_t custom, LONG nLevel, ch
 DWORD CGEvtMgr::ReportV(std::uint64_t base, std::uint64_t custom, LONG nLevel, char const *pszFmt,
                         va_list args)
 {
-    if (!MayBeTaken(base, custom, nLevel))
+    if (!MayBeTaken(base, custom, nLevel)) {
         return 0;
+    }
     CLastErrorKeeper keeper;
     LONG fOn = 0;
     EvtQueryFullType query = {base, custom, nLevel, &fOn};
     ForEachNode(eEO_QUERY_FULL, &query);
-    if (fOn == 0)
+    if (fOn == 0) {
         return 0;
+    }
     CEventText const text(pszFmt, args);
-    if (text.Get() == nullptr)
+    if (text.Get() == nullptr) {
         return 0;
+    }
     EvtWriteFullType write = {text.Get(), base, custom, nLevel};
     ForEachNode(eEO_WRITE_FULL, &write);
     return 0;
@@ -349,20 +365,23 @@ DWORD CGEvtMgr::ReportV(std::uint64_t base, std::uint64_t custom, LONG nLevel, c
 
 DWORD CGEvtMgr::ReportBase(std::uint64_t base, char const *pszFmt, ...)
 {
-    if (!MayBeTaken(base, /*custom=*/0, /*nLevel=*/0))
+    if (!MayBeTaken(base, /*custom=*/0, /*nLevel=*/0)) {
         return 0;
+    }
     CLastErrorKeeper keeper;
     LONG fOn = 0;
     EvtQueryBaseType query = {base, &fOn};
     ForEachNode(eEO_QUERY_BASE, &query);
-    if (fOn == 0)
+    if (fOn == 0) {
         return 0;
+    }
     va_list args;
     va_start(args, pszFmt);
     CEventText const text(pszFmt, args);
     va_end(args);
-    if (text.Get() == nullptr)
+    if (text.Get() == nullptr) {
         return 0;
+    }
     EvtWriteBaseType write = {text.Get(), base};
     ForEachNode(eEO_WRITE_BASE, &write);
     return 0;
@@ -373,21 +392,23 @@ void CGEvtMgr::DumpRawData(std::uint64_t base, std::uint64_t custom, LONG nLevel
 {
     auto const *pBytes = static_cast<unsigned char const *>(pData);
     DWORD cbLeft = pBytes != nullptr ? cbData : 0;
-    for (; cbLeft >= kcbDumpLine; cbLeft -= kcbDumpLine, pBytes += kcbDumpLine)
+    for (; cbLeft >= kcbDumpLine; cbLeft -= kcbDumpLine, pBytes += kcbDumpLine) {
         DumpLine(base, custom, nLevel, pBytes, kcbDumpLine);
+    }
     DumpLine(base, custom, nLevel, pBytes, cbLeft);
 }
 
-DWORD CreateEvtMgr(std::atomic<CGEvtMgr *> *ppMgr, char const *pszName)
+DWORD CreateEvtMgr(CGEvtMgr **ppMgr, char const *pszName)
 {
     NewEvtMgr(ppMgr, pszName, eEM_NORMAL);
     ++g_cEvtMgrs;
     return 0;
 }
 
-DWORD NewEvtMgr(std::atomic<CGEvtMgr *> *ppMgr, char const *pszName, DWORD nMode)
+DWORD NewEvtMgr(CGEvtMgr **ppMgr, char const *pszName, DWORD nMode)
 {
-    ppMgr->store(Counted(new (std::nothrow) CGEvtMgr(pszName, nMode), "CGEvtMgr"));
+    CGEvtMgr *const pEvtMgr = Counted(new (std::nothrow) CGEvtMgr(pszName, nMode), "CGEvtMgr");
+    std::atomic_ref(*ppMgr).store(pEvtMgr, std::memory_order_release); // it may be g_pEvtMgr
     return 0;
 }
 
@@ -395,33 +416,36 @@ DWORD LoadParameters()
 {
     CLastErrorKeeper keeper;
     G_REPORT(eEB_INFO, eEC_NONE, eEL_SUMMARY, "LoadParameters: BEGIN Loading new parameters");
-    if (CGEvtMgr *pEvtMgr = g_pEvtMgr.load())
+    if (CGEvtMgr *pEvtMgr = g_pEvtMgr) {
         pEvtMgr->ReloadParameters();
+    }
     G_REPORT(eEB_INFO, eEC_NONE, eEL_SUMMARY, "LoadParameters: END   Loading new parameters");
     return 0;
 }
 
-DWORD RemoveEvtMgr(std::atomic<CGEvtMgr *> *ppMgr, char const *pszName)
+DWORD RemoveEvtMgr(CGEvtMgr **ppMgr, char const *pszName)
 {
-    if (ppMgr == nullptr)
+    if (ppMgr == nullptr) {
         return eGE_NULL_ARGUMENT;
+    }
     bool const fLast = --g_cEvtMgrs == 0;
-    if (CGEvtMgr *pEvtMgr = ppMgr->load()) {
-        pEvtMgr->Release();
-        ppMgr->store(nullptr);
+    if (*ppMgr != nullptr) {
+        (*ppMgr)->Release();
+        std::atomic_ref(*ppMgr).store(nullptr, std::memory_order_release);
     }
 
     Totals const totals; // taken before the temporary manager, which is not a leak
-    std::atomic<CGEvtMgr *> pTemporary{nullptr};
-    NewEvtMgr(&pTemporary, pszName, eEM_FINAL_REPORT);
-    CGEvtMgr *pFinal = pTemporary.load();
+    CGEvtMgr *pFinal = nullptr;
+    NewEvtMgr(&pFinal, pszName, eEM_FINAL_REPORT);
     if (IsReady(pFinal)) {
-        if (fLast && totals.IsLeak())
+        if (fLast && totals.IsLeak()) {
             ReportLeak(pFinal, totals);
-        else
+        } else {
             ReportTotals(pFinal, totals);
+        }
     }
-    if (pFinal != nullptr)
+    if (pFinal != nullptr) {
         pFinal->Release();
+    }
     return 0;
 }

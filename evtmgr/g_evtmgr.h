@@ -1,22 +1,23 @@
 #pragma once
 
-// The one channel for diagnostics. Code anywhere reports an event: two category masks, a level and a
-// text in the manner of printf. The manager is a queue of event handlers; each decides for itself
-// whether an event concerns it, builds its own line and delivers it, to the trace viewer or to a log
-// file. Every switch, mask, level, category name and file name comes from the registry, and can be read
-// again while the manager runs (README.md has the table).
-//
-// Diagnostic sites do not include this header but foundation/g_site.h. A host that wants diagnostics
-// uses evtmgr/g_evthost.h.
-//
-// Life: CreateEvtMgr makes a manager, RemoveEvtMgr ends it and says what the process still holds. No
-// other thread may be at a diagnostic site while a manager that g_pEvtMgr points to is removed: a site
-// takes no lock, and may have loaded the pointer already. g_evthost.h tells a host how to see to that.
-//
-// Threads: any thread may report and reload. The queue mutex (m_hMutex of CGQueue, recursive) is held
-// for a whole traversal and guards handlers, tables and the id string; behind it come the named mutex of
-// a log file and the leaf lock of the trace client. A report that arises within a traversal on the same
-// thread enters a nested traversal.
+/// @file
+/// The one channel for diagnostics. Code anywhere reports an event: two category masks, a level and a
+/// text in the manner of printf. The manager is a queue of event handlers; each decides for itself
+/// whether an event concerns it, builds its own line and delivers it, to the trace viewer or to a log
+/// file. Every switch, mask, level, category name and file name comes from the registry, and can be read
+/// again while the manager runs (README.md has the table).
+///
+/// Diagnostic sites do not include this header but foundation/g_site.h. A host that wants diagnostics
+/// uses evtmgr/g_evthost.h.
+///
+/// Life: CreateEvtMgr makes a manager, RemoveEvtMgr ends it and says what the process still holds. No
+/// other thread may be at a diagnostic site while a manager that g_pEvtMgr points to is removed: a site
+/// takes no lock, and may have loaded the pointer already. g_evthost.h tells a host how to see to that.
+///
+/// Threads: any thread may report and reload. The queue mutex (m_hMutex of CGQueue, recursive) is held
+/// for a whole traversal and guards handlers, tables and the id string; behind it come the named mutex of
+/// a log file and the leaf lock of the trace client. A report that arises within a traversal on the same
+/// thread enters a nested traversal.
 
 #include "evtmgr/g_category.h"
 #include "evtmgr/g_evthandler.h"
@@ -29,9 +30,11 @@
 #include <cstdarg>
 #include <cstdint>
 
+/// @{
 /// Keys under HKEY_LOCAL_MACHINE.
 inline constexpr char kszBaseCategoryKey[] = "SOFTWARE\\Norvale\\Skiffmail\\EvtMgr\\Base Category";
 inline constexpr char kszModulesKey[] = "SOFTWARE\\Norvale\\Skiffmail\\EvtMgr\\Modules";
+/// @}
 
 /// What a manager is for.
 enum : DWORD {
@@ -103,14 +106,13 @@ public:
     DWORD ReloadParameters();
 
     /// Whether some handler could take such an event. A "no" is final; after a "yes" the handlers are asked.
-    /// Takes no lock, since most events end here. During a reload it goes by the settings before it, and
-    /// from its end on by the new ones.
-    bool MayBeTaken(std::uint64_t base, std::uint64_t custom, LONG nLevel) const;
+    /// Most events end here, so it takes no lock but for the first event after a handler came or changed.
+    bool MayBeTaken(std::uint64_t base, std::uint64_t custom, LONG nLevel);
 
     /// Runs one operation on the handler of a node, under the queue mutex.
     /// @return 1 to go on, 0 to stop: a query stops at the first handler that takes the event, and every
     /// operation that needs a record stops without one.
-    int VisitNode(CNode *pNode, DWORD op, void *pRec) override;
+    int VisitNode(CNode *pNode, DWORD op, void *pRec) override PLAT_REQUIRES(this);
 
     /// Reports an event to every handler that takes it. Formats once, and only when some handler takes
     /// it; a text of more than 1023 characters is cut. Any thread; leaves GetLastError as it was.
@@ -138,15 +140,18 @@ public:
     DWORD m_nMode;              ///< eEM_...; constant after construction
 
 private:
-    void NoteWhatIsTaken();
+    void SumUpHandlers();
 
-    // What the handlers that are on take between them. Written under the queue mutex, read by any site. A
-    // site that reads some before a reload and some after it is right all the same: what both settings
-    // take passes each of the tests by either, and an event that only one takes is just a little early or late.
+    // What the handlers that are on take between them, and the counts of handlers' changes and of nodes
+    // that it goes by. Written under the queue mutex, read by any site. A site that reads some before a
+    // change and some after it is right all the same: what is taken before and after passes each of the
+    // tests by either, and an event that is taken only once is just a little early or late.
+    std::atomic<DWORD> m_cChangesSummedUp{0};
+    std::atomic<DWORD> m_cAddsSummedUp{0};
     std::atomic<std::uint64_t> m_BaseTaken{0};
     std::atomic<std::uint64_t> m_CustomTaken{0};
     std::atomic<LONG>
-        m_nLevelTaken; ///< the highest; the lowest number there is while no handler is on
+        m_nLevelTaken; // the highest; the lowest number there is while no handler is on
 };
 
 /// CreateEvtMgr calls not yet matched by RemoveEvtMgr; 0 at load. CreateEvtMgr and RemoveEvtMgr must not
@@ -154,12 +159,12 @@ private:
 extern std::atomic<LONG> g_cEvtMgrs;
 
 /// NewEvtMgr with eEM_NORMAL, counted in g_cEvtMgrs also when there was no memory for the manager. Touches
-/// g_pEvtMgr only if ppMgr is its address. @return always 0.
-DWORD CreateEvtMgr(std::atomic<CGEvtMgr *> *ppMgr, char const *pszName);
+/// g_pEvtMgr only if ppMgr is its address; a host may as well store *ppMgr there itself. @return always 0.
+DWORD CreateEvtMgr(CGEvtMgr **ppMgr, char const *pszName);
 
 /// Makes a manager, ready for use, and stores it, or null without memory, in *ppMgr. The caller holds
 /// the one reference, counted in g_cObjects. @param ppMgr not null. @param pszName, nMode as for the constructor. @return always 0.
-DWORD NewEvtMgr(std::atomic<CGEvtMgr *> *ppMgr, char const *pszName, DWORD nMode);
+DWORD NewEvtMgr(CGEvtMgr **ppMgr, char const *pszName, DWORD nMode);
 
 /// Reads all parameters of g_pEvtMgr again, and says so before and after. Any thread, but no signal
 /// handler; a process without a manager does nothing. @return always 0.
@@ -171,4 +176,4 @@ DWORD LoadParameters();
 /// report of their own end still passes through it.
 /// REQUIRES: no other thread can be at a diagnostic site that uses *ppMgr (see g_evthost.h).
 /// @return eGE_NULL_ARGUMENT for a null ppMgr, else 0.
-DWORD RemoveEvtMgr(std::atomic<CGEvtMgr *> *ppMgr, char const *pszName);
+DWORD RemoveEvtMgr(CGEvtMgr **ppMgr, char const *pszName);

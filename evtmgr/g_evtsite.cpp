@@ -4,7 +4,7 @@
 
 #include <cstdarg>
 
-std::atomic<CGEvtMgr *> g_pEvtMgr{nullptr};
+constinit CGEvtMgrSlot g_pEvtMgr;
 
 int GEvtMgrIsReady(CGEvtMgr const *pEvtMgr)
 {
@@ -14,8 +14,9 @@ int GEvtMgrIsReady(CGEvtMgr const *pEvtMgr)
 DWORD GEvtMgrReport(CGEvtMgr *pEvtMgr, std::uint64_t base, std::uint64_t custom, LONG nLevel,
                     char const *pszFmt, ...)
 {
-    if (!pEvtMgr->MayBeTaken(base, custom, nLevel))
+    if (!pEvtMgr->MayBeTaken(base, custom, nLevel)) {
         return 0;
+    }
     va_list args;
     va_start(args, pszFmt);
     DWORD const dwResult = pEvtMgr->ReportV(base, custom, nLevel, pszFmt, args);

@@ -8,12 +8,14 @@
 bool GTextJoin(CGString &str, std::initializer_list<char const *> pieces)
 {
     std::size_t cch = 0;
-    for (char const *psz : pieces)
+    for (char const *psz : pieces) {
         cch += std::strlen(psz);
+    }
     CGString strNew;
     strNew.Alloc(static_cast<DWORD>(cch + 1));
-    if (strNew.m_pszText == nullptr)
+    if (strNew.m_pszText == nullptr) {
         return false;
+    }
     char *pszEnd = strNew.m_pszText;
     for (char const *psz : pieces) {
         std::size_t const cchPart = std::strlen(psz);
@@ -29,8 +31,9 @@ bool GTextJoin(CGString &str, std::initializer_list<char const *> pieces)
 bool GRegHasKey(char const *pszKey)
 {
     HKEY hKey = nullptr;
-    if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, pszKey, /*dwOptions=*/0, KEY_READ, &hKey) != 0)
+    if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, pszKey, /*dwOptions=*/0, KEY_READ, &hKey) != 0) {
         return false;
+    }
     RegCloseKey(hKey);
     return true;
 }
@@ -38,8 +41,9 @@ bool GRegHasKey(char const *pszKey)
 bool GRegQueryText(char const *pszKey, char const *pszName, char *pszValue)
 {
     DWORD cb = kcbRegText;
-    if (GRegQueryValue(pszKey, pszName, reinterpret_cast<BYTE *>(pszValue), &cb) != 0)
+    if (GRegQueryValue(pszKey, pszName, reinterpret_cast<BYTE *>(pszValue), &cb) != 0) {
         return false;
+    }
     // The registry keeps what was put there, a terminator or none.
     pszValue[cb < kcbRegText ? cb : kcbRegText - 1] = '\0';
     return true;

@@ -1,7 +1,8 @@
 #pragma once
 
-// Small text helpers of the event manager's own sources. No allocation failure leaves a text that its
-// readers would have to test for: a replacement keeps the old text, and GTextOf reads null as empty.
+/// @file
+/// Small text helpers of the event manager's own sources. No allocation failure leaves a text that its
+/// readers would have to test for: a replacement keeps the old text, and GTextOf reads null as empty.
 
 #include "foundation/g_os.h"
 #include "foundation/g_string.h"

@@ -30,7 +30,8 @@ LONG CGTdEvtHandler::IsOn()
 
 DWORD CGTdEvtHandler::WriteText(char *pszText)
 {
-    if (pszText != nullptr)
+    if (pszText != nullptr) {
         TdSendLine(pszText);
+    }
     return 0;
 }

@@ -14,9 +14,11 @@ public:
 
     /// "TD".
     char const *GetModuleName() override;
+    /// @{
     /// Reads the viewer's settings, with the debugger among the places to log to. @return 0.
     DWORD LoadModuleParams() override;
     LONG IsOn() override;
+    /// @}
     /// Sends WM_COPYDATA with the line and its terminator; what the window answers does not matter.
     /// @return 0.
     DWORD WriteText(char *pszText) override;

@@ -5,6 +5,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 namespace {
 
@@ -30,7 +31,11 @@ public:
     CWideName(CWideName const &) = delete;
     CWideName &operator=(CWideName const &) = delete;
 
-    OLECHAR const *Get() const { return m_pszName != nullptr ? m_pszName : L""; }
+    OLECHAR const *Get() const
+    {
+        auto const *pszEmpty = reinterpret_cast<OLECHAR const *>(g_aszText[eGT_EMPTY_WIDE]);
+        return m_pszName != nullptr ? m_pszName : pszEmpty;
+    }
 
 private:
     static constexpr std::size_t kNoText = static_cast<std::size_t>(-1);
@@ -76,6 +81,17 @@ DWORD OpenResult(char const *pszPlace, char const *pszCall, HRESULT hr, T *&pObj
     return eGE_FILE_OPEN;
 }
 
+HRESULT LetGo(IStream *pStream)
+{
+    pStream->Release();
+    return S_OK;
+}
+
+HRESULT LetGo(IStorage *pStorage)
+{
+    return PlatCloseStorage(pStorage);
+}
+
 template <class T>
 DWORD ReleaseObject(char const *pszMember, T *&pObject)
 {
@@ -83,8 +99,11 @@ DWORD ReleaseObject(char const *pszMember, T *&pObject)
         ReportMissing("CompoundClose", pszMember, "NOT open");
         return eGE_FILE_NOT_OPEN;
     }
-    pObject->Release();
-    pObject = nullptr;
+    HRESULT const hr = LetGo(std::exchange(pObject, nullptr));
+    if (FAILED(hr)) {
+        ReportResult("CompoundClose", "Release", hr);
+        return eGE_FILE_WRITE;
+    }
     return eGE_OK;
 }
 

@@ -2,12 +2,14 @@
 
 #include "foundation/g_text.h"
 #include "platform/afx.h"
+#include "platform/check.h"
 #include "platform/thread.h"
 #include "platform/window.h"
 
 #include <new>
 
-static UINT const c_nWarningBeep = 48; // MB_ICONEXCLAMATION
+static UINT const c_nWarningBeep = 48;  // MB_ICONEXCLAMATION
+static DWORD const c_dwLastSteps = 500; // ms between the done event and the thread's end
 
 struct CGQThread::CWorkerRun {
     CNode *pNode = nullptr;
@@ -37,8 +39,6 @@ CGQThread::~CGQThread()
     if (!HasWorker()) {
         Flush();
     } else if (m_eKind == eTK_BEGINTHREADEX) {
-        // Behind the done event come the worker's last steps, in code that a host may unload next.
-        WaitForSingleObject(m_hThread, INFINITE);
         CloseHandle(m_hThread); // the other kind's handle belongs to its thread object
     }
     m_hThread = INVALID_HANDLE_VALUE;
@@ -168,10 +168,26 @@ void CGQThread::EndWorker()
     m_fDeliver = false;
     UnlockThread();
     Stop();
-    if (HasWorker()) {
-        // The thread's own end, where there is a handle for it, comes soon after the done event: to wait
-        // for both would be to be woken twice.
-        WaitForSingleObject(m_eKind == eTK_BEGINTHREADEX ? m_hThread : m_hDone, INFINITE);
+    if (HasWorker() && !m_fEnded) {
+        AwaitWorker();
+    }
+    m_fEnded = true;
+}
+
+// The thread's own end, where there is a handle for it, comes soon after the done event, behind last steps
+// in code that a host may unload next. So it is what is waited for; to wait for the event too would be to be
+// woken twice. The event ends the wait where the thread can't end for as long as we wait (under Windows'
+// loader lock), once its last steps have had their time. Where the system ends the threads before us, there
+// is no event.
+void CGQThread::AwaitWorker() const
+{
+    if (m_eKind != eTK_BEGINTHREADEX) {
+        WaitForSingleObject(m_hDone, INFINITE);
+        return;
+    }
+    bool fDone = false;
+    while (WaitForSingleObject(m_hThread, c_dwLastSteps) == WAIT_TIMEOUT && !fDone) {
+        fDone = WaitForSingleObject(m_hDone, 0) == WAIT_OBJECT_0;
     }
 }
 
@@ -252,6 +268,7 @@ LONG CGQThread::DoWait()
 // Without fDeliver the object is being destroyed and no derived ProcessEntry may be reached any more.
 LONG CGQThread::DoWork(CWorkerRun &run)
 {
+    PLAT_CHECK(run.pNode != nullptr);
     run.dwResult = run.fDeliver ? ProcessEntry(run.pNode, this, m_dwParam)
                                 : CGQThread::ProcessEntry(run.pNode, this, m_dwParam);
     FreeNode(&run.pNode);

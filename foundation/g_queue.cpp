@@ -1,5 +1,7 @@
 #include "foundation/g_queue.h"
 
+#include "platform/check.h"
+
 #include <new>
 
 namespace {
@@ -49,6 +51,7 @@ DWORD CGBaseQueue::DestroyNode(CNode **ppNode)
     if (pNode->m_cbData != 0) {
         GMemFree(&pNode->m_pData, pNode->m_cbData, __LINE__, __FILE__);
     }
+    PLAT_CHECK(m_cLive > 0);
     DEC_OBJECT_COUNTER(MaskOf(eEC_DESTROY_NODE), CNodeLabel(pNode->m_strName.m_pszText).GetText());
     delete pNode;
     --m_cLive;
@@ -111,6 +114,8 @@ DWORD CGQueue::AddNode(char const *pszName, void *pData, DWORD cbData, DWORD nPr
         case eAS_LINK:
             LinkNode(pNode);
             ++m_cLinked;
+            PLAT_CHECK(IsInOrder(pNode));
+            m_cAdds = m_cAdds + 1;
             eStep = eAS_FINISH;
             break;
         case eAS_FINISH:
@@ -127,6 +132,17 @@ DWORD CGQueue::AddNode(char const *pszName, void *pData, DWORD cbData, DWORD nPr
     }
     Unlock();
     return dwResult;
+}
+
+// Whether the list is whole at this node: its neighbours know it, and priorities fall.
+bool CGQueue::IsInOrder(CNode const *pNode) const
+{
+    CNode const *const pPrev = pNode->m_pPrev;
+    CNode const *const pNext = pNode->m_pNext;
+    return (pPrev != nullptr ? pPrev->m_pNext : m_pHead) == pNode &&
+           (pNext == nullptr || pNext->m_pPrev == pNode) &&
+           (pPrev == nullptr || pPrev->m_nPriority >= pNode->m_nPriority) &&
+           (pNext == nullptr || pNode->m_nPriority >= pNext->m_nPriority);
 }
 
 // Links the node before the first one of lower priority, or behind the tail.
@@ -162,9 +178,11 @@ DWORD CGQueue::GetFirstNode(CNode **ppNode)
     }
     Lock();
     *ppNode = m_pHead;
+    PLAT_CHECK((m_pHead == nullptr) == (m_cLinked == 0));
     if (m_pHead == nullptr) {
         SetEvent(m_hDrained);
     } else {
+        PLAT_CHECK(IsInOrder(m_pHead));
         m_pHead = m_pHead->m_pNext;
         if (m_pHead != nullptr) {
             m_pHead->m_pPrev = nullptr;
@@ -186,6 +204,7 @@ DWORD CGQueue::RemoveNode(CNode *pNode)
         pFound = pFound->m_pNext;
     }
     if (pFound != nullptr) {
+        PLAT_CHECK(IsInOrder(pFound));
         CNode *&pFromBefore = pFound->m_pPrev != nullptr ? pFound->m_pPrev->m_pNext : m_pHead;
         pFromBefore = pFound->m_pNext;
         if (pFound->m_pNext != nullptr) {
@@ -213,6 +232,7 @@ DWORD CGQueue::Flush()
         pNode = pNext;
     }
     m_pHead = nullptr;
+    PLAT_CHECK(m_cLinked == 0);
     Unlock();
     return eGE_OK;
 }

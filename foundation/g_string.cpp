@@ -4,6 +4,7 @@
 #include "foundation/g_text.h"
 #include "platform/runtime.h"
 
+#include <algorithm>
 #include <cstring>
 #include <limits>
 
@@ -63,8 +64,10 @@ DWORD CGString::Append(char const *pszText)
     if (pszNew == nullptr) {
         return eGE_OUT_OF_MEMORY;
     }
-    std::memcpy(pszNew, m_pszText, m_cbSize - 1);
-    std::memcpy(pszNew + m_cbSize - 1, pszSource, cchSource + 1);
+    // A text that was written in place may end before its buffer does.
+    char *const pszEnd =
+        std::copy(m_pszText, std::find(m_pszText, m_pszText + m_cbSize - 1, '\0'), pszNew);
+    std::memcpy(pszEnd, pszSource, cchSource + 1);
     Clear();
     m_cbSize = cbNew;
     m_pszText = pszNew;

@@ -1,17 +1,18 @@
-// The constant strings of the system, which the sources use instead of literals of their own.
-//
-// Three empty strings, then 24 pairs. The two entries of a pair are separate strings with the same
-// text, so that two users of one text can be told apart by address.
+/// @file
+/// The constant strings of the system, which the sources use instead of literals of their own.
+///
+/// Three empty strings, then 24 pairs. The two entries of a pair are separate strings with the same
+/// text, so that two users of one text can be told apart by address.
 
 #pragma once
 
 #include <cstddef>
 
-// Names of the constant strings.
+/// Names of the constant strings.
 enum EGText : std::size_t {
-    eGT_EMPTY,         // for absent text arguments
-    eGT_EMPTY_WIDE,    // all its bytes are zero and it is aligned, so it ends a wide string as well
-    eGT_EMPTY_DEFAULT, // for defaults
+    eGT_EMPTY,      ///< for absent text arguments
+    eGT_EMPTY_WIDE, ///< all its bytes are zero and it is aligned, so it ends a wide string as well
+    eGT_EMPTY_DEFAULT, ///< for defaults
     eGT_PAREN_OPEN,
     eGT_PAREN_OPEN_2,
     eGT_PAREN_CLOSE,
@@ -63,5 +64,5 @@ enum EGText : std::size_t {
     eGT_COUNT
 };
 
-// g_aszText[eGT_...] is the text. Every entry has an address of its own.
+/// g_aszText[eGT_...] is the text. Every entry has an address of its own.
 extern char const g_aszText[eGT_COUNT][4];

@@ -63,8 +63,8 @@ public:
     Heard Take()
     {
         // The messages are delivered in the order of posting: behind this one there is none of before.
-        CCallbackQThread::PostTo(CNotifyAgentProbe::CallbackThread(m_agent), eCT_LINK_RECOVERED,
-                                 &m_agent, 0, 0, nullptr, nullptr, nullptr);
+        CCallbackQThread::PostTo(CNotifyAgentProbe::CallbackThread(m_agent), eCT_LINK_RECOVERED, 0,
+                                 0, nullptr, nullptr, nullptr);
         s_bEnd.wait(false);
         s_bEnd = false;
         return std::exchange(s_heard, {});

@@ -93,7 +93,7 @@ void PickAll(CDeviceModel const &model)
     std::vector<std::pair<LinkAddress, std::string>> sent;
     CKickSender kicks(
         [&](LinkAddress const &to, std::string const &str) { sent.emplace_back(to, str); },
-        [](std::string const &) {});
+        [](DeviceEvent const &) {});
     std::size_t cAdded = 0;
     for (PanelEntry const &entry : model.Panel()) {
         std::string strAddress;

@@ -2,7 +2,7 @@
 // refused is refused with a line, and leaves what was read before, through the calls that the agent uses.
 
 #include "fuzz/fuzz_input.h"
-#include "platform/posix/regtree.h"
+#include "platform/posix/registry/regtree.h"
 #include "platform/registry.h"
 
 #include <fstream>

@@ -31,11 +31,13 @@ using AFX_THREADPROC = UINT(__cdecl *)(LPVOID);
 /// it is taken while the thread is still suspended.
 class CWinThread {
 public:
+    /// @{
     /// AfxBeginThread makes these; by itself one runs nothing.
     CWinThread(AFX_THREADPROC pfnThread, LPVOID pvParam);
     virtual ~CWinThread();
     CWinThread(CWinThread const &) = delete;
     CWinThread &operator=(CWinThread const &) = delete;
+    /// @}
 
     /// The suspend count before the call; (DWORD)-1 on failure. 1 starts a thread created suspended.
     DWORD ResumeThread();

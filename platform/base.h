@@ -1,11 +1,12 @@
 #pragma once
 
-// The ground that every platform header stands on: the words, the error numbers, the last error and
-// the interlocked operations of Win32 under their own names.
-//
-// On Windows this is the system's own header. Elsewhere it declares exactly what the system uses, in
-// the system's own widths: DWORD and LONG are 32 bits on every target, DWORD_PTR is as wide as a
-// pointer. Error numbers are Win32's, whatever the host's own are.
+/// @file
+/// The ground that every platform header stands on: the words, the error numbers, the last error and
+/// the interlocked operations of Win32 under their own names.
+///
+/// On Windows this is the system's own header. Elsewhere it declares exactly what the system uses, in
+/// the system's own widths: DWORD and LONG are 32 bits on every target, DWORD_PTR is as wide as a
+/// pointer. Error numbers are Win32's, whatever the host's own are.
 
 #ifdef _WIN32
 
@@ -27,11 +28,13 @@ inline constexpr bool kIsPosix = false;
 /// True where the platform layer is our own, for what only one kind of target can do.
 inline constexpr bool kIsPosix = true;
 
-// Calling conventions mean nothing here.
+/// @{
+/// Calling conventions mean nothing here.
 #define WINAPI
 #define CALLBACK
 #define __stdcall
 #define __cdecl
+/// @}
 
 using BYTE = std::uint8_t;
 using WORD = std::uint16_t;
@@ -59,7 +62,7 @@ using WPARAM = UINT_PTR;
 using LPARAM = LONG_PTR;
 using LRESULT = LONG_PTR;
 
-struct SECURITY_ATTRIBUTES; // never defined: nobody can ask for what is not there
+struct SECURITY_ATTRIBUTES; ///< never defined: nobody can ask for what is not there
 using LPSECURITY_ATTRIBUTES = SECURITY_ATTRIBUTES *;
 
 inline constexpr int TRUE = 1;
@@ -70,7 +73,8 @@ inline constexpr int MAX_PATH = 260;
 /// The exit code of a thread or process that has not ended.
 inline constexpr DWORD STILL_ACTIVE = 259;
 
-// Access rights that objects of every kind share.
+/// @{
+/// Access rights that objects of every kind share.
 inline constexpr DWORD READ_CONTROL = 0x00020000u;
 inline constexpr DWORD STANDARD_RIGHTS_REQUIRED = 0x000F0000u;
 inline constexpr DWORD SYNCHRONIZE = 0x00100000u;
@@ -79,6 +83,7 @@ inline constexpr DWORD GENERIC_ALL = 0x10000000u;
 inline constexpr DWORD GENERIC_EXECUTE = 0x20000000u;
 inline constexpr DWORD GENERIC_WRITE = 0x40000000u;
 inline constexpr DWORD GENERIC_READ = 0x80000000u;
+/// @}
 
 inline constexpr DWORD NO_ERROR = 0u;
 inline constexpr DWORD ERROR_SUCCESS = 0u;
@@ -128,6 +133,7 @@ inline constexpr DWORD ERROR_ALREADY_EXISTS = 183u;
 inline constexpr DWORD ERROR_BAD_EXE_FORMAT = 193u;
 inline constexpr DWORD ERROR_FILENAME_EXCED_RANGE = 206u;
 inline constexpr DWORD ERROR_BAD_PIPE = 230u;
+inline constexpr DWORD ERROR_PIPE_BUSY = 231u;
 inline constexpr DWORD ERROR_NO_DATA = 232u;
 inline constexpr DWORD ERROR_MORE_DATA = 234u;
 inline constexpr DWORD ERROR_NO_MORE_ITEMS = 259u;
@@ -153,12 +159,15 @@ inline constexpr DWORD ERROR_INVALID_PRINTER_NAME = 1801u;
 inline constexpr DWORD ERROR_CANT_RESOLVE_FILENAME = 1921u;
 inline constexpr DWORD ERROR_NOT_CONNECTED = 2250u;
 
+/// @{
 /// As Win32. Each copy of the layer (the program's, a module's) keeps words of its own: a module's
 /// last error is asked for inside that module.
 DWORD WINAPI GetLastError();
 void WINAPI SetLastError(DWORD dwError);
+/// @}
 
-// As Win32: full barriers, the new value from Increment and Decrement, the former one from the rest.
+/// @{
+/// As Win32: full barriers, and the new value.
 inline LONG InterlockedIncrement(LONG volatile *pn)
 {
     return __atomic_add_fetch(pn, 1, __ATOMIC_SEQ_CST);
@@ -168,27 +177,6 @@ inline LONG InterlockedDecrement(LONG volatile *pn)
 {
     return __atomic_sub_fetch(pn, 1, __ATOMIC_SEQ_CST);
 }
-
-inline LONG InterlockedExchange(LONG volatile *pn, LONG nNew)
-{
-    return __atomic_exchange_n(pn, nNew, __ATOMIC_SEQ_CST);
-}
-
-inline LONG InterlockedExchangeAdd(LONG volatile *pn, LONG nAdd)
-{
-    return __atomic_fetch_add(pn, nAdd, __ATOMIC_SEQ_CST);
-}
-
-inline LONG InterlockedCompareExchange(LONG volatile *pn, LONG nNew, LONG nOld)
-{
-    __atomic_compare_exchange_n(pn, &nOld, nNew, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST);
-    return nOld;
-}
+/// @}
 
 #endif
-
-/// The value of a word that other threads change through Interlocked*: whole, and ordered as they are.
-inline LONG PlatLoadLong(LONG const volatile *pn)
-{
-    return __atomic_load_n(pn, __ATOMIC_SEQ_CST);
-}

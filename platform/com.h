@@ -1,6 +1,7 @@
 #pragma once
 
-// The few words of COM that structured storage and the services share.
+/// @file
+/// The few words of COM that structured storage and the services share.
 
 #include "platform/base.h"
 

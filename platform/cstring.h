@@ -1,15 +1,16 @@
 #pragma once
 
-// CString: a heap text of narrow characters, one pointer wide.
-//
-// It is the text type of the records that clients of the module get, so it has to keep the width of
-// one pointer, and everything in it is inline: a client in another module uses its own copy of the
-// code, and no symbol of it is ever exported. Memory comes from `operator new[]` of the module that
-// instantiates it.
-//
-// Copies are independent of their source. An operation that finds no memory raises
-// AfxThrowMemoryException and leaves the target as it was. A CString has no lock: one thread at a
-// time may change it, and nobody may read it meanwhile.
+/// @file
+/// CString: a heap text of narrow characters, one pointer wide.
+///
+/// It is the text type of the records that clients of the module get, so it has to keep the width of
+/// one pointer, and everything in it is inline: a client in another module uses its own copy of the
+/// code, and no symbol of it is ever exported. Memory comes from `operator new[]` of the module that
+/// instantiates it.
+///
+/// Copies are independent of their source. An operation that finds no memory raises
+/// AfxThrowMemoryException and leaves the target as it was. A CString has no lock: one thread at a
+/// time may change it, and nobody may read it meanwhile.
 
 #include "platform/afx.h"
 
@@ -18,18 +19,22 @@
 #include <new>
 #include <utility>
 
+/// The text of the records that clients get.
 class CString {
 public:
     CString() noexcept = default;
-    CString(char const *psz) : m_psz(Duplicate(psz, Length(psz))) {} // null reads as ""
-    // The first cch bytes of pch, none of them zero.
+    CString(char const *psz) : m_psz(Duplicate(psz, Length(psz))) {} ///< null reads as ""
+    /// The first cch bytes of pch, none of them zero.
     CString(char const *pch, std::size_t cch) : m_psz(Duplicate(pch, cch)) {}
-    // A copy; a move leaves the source empty and cannot fail.
+    /// @{
+    /// A copy; a move leaves the source empty and cannot fail.
     CString(CString const &str) : CString(str.m_psz) {}
     CString(CString &&str) noexcept : m_psz(std::exchange(str.m_psz, nullptr)) {}
     ~CString() { delete[] m_psz; }
+    /// @}
 
-    // The same for a text that exists: the old one goes.
+    /// @{
+    /// The same for a text that exists: the old one goes. psz may lie inside this very text; null empties it.
     CString &operator=(CString const &str) { return *this = str.m_psz; }
     CString &operator=(CString &&str) noexcept
     {
@@ -38,7 +43,6 @@ public:
         }
         return *this;
     }
-    // psz may lie inside this very text; null empties it.
     CString &operator=(char const *psz)
     {
         if (psz != m_psz || psz == nullptr) {
@@ -46,24 +50,32 @@ public:
         }
         return *this;
     }
+    /// @}
 
-    // Appends; null, a zero and an empty text append nothing.
+    /// @{
+    /// Appends; null, a zero and an empty text append nothing.
     CString &operator+=(CString const &str) { return Append(str.m_psz, Length(str.m_psz)); }
     CString &operator+=(char const *psz) { return Append(psz, Length(psz)); }
     CString &operator+=(char ch) { return Append(&ch, ch == '\0' ? 0 : 1); }
+    /// @}
 
-    // Never null. The pointer is good until the next change of this object.
+    /// Never null. The pointer is good until the next change of this object.
     operator char const *() const noexcept { return m_psz != nullptr ? m_psz : ""; }
+    /// Whether there is no byte.
     bool IsEmpty() const noexcept { return m_psz == nullptr; }
+    /// In bytes.
     int GetLength() const noexcept { return static_cast<int>(Length(m_psz)); }
+    /// Gives the text up, and its memory.
     void Empty() noexcept { Take(nullptr); }
 
-    // Byte by byte; null reads as "".
+    /// @{
+    /// Byte by byte; null reads as "".
     friend bool operator==(CString const &a, CString const &b) noexcept { return a == b.Text(); }
     friend bool operator==(CString const &a, char const *psz) noexcept
     {
         return std::strcmp(a.Text(), psz != nullptr ? psz : "") == 0;
     }
+    /// @}
 
 private:
     char const *Text() const noexcept { return *this; }

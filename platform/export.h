@@ -1,8 +1,7 @@
 #pragma once
-/*
- * PLAT_EXPORT marks what leaves a shared module. Everything else stays inside, since the whole tree
- * is compiled with hidden visibility.
- */
+/// @file
+/// PLAT_EXPORT marks what leaves a shared module. Everything else stays inside, since the whole tree
+/// is compiled with hidden visibility.
 #ifdef _WIN32
 #define PLAT_EXPORT __declspec(dllexport)
 #else

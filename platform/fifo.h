@@ -1,14 +1,15 @@
 #pragma once
 
-// The reading end of a named FIFO, which has to be read without waiting for ever, neither for a writer
-// to come nor for the bytes. Systems without FIFOs have none: PlatIsFifo is false for every name.
+/// @file
+/// The reading end of a named FIFO, which has to be read without waiting for ever, neither for a writer
+/// to come nor for the bytes. Systems without FIFOs have none: PlatIsFifo is false for every name.
 
 #include "platform/base.h"
 
-// Whether a FIFO of that name exists.
+/// Whether a FIFO of that name exists.
 bool PlatIsFifo(char const *pszName);
 
-// One reading end; one thread. A writer that goes away ends nothing, the next one is read as well.
+/// One reading end; one thread. A writer that goes away ends nothing, the next one is read as well.
 class CPlatFifo {
 public:
     CPlatFifo() = default;
@@ -16,11 +17,13 @@ public:
     CPlatFifo(CPlatFifo const &) = delete;
     CPlatFifo &operator=(CPlatFifo const &) = delete;
 
-    // Does not wait for a writer. False with GetLastError.
+    /// @{
+    /// Does not wait for a writer. False with GetLastError.
     bool Open(char const *pszName);
     void Close();
+    /// @}
 
-    // Waits dwMilliseconds at most. The number of bytes, 0 when none came in time, -1 on failure.
+    /// Waits dwMilliseconds at most. The number of bytes, 0 when none came in time, -1 on failure.
     int Read(void *pBuffer, DWORD cb, DWORD dwMilliseconds);
 
 private:

@@ -15,9 +15,9 @@ DWORD PlatThreadCount();
 /// In bytes.
 struct PlatMemoryType {
     std::uint64_t cbHeld =
-        0; // memory of this process for its data, once its heap has given back what it can
+        0; ///< memory of this process for its data, once its heap has given back what it can
     std::uint64_t cbInUse =
-        0; // what the heap has handed out of it; 0 where the runtime does not tell
+        0; ///< what the heap has handed out of it; 0 where the runtime does not tell
 };
 
 /// How much memory this process has. Takes milliseconds.

@@ -1,12 +1,13 @@
 #pragma once
 
-// Sockets under Winsock's names, in the namespace `ws` since other systems have calls of the same
-// names with other types. The address records (`sockaddr_in`, `in_addr`, `hostent`) are the
-// system's own.
-//
-// On POSIX a SOCKET is a slot number with a generation, never a descriptor: a stale, foreign or
-// invalid SOCKET fails with WSAENOTSOCK. One thread may close a socket while others are inside a
-// call on it.
+/// @file
+/// Sockets under Winsock's names, in the namespace `ws` since other systems have calls of the same
+/// names with other types. The address records (`sockaddr_in`, `in_addr`, `hostent`) are the
+/// system's own.
+///
+/// On POSIX a SOCKET is a slot number with a generation, never a descriptor: a stale, foreign or
+/// invalid SOCKET fails with WSAENOTSOCK. One thread may close a socket while others are inside a
+/// call on it.
 
 #include "platform/base.h"
 #include "platform/sync.h" // INFINITE
@@ -21,7 +22,6 @@ using ::accept;
 using ::bind;
 using ::closesocket;
 using ::connect;
-using ::gethostbyaddr;
 using ::gethostbyname;
 using ::gethostname;
 using ::getpeername;
@@ -42,11 +42,16 @@ using ::WSAGetLastError;
 using ::WSASetLastError;
 using ::WSAStartup;
 
-// As Win32, except: what a stranger sends to a datagram socket is never an error. A datagram longer than
-// the buffer is cut to it, and one of our own that found no receiver is not reported to `recvfrom`.
+/// @{
+/// As Win32, except: what a stranger sends to a datagram socket is never an error. A datagram longer than
+/// the buffer is cut to it, and one of our own that found no receiver is not reported to `recvfrom`.
 SOCKET socket(int nFamily, int nType, int nProtocol);
 int recv(SOCKET s, char *pBuffer, int cbBuffer, int nFlags);
 int recvfrom(SOCKET s, char *pBuffer, int cbBuffer, int nFlags, sockaddr *pFrom, int *pcbFrom);
+/// @}
+
+/// As Win32, except: waits half a second at most, as on other systems below, and needs no start.
+hostent *gethostbyaddr(char const *pAddress, int cbAddress, int nType);
 } // namespace ws
 
 #else
@@ -124,62 +129,74 @@ namespace ws {
 // reason in WSAGetLastError, which is GetLastError of the thread. Calls while the library is not
 // started fail with WSANOTINITIALISED. Lengths of addresses and buffers are in bytes.
 
-// As Win32 for versions 1.0 to 2.2, except: the last WSACleanup closes no sockets; one that is
-// still open can then only be closed, and counts as a leak (PlatLiveSockets).
+/// @{
+/// As Win32 for versions 1.0 to 2.2, except: the last WSACleanup closes no sockets; one that is
+/// still open can then only be closed, and counts as a leak (PlatLiveSockets).
 int WSAStartup(WORD wVersion, WSADATA *pData);
 int WSACleanup();
 int WSAGetLastError();
 void WSASetLastError(int nError);
+/// @}
 
-// As Win32, except: IPv4 stream and datagram sockets only. No child process inherits a socket.
+/// As Win32, except: IPv4 stream and datagram sockets only. No child process inherits a socket.
 SOCKET socket(int nFamily, int nType, int nProtocol);
 
-// As Win32, except: `closesocket` never waits. A thread that is blocked in a call on the socket
-// returns from it with WSAEINTR (a datagram that came in time is still delivered); one that comes
-// later gets WSAENOTSOCK. The port is free again when the last of them has left.
+/// As Win32, except: `closesocket` never waits. A thread that is blocked in a call on the socket
+/// returns from it with WSAEINTR (a datagram that came in time is still delivered); one that comes
+/// later gets WSAENOTSOCK. The port is free again when the last of them has left.
 int closesocket(SOCKET s);
 
-// As Win32; a stream socket may bind the port of a connection that has just ended.
+/// @{
+/// As Win32; a stream socket may bind the port of a connection that has just ended.
 int bind(SOCKET s, sockaddr const *pAddress, int cbAddress);
 int listen(SOCKET s, int cBacklog);
 SOCKET accept(SOCKET s, sockaddr *pAddress, int *pcbAddress);
 int connect(SOCKET s, sockaddr const *pAddress, int cbAddress);
 int getsockname(SOCKET s, sockaddr *pAddress, int *pcbAddress);
 int getpeername(SOCKET s, sockaddr *pAddress, int *pcbAddress);
+/// @}
 
-// As Win32, except: stream sockets only (WSAEOPNOTSUPP).
+/// As Win32, except: stream sockets only (WSAEOPNOTSUPP).
 int shutdown(SOCKET s, int nHow);
 
-// As Win32, except: of level SOL_SOCKET only SO_BROADCAST, SO_KEEPALIVE, SO_LINGER, SO_RCVBUF,
-// SO_REUSEADDR, SO_SNDBUF, and the time-outs SO_RCVTIMEO and SO_SNDTIMEO (a DWORD of milliseconds,
-// 0 for none; an expired one is WSAETIMEDOUT); of IPPROTO_TCP only TCP_NODELAY; others
-// WSAENOPROTOOPT.
+/// As Win32, except: of level SOL_SOCKET only SO_BROADCAST, SO_KEEPALIVE, SO_LINGER, SO_RCVBUF,
+/// SO_REUSEADDR, SO_SNDBUF, and the time-outs SO_RCVTIMEO and SO_SNDTIMEO (a DWORD of milliseconds,
+/// 0 for none; an expired one is WSAETIMEDOUT); of IPPROTO_TCP only TCP_NODELAY; others
+/// WSAENOPROTOOPT.
 int setsockopt(SOCKET s, int nLevel, int nOption, char const *pValue, int cbValue);
 
-// As Win32, except:
-// - a datagram longer than the buffer is cut to it and is no error, so that a stranger's oversized
-//   datagram cannot look like the failure of a socket;
-// - a datagram that an earlier `sendto` could not deliver is never reported here.
-// nFlags: 0 or MSG_PEEK. No call raises a signal.
+/// @{
+/// As Win32, except:
+/// - a datagram longer than the buffer is cut to it and is no error, so that a stranger's oversized
+///   datagram cannot look like the failure of a socket;
+/// - a datagram that an earlier `sendto` could not deliver is never reported here.
+/// nFlags: 0 or MSG_PEEK. No call raises a signal.
 int recv(SOCKET s, char *pBuffer, int cbBuffer, int nFlags);
 int recvfrom(SOCKET s, char *pBuffer, int cbBuffer, int nFlags, sockaddr *pFrom, int *pcbFrom);
+/// @}
 
-// As Win32: `send` on a blocking stream returns when all bytes are on their way or it fails.
-// nFlags: 0.
+/// @{
+/// As Win32: `send` on a blocking stream returns when all bytes are on their way or it fails.
+/// nFlags: 0.
 int send(SOCKET s, char const *pBuffer, int cbBuffer, int nFlags);
 int sendto(SOCKET s, char const *pBuffer, int cbBuffer, int nFlags, sockaddr const *pTo, int cbTo);
+/// @}
 
-// As Win32. For the name of this host, `gethostbyname` gives the IPv4 addresses of its interfaces
-// that are up, that of the default route first, and a loopback address only when there is no other.
-// The record belongs to the calling thread and lives until its next lookup. `gethostbyaddr` takes
-// AF_INET only and keeps an answer, found or not, for 30 seconds.
+/// @{
+/// As Win32. For the name of this host, `gethostbyname` gives the IPv4 addresses of its interfaces
+/// that are up, that of the default route first, and a loopback address only when there is no other.
+/// The record belongs to the calling thread and lives until its next lookup. `gethostbyaddr` takes
+/// AF_INET only and keeps an answer, found or not, for 30 seconds. It waits for one for half a second at
+/// most, and for less while others are waited for: what comes later fails with WSATRY_AGAIN, and is there for
+/// the next who asks.
 int gethostname(char *pszName, int cbName);
 hostent *gethostbyname(char const *pszName);
 hostent *gethostbyaddr(char const *pAddress, int cbAddress, int nType);
+/// @}
 
-// As Win32; the text belongs to the calling thread and lives until its next call.
+/// As Win32; the text belongs to the calling thread and lives until its next call.
 char *inet_ntoa(in_addr address);
-DWORD inet_addr(char const *pszAddress); // network order; INADDR_NONE when it is no address
+DWORD inet_addr(char const *pszAddress); ///< network order; INADDR_NONE when it is no address
 
 inline unsigned short htons(unsigned short n)
 {
@@ -204,19 +221,19 @@ inline DWORD ntohl(DWORD n)
 
 // ---- What Win32 has no short call for, on every system
 
-// Connects s, a new blocking stream socket, within dwMilliseconds (INFINITE: as long as the system
-// tries). 0, or SOCKET_ERROR with WSAGetLastError: WSAETIMEDOUT when the time was up, WSAEINTR when
-// s was closed meanwhile, else as `connect`. After a failure the socket is good for `closesocket`
-// only.
+/// Connects s, a new blocking stream socket, within dwMilliseconds (INFINITE: as long as the system
+/// tries). 0, or SOCKET_ERROR with WSAGetLastError: WSAETIMEDOUT when the time was up, WSAEINTR when
+/// s was closed meanwhile, else as `connect`. After a failure the socket is good for `closesocket`
+/// only.
 int PlatConnect(SOCKET s, sockaddr const *pAddress, int cbAddress, DWORD dwMilliseconds);
 
-// Waits until s can be read (a datagram, bytes, the end of the stream, or a connection to accept)
-// or, with bWrite, until it can be written. dwMilliseconds: 0 only asks, INFINITE has no limit. 1
-// when it can (also when the next call would fail at once), 0 when the time was up, SOCKET_ERROR
-// with WSAGetLastError otherwise: WSAEINTR or WSAENOTSOCK when s was closed meanwhile
-// (on Windows 1 as well, and the next call fails).
+/// Waits until s can be read (a datagram, bytes, the end of the stream, or a connection to accept)
+/// or, with bWrite, until it can be written. dwMilliseconds: 0 only asks, INFINITE has no limit. 1
+/// when it can (also when the next call would fail at once), 0 when the time was up, SOCKET_ERROR
+/// with WSAGetLastError otherwise: WSAEINTR or WSAENOTSOCK when s was closed meanwhile
+/// (on Windows 1 as well, and the next call fails).
 int PlatSocketWait(SOCKET s, bool bWrite, DWORD dwMilliseconds);
 
-// Sockets that are open in this process, for tests of leaks. Always 0 on Windows, which keeps no
-// count.
+/// Sockets that are open in this process, for tests of leaks. Always 0 on Windows, which keeps no
+/// count.
 DWORD PlatLiveSockets();

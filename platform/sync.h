@@ -6,7 +6,7 @@
 
 #ifndef _WIN32
 
-inline constexpr DWORD INFINITE = 0xFFFFFFFFu; // ms
+inline constexpr DWORD INFINITE = 0xFFFFFFFFu; ///< ms
 inline constexpr DWORD WAIT_OBJECT_0 = 0u;
 inline constexpr DWORD WAIT_ABANDONED = 0x80u;
 inline constexpr DWORD WAIT_TIMEOUT = 258u;
@@ -25,12 +25,13 @@ inline constexpr DWORD EVENT_ALL_ACCESS = 0x1F0003u;
 /// Last errors: 0 for a new object, ERROR_ALREADY_EXISTS with a handle, and with no handle
 /// ERROR_INVALID_HANDLE (the name belongs to an event), ERROR_PATH_NOT_FOUND (a backslash inside the
 /// name), ERROR_FILENAME_EXCED_RANGE (260 bytes or more), ERROR_NO_SYSTEM_RESOURCES (131,072 handles),
-/// ERROR_ACCESS_DENIED (this user's directory for shared objects cannot be made or is another's).
+/// ERROR_ACCESS_DENIED (this user's directory for shared objects cannot be made or is another's),
+/// ERROR_DISK_FULL (no room for a page, neither in the memory that all users share nor in /tmp).
 ///
 /// A free mutex is taken and released without a call to the kernel, named or not. A named one vanishes
-/// with its last handle in any process, killed ones included (what a process did not close when it ended
-/// is not found again, and swept away by a later one). When its owner is killed, a wait with a
-/// time-out hears of it up to 50 ms later, one without at once.
+/// with its last handle in any process, owned or not, killed ones included (what a process did not close
+/// when it ended is not found again, and swept away by a later one). When its owner is killed, a wait with
+/// a time-out hears of it up to 50 ms later, one without at once.
 HANDLE WINAPI CreateMutexA(LPSECURITY_ATTRIBUTES pAttributes, BOOL fInitialOwner, LPCSTR pszName);
 
 /// As Win32, except: fInherit is not looked at. Rights are kept: a wait needs SYNCHRONIZE.

@@ -2,6 +2,8 @@
 
 #include "platform/base.h"
 
+#include <functional>
+
 // Threads by handle.
 
 #ifdef _WIN32
@@ -36,11 +38,9 @@ std::uintptr_t __cdecl _beginthreadex(void *pSecurity, unsigned cbStack,
 /// those of its thread_local objects do.
 [[noreturn]] void __cdecl _endthreadex(unsigned nExitCode);
 
-/// As Win32, except: only a thread that was created suspended and has not run yet can be suspended
-/// (again); SuspendThread on any other fails with ERROR_NOT_SUPPORTED, or ERROR_ACCESS_DENIED when it
-/// has ended. Both give the count before the call, (DWORD)-1 on failure.
+/// As Win32, for a thread that was created suspended: 1 when it begins to run by this, 0 when it ran before,
+/// (DWORD)-1 on failure.
 DWORD WINAPI ResumeThread(HANDLE hThread);
-DWORD WINAPI SuspendThread(HANDLE hThread);
 
 /// As Win32 for -15, -2 to 2 and 15 (others: ERROR_INVALID_PARAMETER), except: what an unprivileged
 /// process may not do is remembered only. A thread can be made nicer than the rest, and mostly not
@@ -56,3 +56,11 @@ DWORD WINAPI GetCurrentThreadId();
 BOOL WINAPI GetExitCodeThread(HANDLE hThread, LPDWORD pdwExitCode);
 
 #endif
+
+// ---- What Win32 has no short call for, on every system
+
+/// Runs fnWork, which must not throw, on a thread that nobody waits for: for a call into the system that cannot
+/// be interrupted. Until the thread has ended it keeps the module of this copy of the layer loaded, so that a
+/// host which unloads it meanwhile does not pull the code away. False, and nothing runs, when no thread can be
+/// had. Throws std::bad_alloc.
+bool PlatRunDetached(std::function<void()> fnWork);

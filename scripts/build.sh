@@ -1,22 +1,27 @@
 #!/usr/bin/env bash
-# Configures and builds a preset. usage: scripts/build.sh PRESET [TARGET...]
+# Configures and builds a preset. usage: scripts/build.sh PRESET [-DNAME=VALUE...] [TARGET...]
 set -euo pipefail
 cd "$(dirname "$0")/.."
+source scripts/common.sh
 
+[[ $# -gt 0 ]] || fail "usage: scripts/build.sh PRESET [-DNAME=VALUE...] [TARGET...]" 2
 preset=$1
 shift
+settings=()
+while [[ ${1:-} == -D* ]]; do
+    settings+=("$1")
+    shift
+done
 targets=()
 [[ $# -gt 0 ]] && targets=(--target "$@")
-log=$(mktemp)
-trap 'rm -f "$log"' EXIT
-if ! cmake --preset "$preset" >"$log" 2>&1; then
-    cat "$log" >&2
-    echo "build: configuring the preset $preset failed" >&2
-    exit 1
+folder=build/$preset
+
+# Scripts that run side by side want the same preset.
+mkdir -p "$folder"
+exec {lock}>"$folder/.lock"
+flock "$lock"
+if [[ ${#settings[@]} -gt 0 || CMakePresets.json -nt $folder/build.ninja ]]; then
+    quietly "configuring $preset" cmake --preset "$preset" "${settings[@]}"
 fi
-if ! cmake --build --preset "$preset" "${targets[@]}" -- --quiet >"$log" 2>&1; then
-    cat "$log" >&2
-    echo "build: building the preset $preset failed" >&2
-    exit 1
-fi
-echo "build: $preset is up to date"
+NINJA_STATUS='[%f of %t] ' quietly "compiling $preset" cmake --build --preset "$preset" "${targets[@]}"
+say "$preset is up to date"

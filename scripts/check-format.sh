@@ -10,12 +10,20 @@ fail() {
 }
 
 mapfile -t sources < <(git ls-files '*.cpp' '*.h')
-clang-format --dry-run --Werror "${sources[@]}" || fail "run clang-format -i on the files above"
+clang-format-16 --dry-run --Werror "${sources[@]}" || fail "run clang-format-16 -i on the files above"
 
 if git grep -nI ' $' -- ':!*.reg' ':!fuzz/seeds'; then fail "blanks at the end of a line"; fi
 
+shellcheck --external-sources --severity=warning .ci/run scripts/*.sh || fail "see the scripts above"
+
+# One way for each: `///` on what a header offers, `//` for the rest, and a block only for an argument's name.
+if git grep -nE '/\*' -- '*.cpp' '*.h' | grep -vE '/\*[A-Za-z_][A-Za-z0-9_]*=?\*/'; then fail "a comment in /* */"; fi
+if git grep -nE '///' -- '*.cpp' ':!tests' ':!bench' ':!fuzz' | grep -v '://'; then fail "/// outside a header"; fi
+if git grep -nE '(^|[^:"[:alnum:]_])size_t' -- '*.cpp' '*.h' | grep -vE ':[0-9]+:[[:space:]]*//'; then fail "size_t without std::"; fi
+
 # The platform layer is the one place where the systems differ.
-folders=(agent foundation evtmgr trace dolrtl device devlink tools tests)
+# The C interface's header is handed out alone, and says itself how it is called.
+folders=(agent foundation evtmgr trace dolrtl device devlink tools tests capi ':!*/qoma_notify.h')
 if git grep -nE '^[[:space:]]*#[[:space:]]*(el)?if.*(_WIN32|_WIN64|__linux__|__unix__|__MINGW)' -- "${folders[@]}"; then
     fail "a conditional for an operating system outside platform/"
 fi

@@ -5,21 +5,23 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
+source scripts/common.sh
+
 scripts/setup.sh
-scripts/build.sh default mfpsim notifymon QOMANoAg QOMADolC
+scripts/build.sh default handed_out
 bin=build/default/bin
 
 work=$(mktemp -d)
-device_pid= client_pid=
+device_pid="" client_pid=""
 clean_up() {
     [[ -n $client_pid ]] && kill "$client_pid" 2>/dev/null || true
     [[ -n $device_pid ]] && kill "$device_pid" 2>/dev/null || true
     wait 2>/dev/null || true
     rm -rf "$work"
 }
-trap clean_up EXIT
+at_exit clean_up
 
-say() { printf '\n--- %s\n' "$1"; }
+scene() { printf '\n--- %s\n' "$1"; }
 
 # Shows what a program prints under its name, and keeps it in a file for await.
 show() { tee -a "$work/$1.log" | sed -u "s/^/$1 | /"; }
@@ -42,8 +44,7 @@ await() {
         fi
         sleep 0.05
     done
-    echo "demo: the $1 did not print \"$2\" within 15 seconds" >&2
-    exit 1
+    fail "the $1 did not print \"$2\" within 15 seconds"
 }
 
 start_device() {
@@ -63,30 +64,27 @@ start_client() {
 
 stop_client() {
     kill -INT "$client_pid"
-    wait "$client_pid" || {
-        echo "demo: the client ended with exit code $?" >&2
-        exit 1
-    }
+    wait "$client_pid" || fail "the client ended with exit code $?"
     client_pid=
 }
 
 recover_link() {
-    say "The link is cut for a second and comes back; the client subscribes again by itself"
+    scene "The link is cut for a second and comes back; the client subscribes again by itself"
     panel cut 1000
     await client '^eCT_LINK_RECOVERED '
     await client 'subscribed again'
 }
 
-say "The software device"
+scene "The software device"
 mkfifo "$work/print-path"
 start_device --print-path "$work/print-path"
 
-say "A client over the network places an entry on the panel"
+scene "A client over the network places an entry on the panel"
 start_client --address 127.0.0.1 --on select,fax --option "Paper Archive"
-say "Somebody picks it"
+scene "Somebody picks it"
 panel pick 1
 await client '^eCT_SELECT_NOTIFY .*option="Paper Archive;NETADDR=.*;SWINST=[0-9]+;.*KICKSEQ=1;.*" from [0-9.]+'
-say "A fax waits"
+scene "A fax waits"
 panel fax
 await client '^eCT_FAX_UPLOAD_NOTIFY '
 recover_link
@@ -94,20 +92,20 @@ panel pick 1
 await client '^eCT_SELECT_NOTIFY .*option="Paper Archive;NETADDR=.*KICKSEQ=2;'
 stop_client
 
-say "A client over a local link, with two entries"
+scene "A client over a local link, with two entries"
 start_client --local --option "Scan to Mail" --option "Scan to Folder"
-say "Somebody picks the second one"
+scene "Somebody picks the second one"
 panel pick 2
 await client '^eCT_SELECT_NOTIFY .*option="Scan to Folder;NETADDR=[^;:]+;SWINST=[0-9]+;"$'
-say "Paper is laid into the feeder and taken out again"
+scene "Paper is laid into the feeder and taken out again"
 panel adf on
 await client '^eCT_ADF_NOTIFY .*nValue=1 '
 panel adf off
 await client '^eCT_ADF_NOTIFY .*nValue=0 '
-say "The scan button is pressed, and this client claims the press"
+scene "The scan button is pressed, and this client claims the press"
 panel button
 await client '^eCT_SCANNER_BUTTON_NOTIFY .*dwValue=2'
-say "A fax waits"
+scene "A fax waits"
 panel fax
 await client '^eCT_FAX_UPLOAD_NOTIFY '
 recover_link
@@ -115,7 +113,7 @@ panel pick 1
 await client '^eCT_SELECT_NOTIFY .*option="Scan to Mail;'
 stop_client
 
-say "A client writes a discovery job to the print path, and the device answers it"
+scene "A client writes a discovery job to the print path, and the device answers it"
 start_client --address 127.0.0.1 --discover "$work/print-path"
 await device 'job taken: SRVQ='
 number=$(grep -om1 'SRVQ=[0-9]*' "$work/device.log")
@@ -123,9 +121,6 @@ await client "^eCT_SELECT_NOTIFY .*option=\"TYPE=<ECHO>;$number;"
 stop_client
 
 panel quit
-wait "$device_pid" || {
-    echo "demo: the device ended with exit code $?" >&2
-    exit 1
-}
+wait "$device_pid" || fail "the device ended with exit code $?"
 device_pid=
-say "Everything arrived"
+scene "Everything arrived"

@@ -3,11 +3,10 @@
 # that is not documented, or not rightly, fails it.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+source scripts/common.sh
 
-scripts/setup.sh doxygen
+scripts/setup.sh docs
 mkdir -p build
-doxygen docs/Doxyfile || {
-    echo "docs: the reference has gaps, see above" >&2
-    exit 1
-}
-echo "docs: build/docs/html/index.html"
+quietly "making the reference" doxygen docs/Doxyfile
+quietly "making the internals' reference" doxygen docs/Doxyfile.internals
+say "build/docs/html/index.html"

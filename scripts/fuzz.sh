@@ -3,11 +3,9 @@
 # usage: scripts/fuzz.sh SECONDS [NAME...]
 set -euo pipefail
 cd "$(dirname "$0")/.."
+source scripts/common.sh
 
-if [[ ! ${1:-} =~ ^[1-9][0-9]*$ ]]; then
-    echo "fuzz: the first argument is a number of seconds" >&2
-    exit 2
-fi
+[[ ${1:-} =~ ^[1-9][0-9]*$ ]] || fail "the first argument is a number of seconds" 2
 seconds=$1
 shift
 names=("$@")
@@ -18,21 +16,18 @@ if [[ ${#names[@]} -eq 0 ]]; then
     done
 fi
 for name in "${names[@]}"; do
-    if [[ ! -f fuzz/${name}_fuzz.cpp ]]; then
-        echo "fuzz: there is no target $name" >&2
-        exit 2
-    fi
+    [[ -f fuzz/${name}_fuzz.cpp ]] || fail "there is no target $name" 2
 done
 
 # Files that targets write for each input are better kept off the disk.
 scratch=$(mktemp -d -p "$([[ -w /dev/shm ]] && echo /dev/shm || echo "${TMPDIR:-/tmp}")")
-trap 'kill $(jobs -p) 2>/dev/null || true; rm -rf "$scratch"' EXIT
+at_exit 'kill $(jobs -p) 2>/dev/null; rm -rf "$scratch"'
 
 # What is found is kept, and so is the corpus, from which the next run goes on.
 run() {
     local name=$1 log=build/fuzz/$1.log corpus=build/fuzz/corpus/$1
     mkdir -p "$corpus"
-    if ! TMPDIR=$scratch "build/fuzz/bin/fuzz_$name" -max_total_time="$seconds" -timeout=20 -rss_limit_mb=2048 \
+    if ! TMPDIR=$scratch "build/asan/bin/fuzz_$name" -max_total_time="$seconds" -timeout=20 -rss_limit_mb=2048 \
         -print_final_stats=1 -artifact_prefix="build/fuzz/found/$name-" "$corpus" "fuzz/seeds/$name" >"$log" 2>&1; then
         {
             tail -n 40 "$log"
@@ -44,8 +39,8 @@ run() {
         "$(grep -aEo 'cov: [0-9]+ ft: [0-9]+' "$log" | tail -n 1)"
 }
 
-scripts/setup.sh clang libclang-rt-dev
-scripts/build.sh fuzz "${names[@]/#/fuzz_}"
+scripts/setup.sh asan
+scripts/build.sh asan "${names[@]/#/fuzz_}"
 mkdir -p build/fuzz/found
 failed=0
 running=0

@@ -1,50 +1,51 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds, and makes the packages in build/packages: a .deb and a .tar.gz of this
-# system, and a .zip for 32-bit and 64-bit Windows. usage: scripts/package.sh [native|windows]
+# Installs what is missing, builds, and makes the packages in build/packages: two .deb and a .tar.gz of this system, a
+# .zip and an .msi for 32-bit and for 64-bit Windows, a wheel for each, and lists of what went into them. Two builds
+# of the same sources are equal bit by bit (scripts/reproduce.sh).
+# usage: scripts/package.sh [native|windows|windows-i686|windows-x64]
 set -euo pipefail
 cd "$(dirname "$0")/.."
+source scripts/common.sh
 
-kinds=(native windows)
-if [[ $# -gt 0 ]]; then
-    case $1 in
-    native | windows) kinds=("$1") ;;
-    *)
-        echo "package: no such kind: $1 (native or windows)" >&2
-        exit 2
-        ;;
-    esac
-fi
-out=$PWD/build/packages
-log=$(mktemp)
+case ${1:-all} in
+all) presets=(default windows-i686 windows-x64) ;;
+native) presets=(default) ;;
+windows) presets=(windows-i686 windows-x64) ;;
+windows-i686 | windows-x64) presets=("$1") ;;
+*) fail "no such kind: $1 (native, windows, windows-i686 or windows-x64)" 2 ;;
+esac
+scripts/setup.sh packages
+[[ ${presets[*]} == default ]] || scripts/setup.sh mingw
+
 scratch=$(mktemp -d)
-trap 'rm -rf "$log" "$scratch"' EXIT
+shopt -s nullglob
+at_exit 'rm -rf "$scratch"'
+# What a package says of times and rights does not depend on who makes it, when and where.
+umask 022
+export TZ=UTC LC_ALL=C.UTF-8
+SOURCE_DATE_EPOCH=${SOURCE_DATE_EPOCH:-$(dpkg-parsechangelog -l docs/debian/changelog -S Timestamp)}
+export SOURCE_DATE_EPOCH
 
-pack() {
-    scripts/build.sh "$1" QOMANoAg QOMADolC notifymon mfpsim tracedeck "${@:2}"
-    if ! (cd "build/$1" && cpack -B "$scratch" >"$log" 2>&1); then
-        cat "$log" >&2
-        echo "package: cpack failed for the preset $1" >&2
-        exit 1
-    fi
-}
-
-for kind in "${kinds[@]}"; do
-    if [[ $kind == native ]]; then
-        scripts/setup.sh dpkg-dev lintian
-        pack default packed_files
-        # The project has no mail address to give to Debian.
-        lintian --allow-root --fail-on error,warning --suppress-tags \
-            bogus-mail-host,bogus-mail-host-in-debian-changelog "$scratch"/*.deb
+for preset in "${presets[@]}"; do
+    scripts/build.sh "$preset" handed_out
+    mkdir "$scratch/$preset"
+    quietly "packing $preset" cpack --config "build/$preset/CPackConfig.cmake" -B "$scratch/$preset"
+    if [[ $preset == default ]]; then
+        # Not one hint, whatever its weight. Compilers cut words in two, which are misspelled then.
+        quietly "reading the package as Debian would" lintian --allow-root --display-info --pedantic \
+            --suppress-tags spelling-error-in-binary \
+            --fail-on pedantic,info,warning,error "$scratch/$preset"/*.deb
     else
-        scripts/setup.sh g++-mingw-w64-i686-posix g++-mingw-w64-x86-64-posix
-        pack windows-i686
-        pack windows-x64
+        archive=("$scratch/$preset"/*.zip)
+        quietly "packing $preset for the system's installer" scripts/msi.sh "${archive[0]}" "${archive[0]%.zip}.msi"
     fi
-done
-
-mkdir -p "$out"
-for package in "$scratch"/*.{deb,tar.gz,zip}; do
-    [[ -f $package ]] || continue
-    mv "$package" "$out/"
-    echo "package: $(du -h "$out/$(basename "$package")" | sed 's/\s\+/ /')"
+    scripts/wheel.sh "$preset" "$scratch/$preset"
+    archive=("$scratch/$preset"/*.{tar.gz,zip})
+    others=("$scratch/$preset"/*.{deb,msi,whl})
+    python3 scripts/spdx.py "build/$preset" "${archive[@]}" "${others[@]}"
+    mkdir -p build/packages
+    for package in "$scratch/$preset"/{,python3-}qoma[-_]*.*; do
+        mv "$package" build/packages/
+        say "$(du -h "build/packages/$(basename "$package")" | sed 's/\s\+/ /')"
+    done
 done

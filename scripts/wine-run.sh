@@ -5,6 +5,7 @@
 #                                    The Windows process takes this script's place: its streams and its exit code
 #                                    (low 8 bits) are the caller's, SIGKILL and SIGTERM end it at once, SIGINT
 #                                    arrives as Ctrl-C.
+#   wine-run --system PROGRAM [ARGUMENT...]  the same with a program that Wine finds itself, by PATH or in its own folders
 #   wine-run --folder                prints the program's current folder, which the caller can reach too: files
 #                                    exchanged with a Windows program go there, under relative names
 #   wine-run --fresh                 makes a fresh prefix, tests it, and keeps Wine's server up until --stop
@@ -120,9 +121,15 @@ case $1 in
     stay_up {lock}>&-
     exit 0
     ;;
+--system) ;;
 -*) fail "no such option: $1" ;;
 esac
 
+if [[ $1 == --system ]]; then
+    shift
+    exec {lock}>&-
+    exec "${enter[@]}" "$inside/folder" "$loader" "$@"
+fi
 program=$(basename "$1")
 from=$build/bin
 [[ $1 == */* ]] && from=$(realpath "$(dirname "$1")")

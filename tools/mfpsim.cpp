@@ -1,35 +1,35 @@
-/*
- * mfpsim: the software device as a process, with a front panel at the terminal and from a script.
- *
- * Exit codes: 0 done, 1 the device could not start or a line of the script failed, 2 bad usage.
- */
+// mfpsim: the software device as a process. Its panel is at the terminal, in a script and at a socket.
+//
+// Exit codes: 0 done, 1 the device could not start, a line of the script failed or a command that was told
+// was refused, 2 bad usage.
 #include "device/soft_device.h"
 #include "platform/console.h"
-#include "platform/input.h"
-#include "tools/mfpsim_panel.h"
-
-#include <CLI/CLI.hpp>
+#include "tools/mfpsim_control.h"
+#include "tools/mfpsim_fleet.h"
+#include "tools/mfpsim_output.h"
+#include "tools/mfpsim_scenario.h"
+#include "tools/mfpsim_terminal.h"
+#include "tools/mfpsim_web.h"
+#include "tools/showable.h"
+#include "tools/usage.h"
 
 #include <atomic>
-#include <chrono>
-#include <cstdlib>
-#include <fstream>
-#include <future>
 #include <iostream>
-#include <mutex>
+#include <sstream>
 #include <string>
-#include <thread>
+#include <vector>
 
 namespace {
-
-constexpr DWORD kInputSliceMs = 100;
-constexpr int kExitFailed = 1;
-constexpr int kExitUsage = 2;
 
 struct Options {
     SoftDeviceConfig config;
     std::string strScript;
+    std::string strJUnit;
+    std::string strControl;
+    std::string strWeb;
+    bool fJson = false;
     unsigned nPort = kLinkDefaultPort;
+    unsigned cFleet = 1;
     unsigned cDrop = 0;
     unsigned cRepeat = 0;
     unsigned cReorder = 0;
@@ -37,24 +37,20 @@ struct Options {
     unsigned cRefuse = 0;
     unsigned nLate = 0;
     KickOdds odds;
+    std::string strTellSocket;            // of "tell"
+    std::vector<std::string> tellCommand; // of "tell", its words
 };
-
-// Lines of several threads, each whole and at once: scripts wait for them.
-void Print(std::string const &strLine)
-{
-    static std::mutex mx;
-    std::lock_guard lock(mx);
-    std::cout << strLine << std::endl;
-}
 
 std::string Footer()
 {
-    std::string str = "\nCommands, at the terminal and one a line in a script:\n";
-    for (std::string const &strLine : CPanelCommands::Help())
+    std::string str = "\nCommands, at the terminal, one a line in a script, and for tell:\n";
+    for (std::string const &strLine : CCommandSession::Help()) {
         str += strLine + "\n";
-    return str + "\nThe end of the standard input closes the panel, the device runs on until "
-                 "Ctrl-C.\nA script that ends without quit leaves it running, too; one that fails "
-                 "ends it with exit code 1.";
+    }
+    return str +
+           "\nThe end of the standard input (Ctrl-D) closes the panel, the device runs on until "
+           "Ctrl-C.\nA script that ends without quit leaves it running, too; one that fails "
+           "ends it with exit code 1.";
 }
 
 void AddOptions(CLI::App &app, Options &options)
@@ -66,12 +62,24 @@ void AddOptions(CLI::App &app, Options &options)
     app.add_option("--port", options.nPort, "TCP port to listen at, 0 for any that is free")
         ->check(CLI::Range(0, 65535))
         ->capture_default_str();
+    app.add_option("--fleet", options.cFleet,
+                   "so many devices, each at an address of its own: at --listen, or 127.0.1.1, and "
+                   "those behind it")
+        ->check(CLI::Range(1u, CSimFleet::kMost));
     app.add_option("--model", options.config.strModel, "model in the identification text")
         ->capture_default_str();
     app.add_option("--print-path", options.config.strPrintPath,
                    "FIFO or plain file to take discovery jobs from");
     app.add_option("--script", options.strScript, "file with commands to carry out first")
         ->check(CLI::ExistingFile);
+    app.add_option("--junit", options.strJUnit,
+                   "write what became of the script to this file, as JUnit's XML");
+    app.add_option("--control", options.strControl,
+                   "path of a socket to take commands at, see tell");
+    app.add_option("--web", options.strWeb,
+                   "show the front panel in a browser at [ADDRESS:]PORT, 0 for any port; at "
+                   "127.0.0.1 unless told otherwise");
+    app.add_flag("--json", options.fJson, "print everything as JSON, one object a line");
     app.add_option("--drop", options.cDrop, "do not send the first N datagrams");
     app.add_option("--repeat", options.cRepeat, "send the first N datagrams twice");
     app.add_option("--reorder", options.cReorder, "let the first N datagrams be overtaken");
@@ -89,102 +97,171 @@ void AddOptions(CLI::App &app, Options &options)
     app.add_option("--seed", options.odds.nSeed, "of the odds")->capture_default_str();
 }
 
+CLI::App *AddTell(CLI::App &app, Options &options)
+{
+    CLI::App *const pTell =
+        app.add_subcommand("tell", "give one command to a mfpsim that runs with --control");
+    pTell->add_option("socket", options.strTellSocket, "the path given to --control")->required();
+    pTell->add_option("command", options.tellCommand, "the command")->required();
+    pTell->prefix_command();
+    return pTell;
+}
+
 void Misbehave(CSoftDevice &device, Options const &options)
 {
-    device.DropDatagrams(options.cDrop);
-    device.RepeatDatagrams(options.cRepeat);
-    device.ReorderDatagrams(options.cReorder);
-    device.RefuseClaims(options.cRefuse);
-    device.SetLate(options.nLate);
-    device.LoseEchoes(options.cLoseEcho);
+    struct {
+        unsigned c;
+        void (CSoftDevice::*pfn)(unsigned);
+    } const counts[] = {{options.cDrop, &CSoftDevice::DropDatagrams},
+                        {options.cRepeat, &CSoftDevice::RepeatDatagrams},
+                        {options.cReorder, &CSoftDevice::ReorderDatagrams},
+                        {options.cLoseEcho, &CSoftDevice::LoseEchoes},
+                        {options.cRefuse, &CSoftDevice::RefuseClaims}};
+    for (auto const &row : counts) {
+        if (row.c > 0) {
+            (device.*row.pfn)(row.c);
+        }
+    }
+    if (options.nLate > 0) {
+        device.SetLate(options.nLate);
+    }
     device.SetDatagramOdds(options.odds);
 }
 
 // False when a line failed.
-bool RunScript(CPanelCommands &panel, std::string const &strFile)
+bool RunScript(CSimulation &simulation, CSimOutput &output, CScenario &scenario,
+               Options const &options)
 {
-    std::ifstream file(strFile);
-    std::string strLine;
+    bool fGood = scenario.Run(
+        simulation, [&](CommandResult const &result) { output.Answer(result); },
+        [](std::string const &strFailure) {
+            std::istringstream lines(strFailure);
+            char const *pszBefore = "mfpsim: ";
+            for (std::string strLine; std::getline(lines, strLine); pszBefore = "") {
+                std::cerr << pszBefore << Showable(strLine) << std::endl;
+            }
+        });
     std::string strError;
-    if (!file) {
-        std::cerr << "mfpsim: script " << strFile << " cannot be read" << std::endl;
-        return false;
+    if (!options.strJUnit.empty() && !scenario.WriteJUnit(options.strJUnit, &strError)) {
+        std::cerr << "mfpsim: " << strError << std::endl;
+        fGood = false;
     }
-    for (int nLine = 1; !panel.IsQuitting() && std::getline(file, strLine); ++nLine) {
-        if (panel.Execute(strLine, &strError))
-            continue;
-        std::cerr << "mfpsim: " << strFile << ":" << nLine << ": " << strError << std::endl;
-        return false;
-    }
-    return true;
+    return fGood;
 }
 
-void RunTerminal(CPanelCommands &panel)
-{
-    std::string strPending;
-    char piece[512];
-    while (!panel.IsQuitting()) {
-        int const n = PlatReadInput(piece, sizeof piece, kInputSliceMs);
-        if (n < 0)
-            return;
-        strPending.append(piece, static_cast<size_t>(n));
-        for (size_t nEnd; (nEnd = strPending.find('\n')) != std::string::npos;) {
-            std::string strError;
-            if (!panel.Execute(strPending.substr(0, nEnd), &strError))
-                Print("error: " + strError);
-            strPending.erase(0, nEnd + 1);
-        }
-    }
-}
-
-// A console that somebody has begun to type at gives a read back only at the end of the line. Nobody
-// is to have to press a key for the program to end.
-void EndTerminal(std::thread &thread, std::future<void> const &finished, int nExit)
-{
-    if (finished.wait_for(std::chrono::seconds(1)) != std::future_status::ready) {
-        std::cout.flush();
-        std::_Exit(nExit);
-    }
-    thread.join();
-}
-
-std::atomic<CPanelCommands *> g_pPanel{nullptr};
+std::atomic<CSimulation *> g_pSimulation{nullptr};
 
 BOOL WINAPI OnConsole(DWORD)
 {
-    if (CPanelCommands *const pPanel = g_pPanel.load())
-        pPanel->Quit();
+    if (CSimulation *const pSimulation = g_pSimulation.load()) {
+        pSimulation->Quit();
+    }
     return TRUE;
 }
 
-int Run(Options const &options)
-{
-    CSoftDevice device(options.config);
-    CPanelCommands panel(device, Print);
-    g_pPanel = &panel;
-    SetConsoleCtrlHandler(OnConsole, TRUE);
-
-    int nExit = 0;
-    std::string strError;
-    if (device.Start(&strError)) {
-        Misbehave(device, options);
-        Print("listening on " + options.config.strListen + ":" + std::to_string(device.Port()));
-        std::packaged_task<void()> task([&] { RunTerminal(panel); });
-        std::future<void> const terminal = task.get_future();
-        std::thread thread(std::move(task));
-        if (!options.strScript.empty() && !RunScript(panel, options.strScript)) {
-            nExit = kExitFailed;
-            panel.Quit();
-        }
-        panel.WaitForQuit();
-        device.Stop();
-        EndTerminal(thread, terminal, nExit);
-    } else {
-        std::cerr << "mfpsim: " << strError << std::endl;
-        nExit = kExitFailed;
+// Ctrl-C ends the simulation for as long as this lives.
+class CConsoleEnd {
+public:
+    explicit CConsoleEnd(CSimulation &simulation)
+    {
+        g_pSimulation = &simulation;
+        SetConsoleCtrlHandler(OnConsole, TRUE);
     }
-    SetConsoleCtrlHandler(OnConsole, FALSE);
-    g_pPanel = nullptr;
+    ~CConsoleEnd()
+    {
+        SetConsoleCtrlHandler(OnConsole, FALSE);
+        g_pSimulation = nullptr;
+    }
+    CConsoleEnd(CConsoleEnd const &) = delete;
+    CConsoleEnd &operator=(CConsoleEnd const &) = delete;
+};
+
+// The words as one line; the shell has taken their quotes.
+int Tell(Options const &options)
+{
+    std::string strLine;
+    for (std::string const &strWord : options.tellCommand) {
+        bool const fQuote = strWord.find_first_of(" \t#") != std::string::npos &&
+                            strWord.find('"') == std::string::npos;
+        strLine += (strLine.empty() ? "" : " ") + (fQuote ? '"' + strWord + '"' : strWord);
+    }
+    return TellSimulation(options.strTellSocket, strLine) ? 0 : eXC_FAILED;
+}
+
+// Where the devices are: of many, where the first and the last one is.
+void TellPlaces(CSimOutput &output, CSimFleet const &fleet)
+{
+    auto const devices = fleet.Devices();
+    auto const address = [](CSoftDevice const &device) {
+        return device.Config().strListen + ":" + std::to_string(device.Port());
+    };
+    output.Event({eEV_LISTENING, {{"address", address(*devices.front())}}});
+    if (devices.size() > 1) {
+        output.Tell(std::to_string(devices.size()) + " devices, the last one at " +
+                    address(*devices.back()));
+    }
+}
+
+int Run(Options options)
+{
+    CScenario scenario;
+    std::string strError;
+    if (!options.strScript.empty() && !scenario.Load(options.strScript, &strError)) {
+        std::cerr << "mfpsim: " << Showable(strError) << std::endl;
+        return eXC_FAILED;
+    }
+    CPlatLineEditor editor;
+    CSimOutput output(editor, options.fJson, PlatIsTerminal());
+    CSimWeb web(options.cFleet);
+    bool const fWeb = !options.strWeb.empty();
+    CSimulation *pSimulation = nullptr; // set before a device starts
+    CSimFleet::FrameFn onFrame;
+    if (fWeb) {
+        onFrame = [&](std::size_t n, DeviceFrame const &frame) { web.Frame(n, frame); };
+    }
+    CSimFleet fleet(
+        options.config, options.cFleet,
+        [&](std::size_t n, DeviceEvent const &event) {
+            output.Event(event, options.cFleet > 1 ? n : 0);
+            pSimulation->Trail().Add(n, event);
+            if (fWeb) {
+                web.Event(n, event);
+            }
+        },
+        onFrame);
+    CSimulation simulation(fleet.Devices());
+    pSimulation = &simulation;
+    CConsoleEnd const console(simulation);
+    CCommandSession const completion(simulation);
+    bool const fEdit = editor.Open(
+        "mfpsim> ", [&](std::string const &strBefore) { return completion.Complete(strBefore); });
+    CControlSocket control(simulation);
+
+    if (!fleet.Start(&strError) ||
+        (!options.strControl.empty() && !control.Start(options.strControl, &strError)) ||
+        (fWeb && !web.Start(simulation, options.strWeb, &strError))) {
+        std::cerr << "mfpsim: " << strError << std::endl;
+        fleet.Stop(); // before what its events go to
+        return eXC_FAILED;
+    }
+    for (CSoftDevice *const pDevice : fleet.Devices()) {
+        Misbehave(*pDevice, options);
+    }
+    TellPlaces(output, fleet);
+    if (fWeb) {
+        output.Tell("pages at " + web.Url());
+    }
+
+    CSimTerminal terminal(simulation, editor, fEdit, output);
+    int nExit = 0;
+    if (!options.strScript.empty() && !RunScript(simulation, output, scenario, options)) {
+        nExit = eXC_FAILED;
+        simulation.Quit();
+    }
+    simulation.WaitForQuit();
+    web.Stop();
+    fleet.Stop();
+    terminal.End(nExit);
     return nExit;
 }
 
@@ -192,24 +269,29 @@ int Run(Options const &options)
 
 int main(int argc, char **argv)
 {
-    CLI::App app{"A multifunction peripheral in software, for clients of the notification agent."};
+    CLI::App app{"A multifunction peripheral in software, for clients of the notification agent.",
+                 "mfpsim"};
     Options options;
     AddOptions(app, options);
-    try {
-        app.parse(argc, argv);
-    } catch (CLI::CallForHelp const &) {
-        std::cout << app.help() << std::flush;
-        return 0;
-    } catch (CLI::ParseError const &error) {
-        std::cerr << "mfpsim: " << error.what() << std::endl;
-        return kExitUsage;
+    CLI::App const *const pTell = AddTell(app, options);
+    if (auto const nExitCode = ParseCommandLine(app, argc, argv)) {
+        return *nExitCode;
     }
     options.config.wPort = static_cast<WORD>(options.nPort);
-    options.config.log = Print;
+    if (options.cFleet > 1 && app.count("--listen") == 0) {
+        options.config.strListen = "127.0.1.1";
+    }
+    if (options.cFleet > 1 && !options.config.strPrintPath.empty()) {
+        std::cerr << "mfpsim: a fleet has no print path" << std::endl;
+        return eXC_USAGE;
+    }
     try {
-        return Run(options);
+        if (*pTell) {
+            return Tell(options);
+        }
+        return Run(std::move(options));
     } catch (std::exception const &error) {
         std::cerr << "mfpsim: " << error.what() << std::endl;
-        return kExitFailed;
+        return eXC_FAILED;
     }
 }

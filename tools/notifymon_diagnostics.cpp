@@ -6,20 +6,26 @@
 #include "tools/notifymon_settings.h"
 #include "trace/g_trace.h"
 
+#include <atomic>
 #include <cstdio>
 #include <filesystem>
 
 namespace {
 
-/* This program's rows in the trace viewer's tables of names: module 0, level 1. */
+// This program's rows in the trace viewer's tables of names: module 0, level 1.
 constexpr std::uint64_t kTraceModule = 1;
 constexpr DWORD kTraceLevel = 2;
+
+// For the console's handler.
+std::atomic<bool> g_bOn{false};
+std::atomic<bool> g_bReloadAsked{false};
 
 } // namespace
 
 CDiagnostics::~CDiagnostics()
 {
     if (IsOn()) {
+        g_bOn = false;
         GRemoveEvtMgr(m_strName.c_str());
     }
 }
@@ -46,15 +52,26 @@ bool CDiagnostics::Start(std::string const &strRegistry, std::string const &strN
         return false;
     }
     m_strName = strName;
+    g_bOn = true;
     TdConnect();
     return true;
 }
 
-void CDiagnostics::Reload(bool bAsked)
+bool CDiagnostics::AskForReload()
+{
+    if (!g_bOn) {
+        return false;
+    }
+    g_bReloadAsked = true;
+    return true;
+}
+
+void CDiagnostics::ReloadIfAsked()
 {
     if (!IsOn()) {
         return;
     }
+    bool const bAsked = g_bReloadAsked.exchange(false);
     std::uint64_t const qwStamp = PlatRegistryStamp();
     if (!bAsked && qwStamp == m_qwStamp) {
         return;

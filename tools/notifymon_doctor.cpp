@@ -6,14 +6,16 @@
 #include "platform/file.h"
 #include "platform/registry.h"
 #include "platform/window.h"
+#include "session/listener.h"
+#include "tools/notifymon_monitor.h"
+#include "tools/notifymon_output.h"
 #include "tools/notifymon_settings.h"
 #include "tools/showable.h"
+#include "tools/usage.h"
 
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <random>
 
 namespace {
@@ -21,8 +23,11 @@ namespace {
 constexpr char kPanelText[] = "notifymon doctor";
 constexpr std::chrono::seconds kEchoLimit{2};       // from this machine to itself
 constexpr std::chrono::seconds kDiscoveryLimit{10}; // a device takes its time to print
+constexpr std::chrono::seconds kPickLimit{30};      // and a person to get there
+constexpr std::chrono::seconds kStartLimit{15};     // several calls of the access library
+constexpr std::chrono::seconds kTakeBackLimit{1};
 
-/* What to do about a result of the device's. */
+// What to do about a result of the device's.
 struct Advice {
     DWORD dwResult;
     char const *pszHint;
@@ -50,7 +55,7 @@ std::string HintFor(DWORD dwResult)
     return "see what the device itself reports";
 }
 
-/* Prints the findings and counts those that are not well. */
+// Prints the findings and counts those that are not well.
 class CFindings {
 public:
     void Ok(std::string const &strWhat) { Print("ok       " + strWhat); }
@@ -109,7 +114,7 @@ std::string HostText(DWORD dwHost)
     return str.substr(0, str.find(':'));
 }
 
-/* The first address of a host name or dotted address; 0 when it has none. */
+// The first address of a host name or dotted address; 0 when it has none.
 DWORD FindHost(std::string const &strName)
 {
     hostent const *const pEntry = ws::gethostbyname(strName.c_str());
@@ -122,7 +127,7 @@ DWORD FindHost(std::string const &strName)
     return FromSockAddr(address).dwHost;
 }
 
-/* The address of ours that datagrams to the host leave from; 0 when there is no way to it. */
+// The address of ours that datagrams to the host leave from; 0 when there is no way to it.
 DWORD RouteTo(DWORD dwHost)
 {
     CLinkSocket const socket(ws::socket(AF_INET, SOCK_DGRAM, 0));
@@ -134,93 +139,64 @@ DWORD RouteTo(DWORD dwHost)
     return bFound ? FromSockAddr(address).dwHost : 0;
 }
 
-/* An empty file with a new name in the temporary folder, for a scope. */
-class CScratchFile {
-public:
-    CScratchFile()
-    {
-        std::error_code error;
-        m_path = std::filesystem::temp_directory_path(error) /
-                 ("notifymon-doctor-" + std::to_string(std::random_device{}()));
-        HANDLE const h = CreateFileA(m_path.string().c_str(), GENERIC_WRITE, FILE_SHARE_READ,
-                                     nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr);
-        m_bMade = h != INVALID_HANDLE_VALUE;
-        if (m_bMade) {
-            CloseHandle(h);
-        }
-    }
-    ~CScratchFile()
-    {
-        std::error_code error;
-        if (m_bMade) {
-            std::filesystem::remove(m_path, error);
-        }
-    }
-    CScratchFile(CScratchFile const &) = delete;
-    CScratchFile &operator=(CScratchFile const &) = delete;
-
-    std::string Name() const { return m_path.string(); }
-    std::string Read() const
-    {
-        std::ifstream file(m_path, std::ios::binary);
-        return {std::istreambuf_iterator<char>(file), {}};
-    }
-
-private:
-    std::filesystem::path m_path;
-    bool m_bMade = false;
-};
-
-/* What stands between "KEY=" and the next ";". */
-std::string ClauseOf(std::string const &strText, std::string const &strKey)
-{
-    std::size_t const n = strText.find(strKey);
-    if (n == std::string::npos) {
-        return {};
-    }
-    std::size_t const nBegin = n + strKey.size();
-    return strText.substr(nBegin, strText.find(';', nBegin) - nBegin);
-}
-
 class CDoctor {
 public:
-    explicit CDoctor(DoctorOptions const &options) : m_options(options), m_client(ClientOptions())
+    CDoctor(Options const &options, CEnding &ending)
+        : m_options(options), m_ending(ending), m_sessions(ending, m_hooks)
     {
     }
 
     bool Run()
     {
+        bool bNetwork = false;
         if (CheckRegistry()) {
             CheckModule();
         }
-        if (!m_options.monitor.bLocal) {
+        for (SessionOptions const &device : m_options.devices) {
+            bNetwork = bNetwork || !device.bLocal;
+        }
+        if (bNetwork) {
             CheckPort();
         }
+        for (SessionOptions const &device : m_options.devices) {
+            Examine(device);
+        }
+        if (m_ending.IsAsked()) {
+            m_findings.Warn("ended before everything was looked at", "run it again, for longer");
+        }
+        bool const bWell = m_findings.Close() && !m_ending.IsAsked();
+        m_sessions.End(bWell ? eXC_DONE : eXC_FAILED);
+        return bWell;
+    }
+
+private:
+    void Examine(SessionOptions const &device)
+    {
+        m_pDevice = &device;
+        SessionOptions options = device;
+        if (!m_options.bEntriesGiven) {
+            options.rgstrOption = {kPanelText};
+            options.dwFlags = eNF_SELECT;
+        }
+        m_pSession = &m_sessions.Start(options);
         CheckDevice();
         std::optional<LinkAddress> const address = CheckAddress();
         if (address) {
             CheckEcho(*address);
         }
-        if (!m_options.strDiscover.empty()) {
+        if (m_bConnected && !m_options.strDiscover.empty()) {
             CheckDiscovery();
         }
-        m_client.Unsubscribe();
-        m_client.Disconnect();
-        return m_findings.Close();
-    }
-
-private:
-    MonitorOptions ClientOptions() const
-    {
-        MonitorOptions monitor = m_options.monitor;
-        monitor.rgstrOption = {kPanelText};
-        monitor.dwFlags = eNF_SELECT;
-        return monitor;
+        if (m_bConnected && m_options.bPick) {
+            CheckPick(options.rgstrOption);
+        }
+        m_pSession->End(SessionClock::now() + kTakeBackLimit);
+        m_pSession->WaitForEnd(m_ending.Limit());
     }
 
     // ---- Settings, log, viewer
 
-    /* False when there is nothing to read settings from. */
+    // False when there is nothing to read settings from.
     bool CheckRegistry()
     {
         bool const bChosen = !m_options.strRegistry.empty();
@@ -265,18 +241,24 @@ private:
         }
         std::string const strKey = ModuleKey(m_options.strDiagnostics);
         std::vector<Setting> const settings = SettingsOf(m_options.strDiagnostics);
+        std::size_t cSet = 0;
         bool bSet = false;
         for (Setting const &setting : settings) {
+            cSet += setting.eSource == eSS_REGISTRY ? 1 : 0;
             bSet = bSet || (setting.strKey.starts_with(strKey) && setting.eSource == eSS_REGISTRY);
         }
         if (bSet) {
-            m_findings.Ok("diagnostics: settings of " + Showable(m_options.strDiagnostics));
+            m_findings.Ok("diagnostics: settings of " + Showable(m_options.strDiagnostics) + ": " +
+                          std::to_string(cSet) + " set, " + std::to_string(settings.size() - cSet) +
+                          " by default" + (m_options.bVerbose ? "" : " (--verbose lists them)"));
         } else {
             m_findings.Warn("diagnostics: nothing is set for " + Showable(m_options.strDiagnostics),
                             "copy docs/example.reg and give the module's key this name");
         }
         for (Setting const &setting : settings) {
-            m_findings.Detail(SettingLine(setting));
+            if (m_options.bVerbose || setting.eSource == eSS_TOO_LONG) {
+                m_findings.Detail(SettingLine(setting));
+            }
         }
         CheckLog(settings, strKey + "\\File");
         if (FindSetting(settings, "TraceDeck", "DebugFile").qwNumber != 0) {
@@ -300,7 +282,7 @@ private:
                       bAppends ? "" : "; each start empties it, since \"Append\" is 0");
     }
 
-    /* Opens the file as the writers of lines do, but what it holds stays. */
+    // Opens the file as the writers of lines do, but what it holds stays.
     void CheckWritable(std::string const &strWhat, std::string const &strName,
                        std::string const &strMore)
     {
@@ -352,45 +334,53 @@ private:
 
     void CheckDevice()
     {
-        MonitorOptions const &monitor = m_options.monitor;
-        DWORD const dwPort = monitor.dwPort == kNotifyNoPort ? kLinkDefaultPort : monitor.dwPort;
-        std::string const strDevice =
-            "device: " + (monitor.bLocal ? "this machine" : Showable(monitor.strAddress)) +
-            ", TCP port " + std::to_string(dwPort);
-        DWORD const dwResult = m_client.Connect();
-        if (dwResult != 0) {
-            m_findings.Fail(strDevice + ": " + ResultText(dwResult), HintFor(dwResult));
+        m_bConnected = false;
+        auto const change = FirstChange();
+        if (!change) {
+            m_findings.Fail("device: no answer in time", HintFor(eDR_TIMEOUT));
             return;
         }
+        std::string const strDevice = "device: " + Showable(change->strAddress);
+        if (change->eState == eSL_WAITING) {
+            m_findings.Fail(strDevice + ": " + ResultText(change->dwResult),
+                            HintFor(change->dwResult));
+            return;
+        }
+        m_bConnected = true;
         m_findings.Ok(strDevice + ": it answers, and is of our line");
-        DWORD const dwPlaced = m_client.Subscribe();
-        if (dwPlaced != 0) {
-            m_findings.Fail("panel: no entry can be placed: " + ResultText(dwPlaced),
-                            HintFor(dwPlaced));
-            return;
+        if (change->eState == eSL_INCOMPLETE) {
+            m_findings.Fail("panel: " + Showable(change->strWhat) +
+                                " cannot be had: " + ResultText(change->dwResult),
+                            HintFor(change->dwResult));
+        } else {
+            m_findings.Ok("panel: it takes " + std::to_string(change->rgstrOption.size()) +
+                          (change->rgstrOption.size() == 1 ? " entry" : " entries"));
         }
-        m_findings.Ok("panel: it takes an entry");
     }
 
-    /* What the device is told, out of a job that the agent writes; empty when it writes none. */
-    std::string AdvertisedAddress()
+    // What becomes of the session's start; nothing when the end is asked for.
+    std::optional<LinkChange> FirstChange()
     {
-        CScratchFile const job;
-        DWORD dwSequence = 0;
-        if (m_client.Discover(job.Name(), &dwSequence) != 0) {
-            return {};
+        auto const tpEnd = SessionClock::now() + kStartLimit;
+        while (auto const event = m_sessions.Events().Take(tpEnd)) {
+            auto const *const pChange = std::get_if<LinkChange>(&event->what);
+            if (pChange != nullptr && event->strDevice == m_pDevice->strDevice) {
+                return *pChange;
+            }
         }
-        return ClauseOf(job.Read(), "NETADDR=");
+        return std::nullopt;
     }
 
-    /* The agent's address and port, if datagrams can be tried there. */
+    // The agent's address and port, if datagrams can be tried there.
     std::optional<LinkAddress> CheckAddress()
     {
-        std::string const strAddress = AdvertisedAddress();
-        if (m_options.monitor.bLocal) {
-            if (!strAddress.empty()) {
-                m_findings.Ok("address: the device knows this client as " + Showable(strAddress));
-            }
+        std::string const strAddress = m_pSession->AdvertisedAddress();
+        if (strAddress.empty()) {
+            m_findings.Detail("what the device is told cannot be found out without a link to it");
+            return std::nullopt;
+        }
+        if (m_pDevice->bLocal) {
+            m_findings.Ok("address: the device knows this client as " + Showable(strAddress));
             return std::nullopt;
         }
         LinkAddress address;
@@ -401,7 +391,7 @@ private:
                             "above, and what the name service says of it");
             return std::nullopt;
         }
-        JudgeAddress(address, FindHost(m_options.monitor.strAddress));
+        JudgeAddress(address, FindHost(m_pDevice->strAddress));
         return address;
     }
 
@@ -437,58 +427,80 @@ private:
         }
     }
 
-    /* Through the agent: its socket, its echo, its callback. */
+    // Through the agent: its socket, its echo, its callback. The number leaves the agent's filter alone.
     void CheckEcho(LinkAddress const &address)
     {
-        CLinkSocket const socket(ws::socket(AF_INET, SOCK_DGRAM, 0));
         std::string const strText =
-            "notifymon doctor " + std::to_string(std::random_device{}()) + ";";
-        auto const cbText = static_cast<int>(strText.size());
-        sockaddr_in const to = ToSockAddr(address);
-        ws::sendto(socket.Get(), strText.data(), cbText, 0, reinterpret_cast<sockaddr const *>(&to),
-                   sizeof to);
-        char ab[512];
-        bool const bEchoed =
-            PlatSocketWait(socket.Get(), /*bWrite=*/false,
-                           static_cast<DWORD>(std::chrono::milliseconds(kEchoLimit).count())) ==
-                1 &&
-            ws::recv(socket.Get(), ab, sizeof ab, 0) == cbText;
-        if (!bEchoed) {
+            "notifymon doctor " + std::to_string(std::random_device{}()) + ";KICKSEQ=0;";
+        if (!EchoComes(address, strText, kEchoLimit)) {
             m_findings.Fail(
                 "echo: none came from " + FormatAddress(address),
                 "a firewall on this machine holds UDP back, or the address is not ours");
-        } else if (!Hears(strText, kEchoLimit)) {
+        } else if (!Hears([&](Notification const &n) { return n.strOption == strText; },
+                          kEchoLimit)) {
             m_findings.Fail("echo: it came, but no notification",
-                            "run with --diagnostics and read the log");
+                            "a stranger's datagram was there first, see above; or else run with "
+                            "--diagnostics and read the log");
         } else {
             m_findings.Ok("echo: a datagram of this machine's came back and was notified");
-            if (m_options.strDiscover.empty()) {
-                m_findings.Detail("the way from the device is not tried: pick an entry there, or "
-                                  "give --discover TARGET");
+            if (m_options.strDiscover.empty() && !m_options.bPick) {
+                m_findings.Detail("the way from the device is not tried: give --pick, and pick the "
+                                  "entry there, or --discover TARGET");
             }
         }
     }
 
-    bool Hears(std::string const &strPart, std::chrono::seconds limit)
+    // Whether such a notification comes. Tells of what silences the listener meanwhile.
+    template <class Wanted>
+    bool Hears(Wanted fnIsWanted, std::chrono::seconds limit)
     {
-        auto const tpEnd = std::chrono::steady_clock::now() + limit;
-        while (auto const notification = m_client.Next(tpEnd)) {
-            if (notification->strOption.find(strPart) != std::string::npos) {
+        auto const tpEnd = SessionClock::now() + limit;
+        while (auto const event = m_sessions.Events().Take(tpEnd)) {
+            auto const *const pChange = std::get_if<LinkChange>(&event->what);
+            if (pChange != nullptr && pChange->eState == eSL_RESTARTING) {
+                m_findings.Warn(
+                    "listener: it was silenced: " + Showable(pChange->strWhat),
+                    "keep UDP of others than the device from this machine; a client has "
+                    "to start its link anew, as notifymon does by itself");
+            }
+            auto const *const pNotification = std::get_if<Notification>(&event->what);
+            if (pNotification != nullptr && fnIsWanted(*pNotification)) {
                 return true;
             }
         }
         return false;
     }
 
+    void CheckPick(std::vector<std::string> const &entries)
+    {
+        m_findings.Detail("pick " + Quoted(entries.front()) +
+                          " at the device now: waiting for it " +
+                          std::to_string(kPickLimit.count()) + " seconds");
+        auto const fnIsOurs = [&](Notification const &notification) {
+            return notification.eType == eCT_SELECT_NOTIFY &&
+                   std::find(entries.begin(), entries.end(), notification.strText) != entries.end();
+        };
+        if (Hears(fnIsOurs, kPickLimit)) {
+            m_findings.Ok("pick: it was notified; the way from the device to here is free");
+        } else {
+            m_findings.Fail(
+                "pick: nothing came of one",
+                "if somebody picked it, see that every firewall lets UDP from the device "
+                "to this machine through");
+        }
+    }
+
     void CheckDiscovery()
     {
         DWORD dwSequence = 0;
         std::string const strTarget = Showable(m_options.strDiscover);
-        DWORD const dwResult = m_client.Discover(m_options.strDiscover, &dwSequence);
+        DWORD const dwResult = m_pSession->Discover(m_options.strDiscover, &dwSequence);
         if (dwResult != 0) {
-            m_findings.Fail("discovery: " + strTarget + ": " + ResultText(dwResult),
+            m_findings.Fail("discovery: " + strTarget + ": " +
+                                DiscoveryProblem(m_options.strDiscover, dwResult),
                             "the target must exist, and a device must take jobs from it");
-        } else if (!Hears("SRVQ=" + std::to_string(dwSequence) + ";", kDiscoveryLimit)) {
+        } else if (!Hears([&](Notification const &n) { return n.srvq == dwSequence; },
+                          kDiscoveryLimit)) {
             m_findings.Fail("discovery: no device answered the job in " + strTarget,
                             "does a device print what goes there, and does every firewall let UDP "
                             "from the device to this machine through?");
@@ -497,15 +509,20 @@ private:
         }
     }
 
-    DoctorOptions const &m_options;
+    Options const &m_options;
+    CEnding &m_ending;
     CSocketLibrary m_library;
-    CMonitorClient m_client;
+    CHooks m_hooks{""}; // a doctor hands nothing out
+    CSessions m_sessions;
     CFindings m_findings;
+    SessionOptions const *m_pDevice = nullptr; // under examination
+    CSession *m_pSession = nullptr;            // with it
+    bool m_bConnected = false;                 // it is
 };
 
 } // namespace
 
-bool RunDoctor(DoctorOptions const &options)
+bool RunDoctor(Options const &options, CEnding &ending)
 {
-    return CDoctor(options).Run();
+    return CDoctor(options, ending).Run();
 }

@@ -1,38 +1,43 @@
 #pragma once
-/*
- * How notifymon shows notifications and names results.
- */
-#include "agent/QOMANoAg.h"
+/// @file
+/// How notifymon shows events and names results.
+#include "session/session_event.h"
 
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
-/* One notification, copied out of the record that the agent lends to the callback. */
-struct Notification {
-    CallbackType eType;
-    DWORD dwNotifyCode;
-    int nValue;
-    DWORD dwValue;
-    std::string strOption;
-    std::string strSenderAddress;
-    std::string strSenderName;
-};
-
-/* "eCT_SELECT_NOTIFY" and so on; "eCT_<number>" for a kind that this program does not know. */
-std::string KindName(CallbackType eType);
-
-/* A result code of the agent in words, with its number: "not connected (2250)". */
+/// A result code of the agent in words, with its number: "not connected (2250)".
 std::string ResultText(DWORD dwResult);
 
-/* Showable text in quotes, with a backslash before quotes and backslashes. */
+/// Why a discovery job could not be written to the target: the agent's result, and what a pipe tells.
+std::string DiscoveryProblem(std::string const &strTarget, DWORD dwResult);
+
+/// Showable text in quotes, with a backslash before quotes and backslashes.
 std::string Quoted(std::string const &str);
 
-/* One line for a person, without a line end, of showable characters alone. */
+/// One line for a person, without a line end, of showable characters alone.
 std::string TextLine(Notification const &notification);
 
-/* One JSON object, without a line end. Bytes that are not UTF-8 become U+FFFD. */
-std::string JsonLine(Notification const &notification);
+/// The same by a --format that FormatProblem has nothing to say against.
+std::string FormatLine(std::string const &strFormat, SessionEvent const &event,
+                       Notification const &notification);
 
-/* The fields as NOTIFY_KIND, NOTIFY_CODE, … for the environment of a command. */
-std::vector<std::pair<std::string, std::string>> EnvironmentOf(Notification const &notification);
+/// What is wrong with a format, or nothing.
+std::string FormatProblem(std::string const &strFormat);
+
+/// The names of a format's fields, and those of a command's variables, with commas.
+std::string FormatFields();
+std::string EnvironmentNames();
+
+/// One JSON object, without a line end. Bytes that are not UTF-8 become U+FFFD.
+std::string JsonLine(SessionEvent const &event);
+
+/// The fields as NOTIFY_KIND, NOTIFY_CODE, … for the environment of a command.
+std::vector<std::pair<std::string, std::string>> EnvironmentOf(SessionEvent const &event,
+                                                               Notification const &notification);
+
+/// What a person is told of a link's change or of dropped events, in showable characters.
+std::string ChangeText(LinkChange const &change);
+std::string DroppedText(DroppedEvents const &dropped);

@@ -18,11 +18,11 @@ namespace {
 constexpr char kRootKey[] = "SOFTWARE\\Norvale\\";
 constexpr char kTraceKey[] = "TraceDeck";
 
-/* A value that some reader looks for. */
+// A value that some reader looks for.
 struct ValueType {
     char const *pszName;
-    DWORD cb;               /* room of the reader's place in bytes */
-    char const *pszDefault; /* null: a number */
+    DWORD cb;               // room of the reader's place in bytes
+    char const *pszDefault; // null: a number
     std::uint64_t qwDefault;
 };
 
@@ -50,7 +50,7 @@ constexpr ValueType kTrace[] = {{"Title", sizeof g_szTdTitle, "", 0},
                                 {"DebugFilePath", sizeof g_szTdDebugFile, "c:\\debug.log", 0}};
 constexpr ValueType kTraceRow[] = {{"Short Name", kcbRegText, "", 0}};
 
-/* The whole of a text that a platform call hands out piece by piece. */
+// The whole of a text that a platform call hands out piece by piece.
 template <typename Call>
 std::string TextOf(Call call)
 {
@@ -59,7 +59,7 @@ std::string TextOf(Call call)
     return text.data();
 }
 
-/* An open key below HKEY_LOCAL_MACHINE, for a scope. */
+// An open key below HKEY_LOCAL_MACHINE, for a scope.
 class CKey {
 public:
     explicit CKey(std::string const &strKey)
@@ -80,7 +80,7 @@ public:
 
     bool IsOpen() const { return m_hKey != nullptr; }
 
-    /* As the readers do it: the type does not matter, a narrow number fills the low bytes. */
+    // As the readers do it: the type does not matter, a narrow number fills the low bytes.
     SettingSource Read(ValueType const &value, Setting *pSetting) const
     {
         BYTE ab[kcbRegText] = {};

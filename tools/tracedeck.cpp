@@ -6,8 +6,7 @@
 #include "platform/sync.h"
 #include "platform/window.h"
 #include "tools/showable.h"
-
-#include <CLI/CLI.hpp>
+#include "tools/usage.h"
 
 #include <atomic>
 #include <cstdio>
@@ -15,8 +14,6 @@
 #include <string_view>
 
 namespace {
-
-enum EExit : int { eEX_DONE = 0, eEX_FAILED = 1, eEX_USAGE = 2 };
 
 std::atomic<HWND> g_hWnd{nullptr}; // for the console's thread
 
@@ -76,7 +73,7 @@ BOOL WINAPI OnConsole(DWORD)
 int Fail(std::string const &strWhat)
 {
     std::fprintf(stderr, "tracedeck: %s\n", strWhat.c_str());
-    return eEX_FAILED;
+    return eXC_FAILED;
 }
 
 int RunDeck(std::string const &strTitle, DeckType &deck)
@@ -98,7 +95,7 @@ int RunDeck(std::string const &strTitle, DeckType &deck)
     if (!fOrderly) {
         return Fail("the window broke, error " + std::to_string(dwError));
     }
-    return deck.fBroken ? Fail("cannot write the lines any more") : eEX_DONE;
+    return deck.fBroken ? Fail("cannot write the lines any more") : eXC_DONE;
 }
 
 } // namespace
@@ -112,13 +109,8 @@ int main(int argc, char **argv)
     CLI::App app("Shows the lines that trace clients send to the window of a title.", "tracedeck");
     app.add_option("--title", strTitle, "title that the clients look for")->capture_default_str();
     app.add_option("--out", strOut, "file that gets the lines too, behind what it holds");
-    try {
-        app.parse(argc, argv);
-    } catch (CLI::CallForHelp const &help) {
-        return app.exit(help);
-    } catch (CLI::ParseError const &error) {
-        Fail(error.what());
-        return eEX_USAGE;
+    if (auto const nExitCode = ParseCommandLine(app, argc, argv)) {
+        return *nExitCode;
     }
     DeckType deck;
     if (!strOut.empty()) {

@@ -6,6 +6,7 @@
 #include "platform/sync.h"
 
 #include <bit>
+#include <chrono>
 #include <cstdarg>
 #include <cstddef>
 #include <cstdio>
@@ -23,7 +24,7 @@ std::atomic<LONG> g_cTdLevels{0};
 std::atomic<std::uint64_t> g_TdCurrentModule{0};
 std::atomic<DWORD> g_TdCurrentLevel{0};
 
-std::mutex g_TdTextLock;
+CPlatMutex g_TdTextLock;
 char g_szTdPath[260];
 char g_szTdDebugFile[260];
 char g_szTdTitle[64];
@@ -36,48 +37,71 @@ namespace {
 constexpr char kszTdKey[] = "SOFTWARE\\Norvale\\TraceDeck";
 constexpr char kszDefaultFile[] = "c:\\debug.log";
 
-/// Offered to the read of a short name, whatever its row holds.
+// Offered to the read of a short name, whatever its row holds.
 constexpr DWORD kcbShortNameRead = 128;
 
 constexpr int kcWindowTries = 60;
 constexpr DWORD kdwWindowPause = 200; // ms
 
-/// A line with its line end and terminator.
+// A line and its terminator; the debugger's line end comes on top.
 constexpr std::size_t kcbLine = 256;
 
 std::atomic<bool> g_fConnecting{false};
 
-/// Copies a text under the lock, cut to the size of its place and terminated.
+// Cut to the size of its place and terminated. The place goes by reference: so the compiler sees that it is
+// used, and asks for its lock.
 template <std::size_t cb>
-void StoreText(char (&szPlace)[cb], char const *psz)
+void CopyText(char (&szPlace)[cb], char const *psz)
 {
-    std::lock_guard const lock(g_TdTextLock);
     std::snprintf(szPlace, cb, "%s", psz);
 }
 
-/// Reads a text that fits into szValue. @return whether it could be read; szValue is terminated then.
+template <auto &szPlace>
+void StoreText(char const *psz)
+{
+    CPlatGuard const guard(g_TdTextLock);
+    CopyText(szPlace, psz);
+}
+
+template <std::size_t cb>
+struct CTextCopy {
+    explicit CTextCopy(char const (&szPlace)[cb]) { std::memcpy(m_szText, szPlace, cb); }
+
+    char m_szText[cb];
+};
+
+template <auto &szPlace>
+auto TextOf()
+{
+    CPlatGuard const guard(g_TdTextLock);
+    return CTextCopy(szPlace);
+}
+
+// Reads a text that fits into szValue. @return whether it could be read; szValue is terminated then.
 template <std::size_t cb>
 bool ReadText(HKEY hKey, char const *pszName, char (&szValue)[cb])
 {
     DWORD dwType = 0;
     DWORD cbValue = cb;
     if (RegQueryValueExA(hKey, pszName, nullptr, &dwType, reinterpret_cast<BYTE *>(szValue),
-                         &cbValue) != 0)
+                         &cbValue) != 0) {
         return false;
+    }
     // The registry keeps what was put there, a terminator or none.
     szValue[cbValue < cb ? cbValue : cb - 1] = '\0';
     return true;
 }
 
-template <std::size_t cb>
-void LoadText(HKEY hKey, char const *pszName, char (&szPlace)[cb])
+template <auto &szPlace>
+void LoadText(HKEY hKey, char const *pszName)
 {
-    char szValue[cb];
-    if (ReadText(hKey, pszName, szValue))
-        StoreText(szPlace, szValue);
+    char szValue[sizeof(szPlace)];
+    if (ReadText(hKey, pszName, szValue)) {
+        StoreText<szPlace>(szValue);
+    }
 }
 
-/// A value that is narrower fills the low bytes; a missing or a wider one leaves the place as it was.
+// A value that is narrower fills the low bytes; a missing or a wider one leaves the place as it was.
 template <class T>
 void LoadNumber(HKEY hKey, char const *pszName, std::atomic<T> &place)
 {
@@ -85,16 +109,17 @@ void LoadNumber(HKEY hKey, char const *pszName, std::atomic<T> &place)
     DWORD dwType = 0;
     DWORD cb = sizeof(value);
     if (RegQueryValueExA(hKey, pszName, nullptr, &dwType, reinterpret_cast<BYTE *>(&value), &cb) ==
-        0)
+        0) {
         place.store(value);
+    }
 }
 
-/// The one setting whose default comes back. Stored once, so that no line of another thread goes to the
-/// default file in between.
+// The one setting whose default comes back. Stored once, so that no line of another thread goes to the
+// default file in between.
 void LoadDebugFile(HKEY hKey)
 {
     char szValue[sizeof(g_szTdDebugFile)];
-    StoreText(g_szTdDebugFile, ReadText(hKey, "DebugFilePath", szValue) ? szValue : kszDefaultFile);
+    StoreText<g_szTdDebugFile>(ReadText(hKey, "DebugFilePath", szValue) ? szValue : kszDefaultFile);
 }
 
 void LoadExeName()
@@ -104,10 +129,10 @@ void LoadExeName()
     szPath[sizeof(szPath) - 1] = '\0';
     char szName[_MAX_FNAME] = "";
     _splitpath(szPath, nullptr, nullptr, szName, nullptr);
-    StoreText(g_szTdExeName, szName);
+    StoreText<g_szTdExeName>(szName);
 }
 
-/// The row's subkey, or null.
+// The row's subkey, or null.
 HKEY OpenRow(HKEY hTable, LONG nRow)
 {
     char szRow[34];
@@ -116,62 +141,59 @@ HKEY OpenRow(HKEY hTable, LONG nRow)
     return RegOpenKeyExA(hTable, szRow, 0, KEY_QUERY_VALUE, &hRow) == 0 ? hRow : nullptr;
 }
 
-/// Goes through the rows of one table. @return how many count.
-template <std::size_t cRows, std::size_t cb>
-LONG LoadRows(HKEY hTable, char (&names)[cRows][cb], bool fNeedsName)
+// Goes through the rows of one table. @return how many count.
+template <auto &names>
+LONG LoadRows(HKEY hTable, bool fNeedsName)
 {
+    constexpr LONG kcRows = sizeof(names) / sizeof(names[0]);
     LONG nRow = 0;
-    for (; nRow < static_cast<LONG>(cRows); ++nRow) {
+    for (; nRow < kcRows; ++nRow) {
         HKEY const hRow = OpenRow(hTable, nRow);
-        if (hRow == nullptr)
+        if (hRow == nullptr) {
             break;
+        }
         char szName[kcbShortNameRead];
         bool const fRead = ReadText(hRow, "Short Name", szName);
         RegCloseKey(hRow);
-        if (fRead)
-            StoreText(names[nRow], szName);
-        if (fNeedsName && (!fRead || szName[0] == '\0'))
+        if (fRead) {
+            CPlatGuard const guard(g_TdTextLock);
+            CopyText(names[nRow], szName);
+        }
+        if (fNeedsName && (!fRead || szName[0] == '\0')) {
             break;
+        }
     }
     return nRow;
 }
 
-template <std::size_t cRows, std::size_t cb>
-void LoadTable(HKEY hKey, char const *pszTable, char (&names)[cRows][cb], bool fNeedsName,
-               std::atomic<LONG> &cFilled)
+template <auto &names>
+void LoadTable(HKEY hKey, char const *pszTable, bool fNeedsName, std::atomic<LONG> &cFilled)
 {
     HKEY hTable = nullptr;
-    if (RegOpenKeyExA(hKey, pszTable, 0, KEY_READ, &hTable) != 0)
+    if (RegOpenKeyExA(hKey, pszTable, 0, KEY_READ, &hTable) != 0) {
         return;
-    cFilled.store(LoadRows(hTable, names, fNeedsName));
+    }
+    cFilled.store(LoadRows<names>(hTable, fNeedsName));
     RegCloseKey(hTable);
 }
 
 bool FindViewer()
 {
-    char szTitle[sizeof(g_szTdTitle)];
-    {
-        std::lock_guard const lock(g_TdTextLock);
-        std::memcpy(szTitle, g_szTdTitle, sizeof(szTitle));
-    }
-    HWND const hWnd = FindWindowA(nullptr, szTitle);
+    HWND const hWnd = FindWindowA(nullptr, TextOf<g_szTdTitle>().m_szText);
     g_hTdWindow.store(hWnd);
     return hWnd != nullptr;
 }
 
 bool StartViewerProgram()
 {
-    char szPath[sizeof(g_szTdPath)];
-    {
-        std::lock_guard const lock(g_TdTextLock);
-        std::memcpy(szPath, g_szTdPath, sizeof(szPath));
-    }
     STARTUPINFOA startup = {};
     startup.cb = sizeof(startup);
     PROCESS_INFORMATION process = {};
-    if (!CreateProcessA(szPath, /*pszCommandLine=*/nullptr, nullptr, nullptr, /*fInherit=*/TRUE, 0,
-                        /*pEnvironment=*/nullptr, /*pszDirectory=*/nullptr, &startup, &process))
+    if (!CreateProcessA(TextOf<g_szTdPath>().m_szText, /*pszCommandLine=*/nullptr, nullptr, nullptr,
+                        /*fInherit=*/TRUE, 0,
+                        /*pEnvironment=*/nullptr, /*pszDirectory=*/nullptr, &startup, &process)) {
         return false;
+    }
     CloseHandle(process.hThread);
     CloseHandle(process.hProcess);
     return true;
@@ -182,7 +204,7 @@ void TellUser(char const *pszText)
     MessageBoxA(nullptr, pszText, nullptr, 0);
 }
 
-/// Starts the viewer and waits for its window.
+// Starts the viewer and waits for its window.
 bool StartViewer()
 {
     if (!StartViewerProgram()) {
@@ -191,8 +213,9 @@ bool StartViewer()
     }
     for (int n = 0; n < kcWindowTries; ++n) {
         SleepEx(kdwWindowPause, FALSE);
-        if (FindViewer())
+        if (FindViewer()) {
             return true;
+        }
     }
     TellUser("ERROR!  Unable to find the TraceDeck window!");
     return false;
@@ -201,14 +224,16 @@ bool StartViewer()
 void ConnectViewer()
 {
     // From here on the mode has the bit, so that a failure is met once and not at every call.
-    if (!TdLoadSettings(eTM_VIEWER) || (g_TdMode.load() & eTM_FILE) != 0)
+    if (!TdLoadSettings(eTM_VIEWER) || (g_TdMode.load() & eTM_FILE) != 0) {
         return;
-    if (!FindViewer() && (g_fTdAutoStart.load() == 0 || !StartViewer()))
+    }
+    if (!FindViewer() && (g_fTdAutoStart.load() == 0 || !StartViewer())) {
         return;
+    }
     g_TdMode.fetch_or(eTM_VIEWER);
 }
 
-/// A line under construction, cut so that a line end still fits.
+// A line under construction. One that does not fit keeps its first 254 characters, as the viewer shows it.
 class CTraceLine {
 public:
     __attribute__((format(printf, 2, 3))) void Add(char const *pszFmt, ...)
@@ -220,13 +245,18 @@ public:
     }
     __attribute__((format(printf, 2, 0))) void AddV(char const *pszFmt, va_list args)
     {
-        std::size_t const cbRoom = kcbLine - 2 - m_cch;
+        if (m_fCut) {
+            return;
+        }
+        std::size_t const cbRoom = kcbLine - m_cch;
         int const cch = std::vsnprintf(m_szLine + m_cch, cbRoom, pszFmt, args);
-        if (cch < 0)
-            m_szLine[m_cch] = '\0';
-        else
-            m_cch +=
-                static_cast<std::size_t>(cch) < cbRoom ? static_cast<std::size_t>(cch) : cbRoom - 1;
+        m_fCut = cch >= 0 && static_cast<std::size_t>(cch) >= cbRoom;
+        if (m_fCut) {
+            m_cch = kcbLine - 2;
+        } else if (cch > 0) {
+            m_cch += static_cast<std::size_t>(cch);
+        }
+        m_szLine[m_cch] = '\0';
     }
     void AddLineEnd()
     {
@@ -241,11 +271,12 @@ public:
     std::size_t GetLength() const { return m_cch; }
 
 private:
-    char m_szLine[kcbLine] = "";
+    char m_szLine[kcbLine + 2] = "";
     std::size_t m_cch = 0;
+    bool m_fCut = false;
 };
 
-/// The number of the one bit in a mask, -1 for any other mask.
+// The number of the one bit in a mask, -1 for any other mask.
 int BitOf(std::uint64_t mask)
 {
     return std::has_single_bit(mask) ? std::countr_zero(mask) : -1;
@@ -261,42 +292,54 @@ void AddTimeStamp(CTraceLine &line)
 
 void AddHead(CTraceLine &line)
 {
-    if (g_fTdTimeStamp.load() != 0)
+    if (g_fTdTimeStamp.load() != 0) {
         AddTimeStamp(line);
+    }
     int const nModule = BitOf(g_TdCurrentModule.load());
     int const nLevel = BitOf(g_TdCurrentLevel.load());
-    std::lock_guard const lock(g_TdTextLock);
+    CPlatGuard const guard(g_TdTextLock);
     bool const fModule = nModule >= 0 && nModule < g_cTdModules.load() && nModule < kcTdModules;
     bool const fLevel = nLevel >= 0 && nLevel < g_cTdLevels.load() && nLevel < kcTdLevels;
     line.Add("%s", fModule ? g_TdModuleNames[nModule] : "[OTHER]");
     line.Add("%s", fLevel ? g_TdLevelNames[nLevel] : "- ");
-    if (g_fTdExeName.load() != 0)
+    if (g_fTdExeName.load() != 0) {
         line.Add("\"%s\" ", g_szTdExeName);
+    }
 }
 
 void SendToDebugger(char const *pszLine)
 {
     DWORD const dwError = GetLastError();
     OutputDebugStringA(pszLine);
-    if (GetLastError() != dwError)
+    if (GetLastError() != dwError) {
         SetLastError(dwError);
+    }
 }
 
-/// Opened and closed for each line: whoever reads or removes the file is never in our way.
+// Opened and closed for each line: whoever reads or removes the file is never in our way. The name may be
+// somebody's pipe, at which a write waits for a while: after one that waited for nothing, nobody tries again
+// for ten times as long.
 void AppendToFile(CTraceLine const &line)
 {
-    char szFile[sizeof(g_szTdDebugFile)];
-    {
-        std::lock_guard const lock(g_TdTextLock);
-        std::memcpy(szFile, g_szTdDebugFile, sizeof(szFile));
-    }
-    int const fd = _open(szFile, _O_RDWR | _O_APPEND | _O_CREAT | _O_BINARY, _S_IWRITE);
-    if (fd == -1)
+    using Clock = std::chrono::steady_clock;
+    static std::atomic<Clock::time_point> s_heldOffUntil{};
+    Clock::time_point const start = Clock::now();
+    if (start < s_heldOffUntil.load()) {
         return;
-    _write(fd, line.GetText(), static_cast<unsigned>(line.GetLength()));
-    if (!line.HasLineEnd())
-        _write(fd, "\r\n", 2);
+    }
+    int const fd = _open(TextOf<g_szTdDebugFile>().m_szText,
+                         _O_RDWR | _O_APPEND | _O_CREAT | _O_BINARY, _S_IWRITE);
+    if (fd == -1) {
+        return;
+    }
+    bool const fWritten =
+        _write(fd, line.GetText(), static_cast<unsigned>(line.GetLength())) != -1 &&
+        (line.HasLineEnd() || _write(fd, "\r\n", 2) != -1);
     _close(fd);
+    Clock::time_point const end = Clock::now();
+    if (!fWritten && end - start > std::chrono::milliseconds(100)) {
+        s_heldOffUntil.store(end + 10 * (end - start));
+    }
 }
 
 bool IsLogged()
@@ -313,22 +356,23 @@ DWORD TdLoadSettings(std::uint64_t bits)
     LoadExeName();
     HKEY hKey = nullptr;
     if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, kszTdKey, 0, KEY_READ, &hKey) != 0) {
-        StoreText(g_szTdDebugFile, kszDefaultFile);
+        StoreText<g_szTdDebugFile>(kszDefaultFile);
         return 0;
     }
 
     std::atomic<DWORD> dwDebugFile{0};
-    LoadText(hKey, "Path", g_szTdPath);
+    LoadText<g_szTdPath>(hKey, "Path");
     LoadDebugFile(hKey);
     LoadNumber(hKey, "DebugFile", dwDebugFile);
-    LoadText(hKey, "Title", g_szTdTitle);
+    LoadText<g_szTdTitle>(hKey, "Title");
     LoadNumber(hKey, "Module Mask", g_TdModuleMask);
     LoadNumber(hKey, "Level Mask", g_TdLevelMask);
     LoadNumber(hKey, "Auto Start", g_fTdAutoStart);
     LoadNumber(hKey, "Time Stamp", g_fTdTimeStamp);
     LoadNumber(hKey, "Exe Name", g_fTdExeName);
-    if (dwDebugFile.load() != 0)
+    if (dwDebugFile.load() != 0) {
         g_TdMode.store(eTM_FILE);
+    }
     TdLoadTables(hKey);
     RegCloseKey(hKey);
     g_TdMode.fetch_or(bits);
@@ -337,14 +381,15 @@ DWORD TdLoadSettings(std::uint64_t bits)
 
 void TdLoadTables(HKEY hKey)
 {
-    LoadTable(hKey, "Modules", g_TdModuleNames, /*fNeedsName=*/false, g_cTdModules);
-    LoadTable(hKey, "Levels", g_TdLevelNames, /*fNeedsName=*/true, g_cTdLevels);
+    LoadTable<g_TdModuleNames>(hKey, "Modules", /*fNeedsName=*/false, g_cTdModules);
+    LoadTable<g_TdLevelNames>(hKey, "Levels", /*fNeedsName=*/true, g_cTdLevels);
 }
 
 void TdConnect()
 {
-    if ((g_TdMode.load() & eTM_VIEWER) != 0 || g_fConnecting.exchange(true))
+    if ((g_TdMode.load() & eTM_VIEWER) != 0 || g_fConnecting.exchange(true)) {
         return;
+    }
     ConnectViewer();
     g_fConnecting.store(false);
 }
@@ -357,8 +402,9 @@ void TdSetCurrent(std::uint64_t module, DWORD dwLevel)
 
 void TdLog(char const *pszFmt, ...)
 {
-    if (!IsLogged())
+    if (!IsLogged()) {
         return;
+    }
     CTraceLine line;
     AddHead(line);
     va_list args;
@@ -367,21 +413,24 @@ void TdLog(char const *pszFmt, ...)
     va_end(args);
 
     std::uint64_t const mode = g_TdMode.load();
-    if ((mode & eTM_VIEWER) != 0)
+    if ((mode & eTM_VIEWER) != 0) {
         TdSendLine(line.GetText());
+    }
     if ((mode & eTM_DEBUGGER) != 0) {
         line.AddLineEnd();
         SendToDebugger(line.GetText());
     }
-    if ((mode & eTM_FILE) != 0)
+    if ((mode & eTM_FILE) != 0) {
         AppendToFile(line);
+    }
 }
 
 void TdSendLine(char const *pszText)
 {
     HWND const hWnd = g_hTdWindow.load();
-    if (hWnd == nullptr)
+    if (hWnd == nullptr) {
         return;
+    }
     COPYDATASTRUCT data = {};
     data.cbData = static_cast<DWORD>(std::strlen(pszText) + 1);
     data.lpData = const_cast<char *>(pszText);

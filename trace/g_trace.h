@@ -1,23 +1,24 @@
 #pragma once
 
-// The client of the trace viewer, a separate program that shows lines of text in a window: its settings
-// from the registry, the search for its window or the start of the program, and logging of a line to as
-// many as three places, the viewer, the debugger and a file. It filters by a module mask and a level mask
-// and does not depend on the event manager, whose trace handler uses TdLoadSettings and TdSendLine.
-//
-// All state is of the process, zero or empty at load. Words are atomic; texts and short names are under
-// g_TdTextLock, a leaf: nothing is called under it. Any thread may call anything here.
-//
-// Settings stand under HKEY_LOCAL_MACHINE\SOFTWARE\Norvale\TraceDeck (README.md has the table).
+/// @file
+/// The client of the trace viewer, a separate program that shows lines of text in a window: its settings
+/// from the registry, the search for its window or the start of the program, and logging of a line to as
+/// many as three places, the viewer, the debugger and a file. It filters by a module mask and a level mask
+/// and does not depend on the event manager, whose trace handler uses TdLoadSettings and TdSendLine.
+///
+/// All state is of the process, zero or empty at load. Words are atomic; texts and short names are under
+/// g_TdTextLock, a leaf: nothing is called under it. Any thread may call anything here.
+///
+/// Settings stand under `HKEY_LOCAL_MACHINE\SOFTWARE\Norvale\TraceDeck` (README.md has the table).
 
 #include "platform/base.h"
 #include "platform/com.h"
+#include "platform/lock.h"
 #include "platform/registry.h"
 #include "platform/window.h"
 
 #include <atomic>
 #include <cstdint>
-#include <mutex>
 
 /// Bits of g_TdMode: where a line goes.
 enum : std::uint64_t {
@@ -39,19 +40,21 @@ extern std::atomic<DWORD> g_fTdExeName;           ///< not 0: lines carry the pr
 extern std::atomic<LONG> g_cTdModules;            ///< rows filled in g_TdModuleNames
 extern std::atomic<LONG> g_cTdLevels;             ///< rows filled in g_TdLevelNames
 
+/// @{
 /// The module and the level of the line being logged, one bit each. Words of the process: threads that
 /// log at once share them.
 extern std::atomic<std::uint64_t> g_TdCurrentModule;
 extern std::atomic<DWORD> g_TdCurrentLevel;
+/// @}
 
 /// Guards the texts below; taken last, nothing is called under it.
-extern std::mutex g_TdTextLock;
-extern char g_szTdPath[260];                 ///< the viewer's program file
-extern char g_szTdDebugFile[260];            ///< the log file
-extern char g_szTdTitle[64];                 ///< the exact title of the viewer's window
-extern char g_szTdExeName[256];              ///< this program, without directory and extension
-extern char g_TdModuleNames[kcTdModules][8]; ///< short names; a longer one is cut
-extern char g_TdLevelNames[kcTdLevels][4];   ///< short names; a longer one is cut
+extern CPlatMutex g_TdTextLock;
+extern char g_szTdPath[260] PLAT_GUARDED_BY(g_TdTextLock);      ///< the viewer's program file
+extern char g_szTdDebugFile[260] PLAT_GUARDED_BY(g_TdTextLock); ///< the log file
+extern char g_szTdTitle[64] PLAT_GUARDED_BY(g_TdTextLock);      ///< the viewer's window, exactly
+extern char g_szTdExeName[256] PLAT_GUARDED_BY(g_TdTextLock);   ///< ours, without extension
+extern char g_TdModuleNames[kcTdModules][8] PLAT_GUARDED_BY(g_TdTextLock); ///< short names, cut
+extern char g_TdLevelNames[kcTdLevels][4] PLAT_GUARDED_BY(g_TdTextLock);   ///< short names, cut
 
 /// Reads all settings. A missing value leaves its place as it was, except that the log file is
 /// "c:\debug.log" again; a text that is wider than its place counts as missing.
@@ -74,8 +77,9 @@ void TdConnect();
 void TdSetCurrent(std::uint64_t module, DWORD dwLevel);
 
 /// Builds one line and delivers it to the places in g_TdMode, if current module and current level have
-/// a bit in common with their masks. The line, its two bytes of line end counted, is cut to 255
-/// characters. Blocks until the viewer has taken it. Keeps GetLastError across the debugger's call.
+/// a bit in common with their masks. A line of more than 255 characters, without its line end, is cut to
+/// 254. Blocks until the viewer has taken it; a file that takes nothing, as a pipe that is not read, loses
+/// lines instead. Keeps GetLastError across the debugger's call.
 void TdLog(char const *pszFmt, ...) __attribute__((format(printf, 1, 2)));
 
 /// Sends one text, as it is, to the viewer's window with WM_COPYDATA: dwData 0, cbData the length plus

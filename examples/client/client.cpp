@@ -19,8 +19,9 @@ int main(int argc, char **argv)
     DWORD dwInstance = 0;
     DWORD dwResult = agent.Init(argc > 1 ? argv[1] : "127.0.0.1", dwPort, /*bNetwork=*/1);
     if (dwResult == NO_ERROR &&
-        (dwResult = agent.Add(&dwInstance, eNF_SELECT, "Paper Archive")) == NO_ERROR)
+        (dwResult = agent.Add(&dwInstance, eNF_SELECT, "Paper Archive")) == NO_ERROR) {
         std::getchar();
+    }
     agent.Shutdown();
     return dwResult == NO_ERROR ? 0 : 1;
 }

@@ -17,8 +17,9 @@ CWinThread::CWinThread(AFX_THREADPROC pfnThread, LPVOID pvParam)
 
 CWinThread::~CWinThread()
 {
-    if (m_hThread)
+    if (m_hThread) {
         CloseHandle(m_hThread);
+    }
 }
 
 DWORD CWinThread::ResumeThread()
@@ -34,12 +35,15 @@ BOOL CWinThread::Create(int nPriority, UINT cbStack, DWORD dwCreateFlags,
     m_hThread = reinterpret_cast<HANDLE>(_beginthreadex(
         pSecurity, cbStack, &CWinThread::Entry, this, dwCreateFlags | CREATE_SUSPENDED, &idThread));
     m_nThreadID = idThread;
-    if (!m_hThread)
+    if (!m_hThread) {
         return FALSE;
-    if (nPriority != THREAD_PRIORITY_NORMAL)
+    }
+    if (nPriority != THREAD_PRIORITY_NORMAL) {
         SetThreadPriority(m_hThread, nPriority); // a thread of another priority is better than none
-    if ((dwCreateFlags & CREATE_SUSPENDED) == 0)
+    }
+    if ((dwCreateFlags & CREATE_SUSPENDED) == 0) {
         ResumeThread();
+    }
     return TRUE;
 }
 
@@ -52,8 +56,9 @@ unsigned __stdcall CWinThread::Entry(void *pvThread)
 
 void CWinThread::Delete()
 {
-    if (m_bAutoDelete)
+    if (m_bAutoDelete) {
         delete this;
+    }
 }
 
 CWinThread *AfxBeginThread(AFX_THREADPROC pfnThread, LPVOID pvParam, int nPriority, UINT cbStack,
@@ -73,7 +78,8 @@ void AfxEndThread(UINT nExitCode, BOOL bDelete)
 {
     CWinThread *pThread = t_pWinThread;
     t_pWinThread = nullptr;
-    if (pThread && bDelete)
+    if (pThread && bDelete) {
         pThread->Delete();
+    }
     _endthreadex(nExitCode);
 }

@@ -1,8 +1,9 @@
 #pragma once
 
-// Remembers the answers of reverse name lookups for a short time, found or not, since a lookup that finds
-// nothing can take many seconds and devices send again and again. The table is small and bounded; when it
-// is full the answer that is due to go first makes room. No lock of its own: the owner has one.
+/// @file
+/// Remembers the answers of reverse name lookups for a short time, found or not, since a lookup that finds
+/// nothing can take many seconds and devices send again and again. The table is small and bounded; when it
+/// is full the answer that is due to go first makes room. No lock of its own: the owner has one.
 
 #include <algorithm>
 #include <array>
@@ -10,20 +11,21 @@
 #include <cstdint>
 #include <string>
 
+/// Names that were looked up, with their age.
 class CNameCache {
 public:
-    using Time = std::chrono::steady_clock::time_point;  // when something is asked or stored
-    static constexpr std::chrono::seconds kLifetime{30}; // of an answer
-    static constexpr std::size_t kEntries = 64;          // answers at a time
+    using Time = std::chrono::steady_clock::time_point;  ///< when something is asked or stored
+    static constexpr std::chrono::seconds kLifetime{30}; ///< of an answer
+    static constexpr std::size_t kEntries = 64;          ///< answers at a time
 
-    // What a lookup gave.
+    /// What a lookup gave.
     struct CAnswer {
-        std::string strName; // empty when there is no name
-        int nError = 0;      // why, then; 0 otherwise
+        std::string strName; ///< empty when there is no name
+        int nError = 0;      ///< why, then; 0 otherwise
     };
 
-    // The answer for an address (network order) that is still good at `now`, or null. Good until the next
-    // Store.
+    /// The answer for an address (network order) that is still good at `now`, or null. Good until the next
+    /// Store.
     CAnswer const *Find(std::uint32_t dwAddress, Time now) const
     {
         for (CEntry const &entry : m_entries) {
@@ -34,7 +36,7 @@ public:
         return nullptr;
     }
 
-    // Keeps an answer for an address (network order) from `now` on.
+    /// Keeps an answer for an address (network order) from `now` on.
     void Store(std::uint32_t dwAddress, CAnswer answer, Time now)
     {
         CEntry &entry = Place(dwAddress);

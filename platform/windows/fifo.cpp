@@ -31,13 +31,15 @@ int PlatReadInput(void *pBuffer, DWORD cb, DWORD dwMilliseconds)
         ULONGLONG const ullDeadline = GetTickCount64() + dwMilliseconds;
         DWORD cbWaiting = 0;
         while (PeekNamedPipe(hInput, nullptr, 0, nullptr, &cbWaiting, nullptr) && cbWaiting == 0) {
-            if (GetTickCount64() >= ullDeadline)
+            if (GetTickCount64() >= ullDeadline) {
                 return 0;
+            }
             Sleep(10);
         }
     }
     DWORD cbRead = 0;
-    if (!ReadFile(hInput, pBuffer, cb, &cbRead, nullptr) || cbRead == 0)
+    if (!ReadFile(hInput, pBuffer, cb, &cbRead, nullptr) || cbRead == 0) {
         return -1;
+    }
     return static_cast<int>(cbRead);
 }

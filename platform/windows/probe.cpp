@@ -17,8 +17,9 @@ DWORD PlatThreadCount()
     THREADENTRY32 entry{};
     entry.dwSize = sizeof entry;
     for (BOOL fMore = Thread32First(hSnapshot, &entry); fMore;
-         fMore = Thread32Next(hSnapshot, &entry))
+         fMore = Thread32Next(hSnapshot, &entry)) {
         cThreads += entry.th32OwnerProcessID == GetCurrentProcessId();
+    }
     CloseHandle(hSnapshot);
     return cThreads;
 }

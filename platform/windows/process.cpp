@@ -4,6 +4,7 @@
 #include <memory>
 #include <new>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -49,36 +50,104 @@ std::vector<char> EnvironmentBlock(PlatEnvType const *pVariables, std::size_t cV
     return ach;
 }
 
-BOOL RunCommand(char const *pszCommand, PlatEnvType const *pVariables, std::size_t cVariables,
-                DWORD dwMilliseconds, DWORD *pdwExitCode)
+// A handle, for a scope or longer.
+class CHandle {
+public:
+    explicit CHandle(HANDLE h = nullptr) : m_h(h == INVALID_HANDLE_VALUE ? nullptr : h) {}
+    ~CHandle()
+    {
+        if (m_h != nullptr) {
+            CloseHandle(m_h);
+        }
+    }
+    CHandle(CHandle &&other) noexcept : m_h(std::exchange(other.m_h, nullptr)) {}
+    CHandle &operator=(CHandle &&other) noexcept
+    {
+        std::swap(m_h, other.m_h);
+        return *this;
+    }
+    HANDLE Get() const { return m_h; }
+
+private:
+    HANDLE m_h;
+};
+
+CHandle InheritableCopy(HANDLE h)
 {
-    // The outer quotes are what /s takes off again; the rest is the line as it was given.
-    std::string strLine = std::string("cmd.exe /s /c \"") + pszCommand + "\"";
-    std::vector<char> achEnvironment = EnvironmentBlock(pVariables, cVariables);
-    STARTUPINFOA startup = {};
-    startup.cb = sizeof startup;
-    PROCESS_INFORMATION info = {};
-    if (!CreateProcessA(nullptr, strLine.data(), nullptr, nullptr, /*bInheritHandles=*/TRUE, 0,
-                        achEnvironment.data(), nullptr, &startup, &info)) {
-        return FALSE;
-    }
-    WaitForSingleObject(info.hProcess, dwMilliseconds);
-    if (pdwExitCode != nullptr && !GetExitCodeProcess(info.hProcess, pdwExitCode)) {
-        *pdwExitCode = STILL_ACTIVE;
-    }
-    CloseHandle(info.hThread);
-    CloseHandle(info.hProcess);
-    return TRUE;
+    HANDLE hCopy = nullptr;
+    DuplicateHandle(GetCurrentProcess(), h, GetCurrentProcess(), &hCopy, 0, TRUE,
+                    DUPLICATE_SAME_ACCESS);
+    return CHandle(hCopy);
+}
+
+// With fKill, its processes end when its last handle goes, which the system sees to in any case.
+BOOL SetKillOnClose(HANDLE hJob, bool fKill)
+{
+    JOBOBJECT_EXTENDED_LIMIT_INFORMATION limits = {};
+    limits.BasicLimitInformation.LimitFlags = fKill ? JOB_OBJECT_LIMIT_KILL_ON_JOB_CLOSE : 0;
+    return SetInformationJobObject(hJob, JobObjectExtendedLimitInformation, &limits, sizeof limits);
 }
 
 } // namespace
 
 void PlatSetDebugOutput(bool) {}
 
-BOOL PlatRunCommand(char const *pszCommand, PlatEnvType const *pVariables, std::size_t cVariables,
-                    DWORD dwMilliseconds, DWORD *pdwExitCode)
+class CPlatCommandImpl {
+public:
+    BOOL Start(char const *pszCommand, PlatEnvType const *pVariables, std::size_t cVariables)
+    {
+        CHandle job(CreateJobObjectA(nullptr, nullptr));
+        if (job.Get() == nullptr || !SetKillOnClose(job.Get(), true)) {
+            return FALSE;
+        }
+        SECURITY_ATTRIBUTES inherited = {sizeof inherited, nullptr, TRUE};
+        CHandle const in(CreateFileA("NUL", GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                                     &inherited, OPEN_EXISTING, 0, nullptr));
+        CHandle const out(InheritableCopy(GetStdHandle(STD_ERROR_HANDLE)));
+        // The outer quotes are what /s takes off again; the rest is the line as it was given.
+        std::string strLine = std::string("cmd.exe /s /c \"") + pszCommand + "\"";
+        std::vector<char> achEnvironment = EnvironmentBlock(pVariables, cVariables);
+        STARTUPINFOA startup = {};
+        startup.cb = sizeof startup;
+        startup.dwFlags = STARTF_USESTDHANDLES;
+        startup.hStdInput = in.Get();
+        startup.hStdOutput = out.Get();
+        startup.hStdError = out.Get();
+        PROCESS_INFORMATION info = {};
+        if (!CreateProcessA(nullptr, strLine.data(), nullptr, nullptr, /*bInheritHandles=*/TRUE,
+                            CREATE_NEW_PROCESS_GROUP | CREATE_SUSPENDED, achEnvironment.data(),
+                            nullptr, &startup, &info)) {
+            return FALSE;
+        }
+        CHandle const thread(info.hThread);
+        m_process = CHandle(info.hProcess);
+        if (!AssignProcessToJobObject(job.Get(), info.hProcess)) {
+            DWORD const dwError = GetLastError();
+            TerminateProcess(info.hProcess, dwError);
+            SetLastError(dwError);
+            return FALSE;
+        }
+        m_job = std::move(job);
+        ResumeThread(info.hThread);
+        return TRUE;
+    }
+
+    CHandle m_process; // empty before the start
+    CHandle m_job;
+};
+
+CPlatCommand::CPlatCommand() : m_pImpl(std::make_unique<CPlatCommandImpl>()) {}
+
+CPlatCommand::~CPlatCommand()
 {
-    bool fKnown = pszCommand != nullptr && (pVariables != nullptr || cVariables == 0);
+    SetKillOnClose(m_pImpl->m_job.Get(), false);
+}
+
+BOOL CPlatCommand::Start(char const *pszCommand, PlatEnvType const *pVariables,
+                         std::size_t cVariables)
+{
+    bool fKnown = pszCommand != nullptr && (pVariables != nullptr || cVariables == 0) &&
+                  m_pImpl->m_process.Get() == nullptr;
     for (std::size_t i = 0; fKnown && i < cVariables; ++i) {
         fKnown = IsEnvironmentName(pVariables[i].pszName) && pVariables[i].pszValue != nullptr;
     }
@@ -87,9 +156,20 @@ BOOL PlatRunCommand(char const *pszCommand, PlatEnvType const *pVariables, std::
         return FALSE;
     }
     try {
-        return RunCommand(pszCommand, pVariables, cVariables, dwMilliseconds, pdwExitCode);
+        return m_pImpl->Start(pszCommand, pVariables, cVariables);
     } catch (std::bad_alloc const &) {
         SetLastError(ERROR_NOT_ENOUGH_MEMORY);
         return FALSE;
     }
+}
+
+BOOL CPlatCommand::Wait(DWORD dwMilliseconds, DWORD *pdwExitCode)
+{
+    return WaitForSingleObject(m_pImpl->m_process.Get(), dwMilliseconds) == WAIT_OBJECT_0 &&
+           GetExitCodeProcess(m_pImpl->m_process.Get(), pdwExitCode);
+}
+
+void CPlatCommand::End(DWORD)
+{
+    TerminateJobObject(m_pImpl->m_job.Get(), 1);
 }

@@ -1,8 +1,8 @@
 #include "platform/registry.h"
 
 #include "platform/common/regsource.h"
+#include "platform/lock.h"
 
-#include <mutex>
 #include <string>
 
 // A registry file on Windows: its contents are put into a private key that only lasts for the session, and
@@ -148,7 +148,7 @@ class CRegistry : public CRegSource {
 public:
     ~CRegistry() override = default;
 
-    std::mutex m_mutex; // guards all of the object
+    CPlatMutex m_mutex; // guards all of the object
 
     HKEY Root()
     {
@@ -209,7 +209,7 @@ Result WithRegistry(Result noMemory, Body body)
 {
     try {
         CRegistry &registry = Registry();
-        std::lock_guard const lock(registry.m_mutex);
+        CPlatGuard const lock(registry.m_mutex);
         return body(registry);
     } catch (std::bad_alloc const &) {
         return noMemory;

@@ -1,6 +1,9 @@
 #include "platform/socket.h"
+#include "platform/common/namelookup.h"
 
+#include <cstring>
 #include <mswsock.h>
+#include <new>
 
 #ifndef SIO_UDP_CONNRESET
 #define SIO_UDP_CONNRESET _WSAIOW(IOC_VENDOR, 12)
@@ -54,9 +57,69 @@ int SetBlocking(SOCKET s, bool bBlocking)
     return ioctlsocket(s, static_cast<long>(FIONBIO), &nNonBlocking);
 }
 
+// The record of a reverse lookup. Plain data: nothing of it need be destroyed when a thread ends.
+struct CNameRecord {
+    hostent host;
+    char szName[256];
+    in_addr address;
+    char *apAddresses[2];
+    char *pNoAlias;
+};
+
+thread_local CNameRecord t_record;
+
+hostent *FillRecord(std::string const &strName, in_addr address)
+{
+    CNameRecord &record = t_record;
+    lstrcpynA(record.szName, strName.c_str(), sizeof(record.szName));
+    record.address = address;
+    record.apAddresses[0] = reinterpret_cast<char *>(&record.address);
+    record.host = {record.szName, &record.pNoAlias, AF_INET, sizeof(in_addr), record.apAddresses};
+    return &record.host;
+}
+
+// On a thread that may outlive whoever asked, and so with a start of its own.
+CNameCache::CAnswer ResolveName(std::uint32_t dwAddress)
+{
+    WSADATA data;
+    int const nError = WSAStartup(MAKEWORD(2, 2), &data);
+    if (nError != 0) {
+        return {{}, nError};
+    }
+    hostent const *const pHost =
+        ::gethostbyaddr(reinterpret_cast<char const *>(&dwAddress), sizeof(dwAddress), AF_INET);
+    CNameCache::CAnswer answer{{}, WSAGetLastError()};
+    if (pHost != nullptr && pHost->h_name != nullptr) {
+        answer = {pHost->h_name, 0};
+    }
+    WSACleanup();
+    return answer;
+}
+
 } // namespace
 
 namespace ws {
+
+hostent *gethostbyaddr(char const *pAddress, int cbAddress, int nType)
+{
+    in_addr address;
+    if (nType != AF_INET || pAddress == nullptr || cbAddress < static_cast<int>(sizeof(address))) {
+        WSASetLastError(nType != AF_INET ? WSAEAFNOSUPPORT : WSAEFAULT);
+        return nullptr;
+    }
+    std::memcpy(&address, pAddress, sizeof(address));
+    try {
+        static CNameLookup s_lookup(ResolveName, WSATRY_AGAIN);
+        CNameCache::CAnswer const answer = s_lookup.Find(address.s_addr);
+        if (!answer.strName.empty()) {
+            return FillRecord(answer.strName, address);
+        }
+        WSASetLastError(answer.nError);
+    } catch (std::bad_alloc const &) {
+        WSASetLastError(WSAENOBUFS);
+    }
+    return nullptr;
+}
 
 SOCKET socket(int nFamily, int nType, int nProtocol)
 {

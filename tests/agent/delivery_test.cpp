@@ -29,6 +29,19 @@ TEST_F(AgentTest, MessagesAreDeliveredInOrderOneAtATime)
     EXPECT_TRUE(WaitFor([&] { return g_cObjects == cObjects - 1; }));
 }
 
+TEST_F(AgentTest, AnEchoToTheAgentItselfIsNotAnsweredInItsTurn)
+{
+    Connect(1);
+    sockaddr_in self{};
+    self.sin_family = AF_INET;
+    self.sin_port = ws::htons(m_probe.wPort);
+    self.sin_addr.s_addr = ws::inet_addr("127.0.0.1");
+    for (char const *psz : {"x", "y"}) { // without a number: each would be heard again and again
+        ws::sendto(m_probe.socket, psz, 1, 0, reinterpret_cast<sockaddr *>(&self), sizeof self);
+        EXPECT_EQ(m_client.Wait(1), Lines{std::string("0 7 0 0 [") + psz + "] [127.0.0.1]"});
+    }
+}
+
 TEST_F(AgentTest, WhatTheQueueDoesNotTakeIsReleased)
 {
     Connect(0);

@@ -1,8 +1,8 @@
 #include "tests/agent/agent_fixture.h"
 
+#include "platform/fifo.h"
 #include "platform/sync.h"
 
-#include <atomic>
 #include <cstdlib>
 #include <thread>
 
@@ -27,7 +27,7 @@ TEST_F(AgentTest, TheDiscoveryJobNamesTheAgentToTheLetter)
     }
 }
 
-TEST_F(AgentTest, ASlowDiscoveryTargetHoldsUpTheOtherOperationsUntilItOpens)
+TEST_F(AgentTest, ADiscoveryTargetThatTakesNothingHoldsUpTheOtherOperationsForABoundedTime)
 {
     CTempDir dir;
     std::string const strTarget = dir.File("target");
@@ -35,22 +35,25 @@ TEST_F(AgentTest, ASlowDiscoveryTargetHoldsUpTheOtherOperationsUntilItOpens)
         GTEST_SKIP() << "no named pipes among this system's files";
     }
     Connect(0);
-    DWORD dw = 0;
-    std::atomic<bool> bAdded{false};
-    std::thread writer(
-        [&] { EXPECT_EQ(m_agent.InitiateSrvQDiscovery(&dw, strTarget.c_str()), 0u); });
-    EXPECT_TRUE(WaitFor([&] { // held for as long as nobody opens the other end
+    DWORD dw = 99999;
+    EXPECT_EQ(m_agent.InitiateSrvQDiscovery(&dw, strTarget.c_str()), DWORD{ERROR_OPEN_FAILED});
+    EXPECT_EQ(dw, 0u);
+    CPlatFifo reader;
+    ASSERT_TRUE(reader.Open(strTarget.c_str()));
+    Fill(strTarget, std::string(65536, 'x')); // all that it holds
+    std::thread writer([&] {
+        EXPECT_EQ(m_agent.InitiateSrvQDiscovery(&dw, strTarget.c_str()), DWORD{ERROR_WRITE_FAULT});
+    });
+    EXPECT_TRUE(WaitFor([&] {
         bool const bHeld = WaitForSingleObject(m_probe.hMutex, 50) == WAIT_TIMEOUT;
         return bHeld || !ReleaseMutex(m_probe.hMutex);
     }));
-    std::thread other([&] {
-        EXPECT_EQ(m_agent.Add(nullptr, eNF_FAX_UPLOAD, nullptr), 0u);
-        bAdded = true;
-    });
-    EXPECT_FALSE(bAdded);
-    std::string const strJob = Contents(strTarget);
+    EXPECT_EQ(m_agent.Add(nullptr, eNF_FAX_UPLOAD, nullptr), 0u); // after it
     writer.join();
-    other.join();
+    char achRead[65536];
+    EXPECT_EQ(reader.Read(achRead, sizeof achRead, 30000), 65536);
+    EXPECT_EQ(m_agent.InitiateSrvQDiscovery(&dw, strTarget.c_str()), 0u);
+    std::string const strJob(achRead, reader.Read(achRead, sizeof achRead, 30000));
     EXPECT_NE(strJob.find("SRVQ=" + std::to_string(dw) + ";"), strJob.npos);
 }
 

@@ -116,6 +116,14 @@ TEST_F(AgentTest, CopiesBorrowAndOnlyTheOwnerEnds)
         m_script.Take();
         assigned = copy;
         EXPECT_EQ(copy.Add(nullptr, eNF_FAX_UPLOAD, nullptr), 0u);
+        std::atomic<bool> bAllowed{false}; // until then the first call holds up the second one
+        m_client.m_fnOnNotify = [&] { EXPECT_TRUE(WaitFor([&] { return bAllowed.load(); })); };
+        m_script.Push(7, "\6");
+        m_script.Push(7, "\6");
+        EXPECT_EQ(std::make_unique<CNotifyAgent>(copy)->ReadTraps(),
+                  0u); // told in the source's name
+        bAllowed = true;
+        EXPECT_EQ(m_client.Wait(2), Lines(2, "4 0 0 0 [] []"));
         EXPECT_EQ(copy.Shutdown(), 0u);
         EXPECT_EQ(copy.Shutdown(), kNotConnected);
         EXPECT_EQ(m_script.Take(), (Lines{"delete", "Trap 1.3.7.2.1/1 7"}));

@@ -27,8 +27,9 @@ protected:
     std::string Panel() const
     {
         std::string str;
-        for (PanelEntry const &entry : model.Panel())
+        for (PanelEntry const &entry : model.Panel()) {
             str += entry.strText + "/" + std::to_string(entry.owner) + " ";
+        }
         return str;
     }
 
@@ -86,6 +87,7 @@ TEST(HostAndPort, TakesNothingButSingleHosts)
     EXPECT_EQ(FormatAddress(address), "10.1.2.3:65535");
     for (char const *psz :
          {"", ":1037", "10.1.2.3", "10.1.2.3:0", "10.1.2.3:65536", "10.1.2.3: 1", "10.1.2:1",
-          "10.1.2.256:1", "host:1", "0.1.2.3:1", "224.0.0.1:1", "10.1.2.3:4294967297"})
+          "10.1.2.256:1", "host:1", "0.1.2.3:1", "224.0.0.1:1", "10.1.2.3:4294967297"}) {
         EXPECT_FALSE(ParseHostAndPort(psz, &address)) << psz;
+    }
 }

@@ -20,17 +20,19 @@ std::string GoodJob(int n)
 using Strings = std::vector<std::string>;
 
 // Of a good job its address and number, of a bad one the reason.
-Strings Scan(std::string const &str, size_t cbPiece)
+Strings Scan(std::string const &str, std::size_t cbPiece)
 {
     CDiscoveryScanner scanner;
     Strings result;
     auto const add = [&](std::vector<DiscoveryFind> const &finds) {
-        for (auto const &[job, strRefusal] : finds)
+        for (auto const &[job, strRefusal] : finds) {
             result.push_back(strRefusal.empty() ? job.strAddress + " " + job.strNumber
                                                 : strRefusal);
+        }
     };
-    for (size_t n = 0; n < str.size(); n += cbPiece)
+    for (std::size_t n = 0; n < str.size(); n += cbPiece) {
         add(scanner.Feed(str.data() + n, std::min(cbPiece, str.size() - n)));
+    }
     add(scanner.Flush());
     EXPECT_FALSE(scanner.HasRest());
     return result;

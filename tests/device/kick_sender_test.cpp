@@ -23,8 +23,9 @@ protected:
     {
         std::vector<std::string> const result = std::move(sent);
         sent.clear();
-        for (std::string const &str : result)
+        for (std::string const &str : result) {
             sender.Echo(kA.wPort, str);
+        }
         sender.Run(now);
         return result;
     }
@@ -35,7 +36,7 @@ protected:
     Sent sent;
     Sent log;
     CKickSender sender{[this](LinkAddress const &, std::string const &str) { sent.push_back(str); },
-                       [this](std::string const &str) { log.push_back(str); }};
+                       [this](DeviceEvent const &event) { log.push_back(DeviceEventLine(event)); }};
 };
 
 } // namespace
@@ -67,8 +68,9 @@ TEST_F(KickSender, GivesUpAndGoesOnWithTheNext)
     EXPECT_EQ(sent, (Sent{"x;KICKSEQ=1;", "z;KICKSEQ=3;"})) << "y waits for x, z does not";
     sent.clear();
     sender.Echo(kB.wPort, "z;KICKSEQ=3;");
-    for (int i = 0; i < 3; ++i)
+    for (int i = 0; i < 3; ++i) {
         Pass(milliseconds(100));
+    }
     EXPECT_EQ(sent, (Sent{"x;KICKSEQ=1;", "x;KICKSEQ=1;", "y;KICKSEQ=2;"}));
 }
 
@@ -76,11 +78,13 @@ TEST_F(KickSender, AllArriveWhateverTheOdds)
 {
     sender.SetOdds({0.4, 0.4, 0.4, 0.4, 7});
     std::map<std::string, int> counts;
-    for (int i = 1; i <= 200; ++i)
+    for (int i = 1; i <= 200; ++i) {
         sender.Add(kA, "x;");
+    }
     for (int i = 0; i < 4000 && counts.size() < 200; ++i) {
-        for (std::string const &str : EchoAll())
+        for (std::string const &str : EchoAll()) {
             ++counts[str];
+        }
         Pass(milliseconds(100));
     }
     EXPECT_EQ(counts.size(), 200u);

@@ -67,9 +67,10 @@ TEST_F(PrintPath, EveryJobWrittenToAFileIsFoundOnce)
         ASSERT_TRUE(WaitForFind(std::to_string(n)));
     }
     path.Stop();
-    EXPECT_EQ(found.size(), size_t{kJobs});
-    for (auto const &[str, c] : found)
+    EXPECT_EQ(found.size(), std::size_t{kJobs});
+    for (auto const &[str, c] : found) {
         EXPECT_EQ(c, 1) << str;
+    }
 }
 
 TEST_F(PrintPath, LeavesAForeignFileAlone)

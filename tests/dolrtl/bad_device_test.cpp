@@ -33,7 +33,8 @@ LinkBytes HelloPayload(WORD wVersion)
 // Accepts connections and lets a script talk on each, on a thread of its own.
 class CBadDevice {
 public:
-    // What it sends when a request has come: on the hello, then on each that follows.
+    // What it sends when a request has come: on the hello, then on each that follows. It hangs up for
+    // nothing at all.
     using Says = std::function<LinkBytes(LinkFrame const &)>;
 
     explicit CBadDevice(std::vector<Says> script) : m_script(std::move(script))
@@ -54,10 +55,12 @@ public:
         m_fEnding = true;
         m_listener.Close();
         m_thAccept.join();
-        for (CLinkStream &stream : m_streams)
+        for (CLinkStream &stream : m_streams) {
             stream.Close();
-        for (std::thread &thread : m_threads)
+        }
+        for (std::thread &thread : m_threads) {
             thread.join();
+        }
     }
 
     DWORD dwPort = 0;
@@ -67,14 +70,17 @@ private:
     {
         while (!m_fEnding) {
             SOCKET const s = ws::accept(m_listener.Get(), nullptr, nullptr);
-            if (s == INVALID_SOCKET)
+            if (s == INVALID_SOCKET) {
                 continue;
+            }
             CLinkStream &stream = m_streams.emplace_back(s);
             m_threads.emplace_back([this, &stream] {
                 LinkFrame frame;
-                for (size_t n = 0; stream.Receive(&frame, Soon()) == eRX_FRAME; ++n) {
-                    if (n < m_script.size())
-                        stream.Send(m_script[n](frame), Soon());
+                for (std::size_t n = 0; stream.Receive(&frame, Soon()) == eRX_FRAME; ++n) {
+                    if (n < m_script.size()) {
+                        LinkBytes const bytes = m_script[n](frame);
+                        bytes.empty() ? stream.Close() : void(stream.Send(bytes, Soon()));
+                    }
                 }
             });
         }
@@ -104,8 +110,9 @@ LinkBytes TrapsFirst(LinkFrame const &request)
     LinkBytes result;
     for (LinkBytes const &bytes :
          {EncodeLinkFrame({eLK_TRAP_VALUE, 0, {1, 0, 4, 9, 0, 0, 0, 'x'}}),
-          EncodeLinkFrame({99, 0, {1, 2, 3}}), Answer(request, {0, 0, 0, 0})})
+          EncodeLinkFrame({99, 0, {1, 2, 3}}), Answer(request, {0, 0, 0, 0})}) {
         result.insert(result.end(), bytes.begin(), bytes.end());
+    }
     return result;
 }
 
@@ -160,8 +167,9 @@ TEST(BadDevice, EachCallEndsInTimeWithACode)
             EXPECT_EQ(client.Events(eDE_RESTART_LINK), 0);
         });
     }
-    for (std::thread &thread : threads)
+    for (std::thread &thread : threads) {
         thread.join();
+    }
 }
 
 // A device that stops reading: what is sent piles up until nothing goes out any more.
@@ -178,11 +186,59 @@ TEST(BadDevice, SendingIntoAFullLineEndsInTime)
     LinkBytes const frame = EncodeLinkFrame({eLK_SET, 1, LinkBytes(32 * 1024)});
     auto start = steady_clock::now();
     int c = 0;
-    while (stream.Send(frame, start + std::chrono::milliseconds(300)) && ++c < 10000)
+    while (stream.Send(frame, start + std::chrono::milliseconds(300)) && ++c < 10000) {
         start = steady_clock::now();
+    }
     EXPECT_LT(c, 10000);
     EXPECT_GE(steady_clock::now() - start, std::chrono::milliseconds(300));
     EXPECT_LT(steady_clock::now() - start, std::chrono::seconds(2));
     EXPECT_FALSE(stream.Send(frame, Soon())) << "closed, for part of a frame is under way";
     fEnd = true;
+}
+
+// It answers whoever looks for it, and hangs up on whoever wants something.
+TEST(BadDevice, OneThatIsOnlyALureIsLookedForLessAndLessOften)
+{
+    CBadDevice device({Answers(HelloPayload(kLinkVersion)), Bytes({})});
+    std::atomic<int> cRestarts{0};
+    CTestClient client;
+    client.onEvent = [&](DWORD event) {
+        if (event == eDE_RESTART_LINK) {
+            client.dol.emplace(client.Callback(), reinterpret_cast<DWORD_PTR>(&client));
+            EXPECT_EQ(client.InitLocal(device.dwPort), eDR_OK);
+            EXPECT_EQ(client.SetWord(g_button, 1), eDR_LINK_LOST);
+            ++cRestarts;
+        }
+    };
+    auto const start = steady_clock::now();
+    ASSERT_EQ(client.InitLocal(device.dwPort), eDR_OK);
+    EXPECT_EQ(client.SetWord(g_button, 1), eDR_LINK_LOST);
+    ASSERT_TRUE(WaitFor([&] { return cRestarts == 4; }));
+    EXPECT_GE(steady_clock::now() - start, std::chrono::milliseconds(100 + 200 + 400 + 800));
+}
+
+// What a device sends is not held at its full length for as long as nobody reads it.
+TEST(BadDevice, TrapsThatWaitTakeNoMoreThanValuesCanHave)
+{
+    auto const traps = [](LinkFrame const &request) {
+        CLinkWriter writer;
+        writer.Word16(1).Byte(eLD_TEXT).Bytes32(LinkBytes(60000, 'x').data(), 60000);
+        LinkBytes const trap = EncodeLinkFrame({eLK_TRAP_VALUE, 0, writer.Take()});
+        LinkBytes bytes;
+        for (LinkBytes const &frame : {trap, Answer(request, {0, 0, 0, 0})}) {
+            bytes.insert(bytes.end(), frame.begin(), frame.end());
+        }
+        return bytes;
+    };
+    CBadDevice device({Answers(HelloPayload(kLinkVersion)), traps});
+    CTestClient client;
+    client.dol.emplace(nullptr, 0);
+    ASSERT_EQ(client.InitLocal(device.dwPort), eDR_OK);
+    ASSERT_TRUE(WaitFor([&] { return client.SetWord(g_button, 1) == eDR_OK; }));
+    std::vector<unsigned char> value(65536);
+    unsigned char dataType = 0;
+    unsigned short wId = 0;
+    DWORD cb = 0;
+    ASSERT_EQ(client.dol->ReadTrap(value.data(), 65536, &cb, &dataType, &wId), eDR_OK);
+    EXPECT_EQ(cb, 349u);
 }

@@ -64,8 +64,9 @@ public:
         unsigned char dataType = 0;
         DWORD cb = 0;
         auto *const pBuffer = reinterpret_cast<unsigned char *>(&trap.dw);
-        if (dol->ReadTrap(pBuffer, sizeof trap.dw, &cb, &dataType, &trap.wTrapId) != eDR_OK)
+        if (dol->ReadTrap(pBuffer, sizeof trap.dw, &cb, &dataType, &trap.wTrapId) != eDR_OK) {
             return std::nullopt;
+        }
         return trap;
     }
 
@@ -87,8 +88,9 @@ private:
     static DWORD OnEvent(DWORD event, DWORD_PTR dwContext)
     {
         auto *const pSelf = reinterpret_cast<CTestClient *>(dwContext);
-        if (pSelf->onEvent)
+        if (pSelf->onEvent) {
             pSelf->onEvent(event);
+        }
         std::lock_guard lock(pSelf->m_mx);
         ++pSelf->m_events[event];
         return 0;

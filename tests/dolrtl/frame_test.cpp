@@ -5,14 +5,15 @@
 
 namespace {
 
-std::vector<LinkFrame> Decode(LinkBytes const &bytes, size_t cbPiece)
+std::vector<LinkFrame> Decode(LinkBytes const &bytes, std::size_t cbPiece)
 {
     CLinkDecoder decoder;
     std::vector<LinkFrame> frames;
-    for (size_t n = 0; n < bytes.size(); n += cbPiece) {
+    for (std::size_t n = 0; n < bytes.size(); n += cbPiece) {
         decoder.Feed(bytes.data() + n, std::min(cbPiece, bytes.size() - n));
-        for (LinkFrame frame; decoder.Next(&frame);)
+        for (LinkFrame frame; decoder.Next(&frame);) {
             frames.push_back(frame);
+        }
     }
     EXPECT_FALSE(decoder.IsGarbage());
     return frames;
@@ -23,12 +24,13 @@ std::vector<LinkFrame> Decode(LinkBytes const &bytes, size_t cbPiece)
 TEST(LinkDecoder, FindsFramesInPiecesOfAnySize)
 {
     LinkBytes stream;
-    for (size_t cb : {size_t{0}, size_t{300}, size_t{kLinkMaxBody - 5}, size_t{7}}) {
+    for (std::size_t cb :
+         {std::size_t{0}, std::size_t{300}, std::size_t{kLinkMaxBody - 5}, std::size_t{7}}) {
         LinkBytes const frame = EncodeLinkFrame(
             {eLK_SET, static_cast<DWORD>(cb), LinkBytes(cb, static_cast<BYTE>(cb))});
         stream.insert(stream.end(), frame.begin(), frame.end());
     }
-    for (size_t cbPiece : {size_t{1}, size_t{3}, size_t{4096}, stream.size()}) {
+    for (std::size_t cbPiece : {std::size_t{1}, std::size_t{3}, std::size_t{4096}, stream.size()}) {
         auto const frames = Decode(stream, cbPiece);
         ASSERT_EQ(frames.size(), 4u) << cbPiece;
         for (LinkFrame const &frame : frames) {

@@ -27,7 +27,8 @@ class DoctorTest(RoadTest):
         jobs = self.shared.path / "jobs"
         jobs.touch()
         device = self.device("--print-path", self.shared.name("QOMA_MFPSIM", "jobs"))
-        code, lines = self.doctor("--port", device.port, "--discover", self.client_name("jobs"), settings=self.text)
+        code, lines = self.doctor("--port", device.port, "--discover", self.client_name("jobs"), "--verbose",
+                                  settings=self.text)
         self.assertEqual(["settings", "diagnostics", "log", "port", "device", "panel", "address", "echo", "discovery"],
                          self.areas(lines, "ok"))
         self.assertEqual((0, ["viewer"]), (code, self.areas(lines, "warning")), lines)
@@ -37,8 +38,24 @@ class DoctorTest(RoadTest):
             self.assertTrue(any(line.endswith(setting) for line in lines), (setting, lines))
         self.assertFalse((self.shared.path / "notifymon.log").exists())
         device.expect("entry deleted: notifymon doctor;")
+        _, lines = self.doctor("--port", device.port, settings=self.text)
+        self.assertLess(len(lines), 20, "without --verbose nobody has to read every setting")
         code, lines = self.doctor("--port", device.port, "--local")
         self.assertEqual((0, ["device", "panel", "address"]), (code, self.areas(lines, "ok")[-3:]))
+
+    def test_the_way_from_the_device_for_the_entries_of_a_run_and_who_disturbs_it(self):
+        device = self.device()
+        options = ("--port", device.port, "--option", "Paper", "--on", "select", "--json", "--count", 3, "--exec", "no")
+        doctor = self.start(Program, "QOMA_NOTIFYMON", "doctor", "--pick", *options)
+        doctor.expect('pick "Paper" at the device now')
+        address, port = device.expect(r"entry added: Paper;NETADDR=([\d.]+):(\d+);").groups()
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as stranger:
+            stranger.sendto(b"KICKSEQ=-1;", (address, int(port)))
+        doctor.expect("^warning  listener: it was silenced: .*KICKSEQ=-1")
+        device.expect("entry added: Paper;")
+        device.tell("pick Paper")
+        doctor.expect("^ok       pick: ")
+        self.assertEqual(0, doctor.wait())
 
     def test_each_fault_is_named_with_what_to_do(self):
         with socket.socket() as closed:
@@ -61,6 +78,7 @@ class DoctorTest(RoadTest):
                                  (code, self.areas(lines, "FAILURE")[0]), lines)
                 self.assertRegex(lines[faults[0]], "^FAILURE  " + fault)
                 self.assertRegex(lines[faults[0] + 1], "^ +do: ")
+                self.assertEqual(1, len(faults), "one fault is one failure")
         title = '"Title"="' + "x" * 64 + '"'
         _, lines = self.doctor("--port", device.port, settings=self.text.replace('"Title"="TraceDeck"', title))
         self.assertTrue(any(line.endswith("(default, what is set is too long)") for line in lines), lines)

@@ -42,18 +42,18 @@ class Folder:
 
 class Program:
     """A running program. Lines of both its streams are kept in the order of their arrival. With inside, a
-    command line that runs another one elsewhere, it runs there."""
+    command line that runs another one elsewhere, it runs there. Its output may go to a descriptor instead."""
 
-    def __init__(self, variable, *arguments, inside=()):
+    def __init__(self, variable, *arguments, inside=(), stdout=subprocess.PIPE):
         command = [*inside, *shlex.split(os.environ[variable])] + [str(a) for a in arguments]
         self.name = variable.removeprefix("QOMA_").lower()
-        self.process = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+        self.process = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=stdout,
                                         stderr=subprocess.PIPE, text=True, errors="replace")
         self.changed = threading.Condition()
         self.lines = {"out": [], "err": []}
         self.taken = {"out": 0, "err": 0}
         self.readers = [threading.Thread(target=self._read, args=(name, stream))
-                        for name, stream in (("out", self.process.stdout), ("err", self.process.stderr))]
+                        for name, stream in (("out", self.process.stdout), ("err", self.process.stderr)) if stream]
         for reader in self.readers:
             reader.start()
 
@@ -103,7 +103,7 @@ class Program:
         if self.process.poll() is None:
             self.process.kill()
         self.wait()
-        for stream in (self.process.stdin, self.process.stdout, self.process.stderr):
+        for stream in filter(None, (self.process.stdin, self.process.stdout, self.process.stderr)):
             stream.close()
 
 
@@ -123,14 +123,19 @@ class Client(Program):
 
     def next(self, kind=None):
         """The next notification; with a kind, it has to be of that kind."""
-        notification = json.loads(self.expect("^{.*}$").group(0))
+        while (notification := json.loads(self.expect("^{.*}$").group(0)))["kind"] in ("link", "dropped"):
+            pass
         if kind and notification["kind"] != kind:
             raise AssertionError(f"{kind} expected, {notification} arrived")
         return notification
 
+    def everything(self):
+        """All that was printed so far."""
+        return [json.loads(line) for line in self.lines["out"] if line.startswith("{")]
+
     def all(self):
         """All notifications so far."""
-        return [json.loads(line) for line in self.lines["out"] if line.startswith("{")]
+        return [thing for thing in self.everything() if thing["kind"] not in ("link", "dropped")]
 
 
 def example_settings(log, title="TraceDeck"):

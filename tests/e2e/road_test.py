@@ -1,7 +1,9 @@
 """The whole road with the real programs: from the device's panel to a line on the client's screen."""
+import fcntl
 import os
 import re
 import socket
+import struct
 import unittest
 
 from programs import Client, Program, RoadTest, example_settings, wrapper
@@ -17,10 +19,15 @@ class NetworkTest(RoadTest):
                          r"^Paper Archive;NETADDR=[\d.]+:\d+;SWINST=\d+;KICKSEQ=1;$")
         self.assertRegex(pick.pop("senderAddress"), r"^\d+\.\d+\.\d+\.\d+$")
         self.assertIsInstance(pick.pop("senderName"), str)
-        self.assertEqual({"kind": "eCT_SELECT_NOTIFY", "notifyCode": 7, "nValue": 0, "dwValue": 0}, pick)
+        self.assertRegex(pick.pop("time"), r"^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z$")
+        self.assertEqual({"kind": "eCT_SELECT_NOTIFY", "notifyCode": 7, "nValue": 0, "dwValue": 0,
+                          "device": "127.0.0.1", "text": "Paper Archive", "sequence": 1}, pick)
         device.tell("fax")
+        fax = client.next()
+        fax.pop("time")
         self.assertEqual({"kind": "eCT_FAX_UPLOAD_NOTIFY", "notifyCode": 0, "nValue": 0, "dwValue": 0,
-                          "option": "", "senderAddress": "", "senderName": ""}, client.next())
+                          "option": "", "senderAddress": "", "senderName": "", "device": "127.0.0.1", "text": "",
+                          "sequence": None}, fax)
         device.tell("cut 200")
         client.next("eCT_LINK_RECOVERED")
         client.expect("subscribed again", "err")
@@ -138,7 +145,8 @@ class DiscoveryTest(RoadTest):
     def discover(self, device, *arguments):
         client = self.client(device, "--on", "select", "--count", "1", "--discover", self.target, *arguments)
         number = client.expect(r"discovery job number (\d+) written", "err").group(1)
-        self.assertIn(f"SRVQ={number};", client.next("eCT_SELECT_NOTIFY")["option"])
+        answer = client.next("eCT_SELECT_NOTIFY")
+        self.assertEqual((int(number), "VELLUMAX 4000", ""), (answer["srvq"], answer["model"], answer["text"]))
         self.assertEqual(0, client.wait())
 
     def test_a_plain_file_takes_job_after_job(self):
@@ -181,6 +189,8 @@ class ProgramTest(RoadTest):
         for variable, arguments in (
                 ("QOMA_NOTIFYMON", ["--port", "0"]),
                 ("QOMA_NOTIFYMON", ["--on", "sun"]), ("QOMA_NOTIFYMON", ["--option", ""]),
+                ("QOMA_NOTIFYMON", ["--local", "--address", "10.1.2.3"]), ("QOMA_NOTIFYMON", ["--address", "host:0"]),
+                ("QOMA_NOTIFYMON", ["--option", "x" * 286]), ("QOMA_NOTIFYMON", ["--format", "%{sun}"]),
                 ("QOMA_NOTIFYMON", ["--nonsense"]), ("QOMA_NOTIFYMON", ["stray"]),
                 ("QOMA_MFPSIM", ["--port", "65536"]), ("QOMA_MFPSIM", ["--listen", "not an address"]),
                 ("QOMA_MFPSIM", ["--script", "/does/not/exist"]), ("QOMA_MFPSIM", ["--nonsense"]),
@@ -196,6 +206,7 @@ class ProgramTest(RoadTest):
         stranger = self.device("--model", "SOMETHING ELSE")
         feeder = self.device()
         for arguments, words in ((["--port", free], "listens"), (["--port", stranger.port], "1307"),
+                                 (["--address", f"127.0.0.1:{free}"], f"connect to 127.0.0.1:{free}: nothing listens"),
                                  (["--port", feeder.port, "--on", "adf"], "not supported"),
                                  (["--port", feeder.port, "--registry", "missing", "--diagnostics", "x"], "missing"),
                                  (["--port", feeder.port, "--count", "1", "--timeout", "0.2"], "timed out")):
@@ -203,6 +214,17 @@ class ProgramTest(RoadTest):
                 code, lines = self.run_to_end("QOMA_NOTIFYMON", *arguments)
                 self.assertEqual(1, code)
                 self.assertIn(words, "\n".join(lines["err"]))
+
+        code, lines = self.run_to_end("QOMA_MFPSIM", "--port", feeder.port)
+        self.assertEqual((1, f"mfpsim: cannot listen at 127.0.0.1:{feeder.port}: in use"), (code, lines["err"][-1]))
+
+    def test_help_is_of_80_columns_and_names_the_port(self):
+        for variable, *arguments in (("QOMA_NOTIFYMON",), ("QOMA_NOTIFYMON", "doctor"), ("QOMA_MFPSIM",), ("QOMA_TRACEDECK",)):
+            with self.subTest(variable=variable, arguments=arguments):
+                code, lines = self.run_to_end(variable, *arguments, "--help")
+                self.assertEqual((0, []), (code, [line for line in lines["out"] if len(line) > 80]))
+                self.assertEqual(variable != "QOMA_TRACEDECK", "19290" in "\n".join(lines["out"]))
+                self.assertRegex(self.run_to_end(variable, "--version")[1]["out"][0], r"^\w+ \d+\.\d+\.\d+$")
 
     def test_a_script_drives_the_device(self):
         shared = self.folder()
@@ -222,6 +244,10 @@ class DiagnosticsTest(RoadTest):
         title = f"TraceDeck of {os.getpid()}"
         text = example_settings(shared.name("QOMA_NOTIFYMON", "notifymon.log"), title)
         settings.write_text(text)
+        log = open(shared.path / "notifymon.log", "w+b")  # locks that a reader may take switch nothing off
+        self.addCleanup(log.close)
+        fcntl.fcntl(log, fcntl.F_OFD_SETLK, struct.pack("hhqqi", fcntl.F_RDLCK, os.SEEK_SET, 0, 0, 0))
+        fcntl.flock(log, fcntl.LOCK_EX)
         deck = self.start(Program, "QOMA_TRACEDECK", "--title", title)
         deck.expect("showing what is sent to", "err")
         device = self.device()

@@ -26,7 +26,9 @@ protected:
     {
         Reg(strBody);
         EXPECT_EQ(GInstallEvtMgr("mgr"), DWORD{eGE_OK});
-        void *pHandler = g_pEvtMgr.load()->GetHead()->m_pNext->m_pData;
+        CGEvtMgr *const pEvtMgr = g_pEvtMgr;
+        CGQueueGuard const guard(*pEvtMgr);
+        void *pHandler = pEvtMgr->GetHead()->m_pNext->m_pData;
         return static_cast<CGFileEvtHandler *>(static_cast<CGBaseEvtHandler *>(pHandler));
     }
     std::string ReadLog() const { return Contents(m_strLog); }

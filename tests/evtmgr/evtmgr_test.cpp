@@ -22,8 +22,9 @@ TEST_F(CEvtMgrTest, VisitsAndReports)
     EXPECT_EQ(pMgr->Report(8, 0, 1, "%s %d%%", "full", 5), 0u);
     EXPECT_EQ(pMgr->ReportBase(8, "base %c", 'x'), 0u);
     Site(1, std::string(5000, 'y').c_str());
-    for (DWORD cb : {0u, 17u, 9u})
+    for (DWORD cb : {0u, 17u, 9u}) {
         pMgr->DumpRawData(8, 0, 1, "\x07\x01\x00\x0e%BCDEFGHIJK\xffz", cb);
+    }
     EXPECT_EQ(GetLastError(), 0xdeadbeef);
     std::string const str = "[T]: : DumpRawData: ", str8 = "07 01 00 0e 25 42 43 44  45 ",
                       str9 = " \x01 \x0e%BCDE";
@@ -66,9 +67,9 @@ TEST_F(CEvtMgrTest, InstallAndRemove)
     EXPECT_EQ(GInstallEvtMgr(""), DWORD{eGE_NULL_ARGUMENT});
     Install(m_strOn);
     EXPECT_EQ(GInstallEvtMgr("mgr"), DWORD{eGE_BAD_STATE});
-    EXPECT_EQ(g_pEvtMgr.load()->m_fReady.exchange(0), 1);
+    EXPECT_EQ(g_pEvtMgr->m_fReady.exchange(0), 1);
     unheard(); // nor when it is not ready
-    g_pEvtMgr.load()->m_fReady = 1;
+    g_pEvtMgr->m_fReady = 1;
     EXPECT_EQ(GRemoveEvtMgr("mgr"), DWORD{eGE_OK});
     EXPECT_EQ(GRemoveEvtMgr("mgr"), DWORD{eGE_OK}); // does nothing
     EXPECT_EQ(g_pEvtMgr, nullptr);
@@ -76,6 +77,33 @@ TEST_F(CEvtMgrTest, InstallAndRemove)
     EXPECT_EQ(ReadLog(), "[T]: CGReference::Release: Removing object \"CCategory[CGTdEvtHandler:"
                          "CGBaseEvtHandler]\"\r\n"
                          "[T]: RemoveEvtMgr: g_cMemory g_cbMemory g_cObjects = 0 0 0\r\n");
+}
+
+TEST_F(CEvtMgrTest, HostThatKeepsItsManagersItself)
+{
+    Reg(m_strOn + m_strAppend);
+    CGEvtMgr *pMgr = nullptr;
+    CreateEvtMgr(&pMgr, "mgr");
+    g_pEvtMgr = pMgr;
+    if (g_pEvtMgr && g_pEvtMgr->m_fReady) {
+        g_pEvtMgr->Report(eEB_INFO, 0, 1, "in %d", 1);
+    }
+    g_pEvtMgr = nullptr;
+    RemoveEvtMgr(&pMgr, "mgr");
+    EXPECT_EQ(pMgr, nullptr);
+    std::thread site([] { // sees it as soon as it is there, and whole
+        while (!g_pEvtMgr) {
+            std::this_thread::yield();
+        }
+        Site(1, "in 2");
+    });
+    CreateEvtMgr(&g_pEvtMgr, "mgr");
+    site.join();
+    RemoveEvtMgr(&g_pEvtMgr, "mgr");
+    EXPECT_EQ(g_pEvtMgr, nullptr);
+    std::string const str = ReadLog();
+    EXPECT_EQ(str.substr(0, 11), "[T]: in 1\r\n");
+    EXPECT_NE(str.find("\n[T]: in 2\r\n"), str.npos) << str;
 }
 
 TEST_F(CEvtMgrTest, CountersTellUnlessTheyHaveNoMask)
@@ -112,7 +140,7 @@ TEST_F(CEvtMgrTest, FinalReportNamesLeaks)
     Reg(m_strOn + m_strAppend);
     std::string strExpected;
     auto expect = [&](LONG cOthers, DWORD cbLeft, DWORD cObjects, std::string const &str) {
-        std::atomic<CGEvtMgr *> pMgr{nullptr};
+        CGEvtMgr *pMgr = nullptr;
         g_cEvtMgrs = cOthers;
         CreateEvtMgr(&pMgr, "mgr");
         g_cMemory += cbLeft / 10, g_cbMemory += cbLeft, g_cObjects += cObjects;
@@ -139,7 +167,7 @@ TEST_F(CEvtMgrTest, ReloadsUnderReports)
     std::atomic<bool> fEnd{false};
     std::map<std::string, int> reports{{"w0", 0}, {"w1", 0}, {"w2", 0}, {"w3", 0}};
     std::vector<std::thread> threads;
-    for (auto &report : reports)
+    for (auto &report : reports) {
         threads.emplace_back([&] {
             for (; !fEnd; ++report.second) {
                 G_REPORT(eEB_INFO, eEC_OBJECT, eEL_TRACE, "%s %d.", report.first.c_str(),
@@ -147,16 +175,19 @@ TEST_F(CEvtMgrTest, ReloadsUnderReports)
                 std::this_thread::yield();
             }
         });
+    }
     int const kcReloads =
         kIsPosix ? 1000 : 20; // each makes hundreds of calls to a slow registry there
     for (int n = 0; n < kcReloads; ++n) {
-        if (n == kcReloads / 2)
+        if (n == kcReloads / 2) {
             Reg(ReplaceAll(strReg, "[T]:", "bbbb"));
+        }
         LoadParameters();
     }
     fEnd = true;
-    for (std::thread &thread : threads)
+    for (std::thread &thread : threads) {
         thread.join();
+    }
     GRemoveEvtMgr("mgr");
     std::string const strLog = ReplaceAll(ReadLog(), "bbbb bbbb", "[T]: ");
     EXPECT_EQ(CountLines(ReplaceAll(strLog, "a a", "[T]: ")), reports);

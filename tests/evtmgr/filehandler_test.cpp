@@ -22,8 +22,9 @@ CTestRole const g_writer("write-lines", [](std::string const &strArgument) {
     std::getline(argument >> strTag >> cLines >> std::ws, strReg);
     PlatSetRegistryFile(strReg.c_str());
     GInstallEvtMgr("mgr");
-    for (int n = 0; n < cLines; ++n)
+    for (int n = 0; n < cLines; ++n) {
         G_REPORT(eEB_ERROR, eEC_NONE, eEL_ERROR, "%s %d.", strTag.c_str(), n);
+    }
     return static_cast<int>(GRemoveEvtMgr("mgr"));
 });
 
@@ -51,19 +52,72 @@ TEST_F(CEvtMgrTest, LinesOfManyProcessesAreWholeAndOnce)
     EXPECT_EQ(CountLines(ReadLog()), wanted);
 }
 
+// The next that waits for it has it abandoned.
+void DieWithTheMutex(HANDLE hMutex)
+{
+    std::thread([=] { EXPECT_EQ(WaitForSingleObject(hMutex, INFINITE), WAIT_OBJECT_0); }).join();
+}
+
 TEST_F(CEvtMgrTest, LineThatADeadWriterCutIsEnded)
 {
-    Install(m_strOn);
+    CGFileEvtHandler *pHandler = Install(m_strOn);
     std::string strMutex = ReplaceAll(m_strLog, "\\", "/"); // the name of every spelling
-    HANDLE const hMutex = OpenMutexA(SYNCHRONIZE, FALSE, GStrLower(strMutex.data()));
-    auto dieWithTheMutex = [=] { EXPECT_EQ(WaitForSingleObject(hMutex, INFINITE), WAIT_OBJECT_0); };
-    std::thread(dieWithTheMutex).join();
+    CTestHandle const hMutex(OpenMutexA(SYNCHRONIZE, FALSE, GStrLower(strMutex.data())));
+    auto cut = [&] { std::ofstream(m_strLog, std::ios::binary | std::ios::app) << "cut"; };
+    DieWithTheMutex(hMutex);
     Site("one");
-    std::ofstream(m_strLog, std::ios::binary | std::ios::app) << "cut";
-    std::thread(dieWithTheMutex).join();
+    cut();
+    DieWithTheMutex(hMutex);
     Site("two");
-    EXPECT_EQ(ReadLog(), "[T]: one\r\ncut\r\n[T]: two\r\n");
-    CloseHandle(hMutex);
+    cut(); // by a process that nobody was there to see
+    pHandler->OpenLogFile(eOF_APPEND);
+    Site("three");
+    EXPECT_EQ(ReadLog(), "[T]: one\r\ncut\r\n[T]: two\r\ncut\r\n[T]: three\r\n");
+}
+
+// There is room for 6 bytes of a line or for 1, and none for its end.
+TEST_F(CEvtMgrTest, LineThatAFullDiskCutIsEnded)
+{
+    if (!kIsPosix) {
+        GTEST_SKIP() << "a process has no limit for its files there";
+    }
+    Reg(m_strOn + m_strAppend);
+    for (std::string const strEnd : {"[T]:\r\n", "\n"}) {
+        std::string const strFull = std::string(8192 - 2 - strEnd.size(), 'x') + "\r\n";
+        std::ofstream(m_strLog, std::ios::binary) << strFull;
+        CRoleProcess writer(StartProgram("/bin/sh -c \"trap '' XFSZ; ulimit -f 16; exec '" +
+                                         OwnProgram() + "' --role write-lines 'w 3 " +
+                                         m_reg.m_strPath + "'\""));
+        EXPECT_EQ(writer.ExitCode(), 0u);
+        EXPECT_EQ(ReadLog(), strFull + strEnd);
+    }
+}
+
+// Nobody takes anything out of it before the writer has ended, and it has no room for all lines.
+TEST_F(CEvtMgrTest, LogThatIsAPipeIsNotReadAndHoldsNobodyUp)
+{
+    if (!kIsPosix) {
+        GTEST_SKIP() << "a pipe has no name for its writers there";
+    }
+    Reg(ReplaceAll(m_strOn, "$LOG", "/dev/stdout"));
+    CTestHandle const hMutex(CreateMutexA(nullptr, FALSE, "/dev/stdout"));
+    DieWithTheMutex(hMutex);
+    constexpr int kcLines = 8000;
+    HANDLE hRead = nullptr, hWrite = nullptr;
+    ASSERT_TRUE(CreatePipe(&hRead, &hWrite, nullptr, 0));
+    CTestHandle const hLog(hRead);
+    CRoleProcess writer(StartProgram("\"" + OwnProgram() + "\" --role write-lines \"w " +
+                                         std::to_string(kcLines) + ' ' + m_reg.m_strPath + '"',
+                                     hWrite));
+    EXPECT_EQ(WaitForSingleObject(writer.m_info.hProcess, 20000), DWORD{WAIT_OBJECT_0});
+    TerminateProcess(writer.m_info.hProcess, 1);
+    std::string strLog;
+    char szPart[4096];
+    for (DWORD cb = 0; ReadFile(hLog, szPart, sizeof szPart, &cb, nullptr) && cb != 0;) {
+        strLog.append(szPart, cb);
+    }
+    int const cWhole = CountLines(strLog)["w"];
+    EXPECT_TRUE(cWhole > 1000 && cWhole < kcLines) << cWhole;
 }
 
 } // namespace

@@ -4,11 +4,24 @@
 
 namespace {
 
+// A handler of a host's own.
+class CKeepingHandler : public CGBaseEvtHandler {
+public:
+    CKeepingHandler() : CGBaseEvtHandler(g_pEvtMgr, "CKeepingHandler") {}
+    char const *GetModuleName() override { return "Own"; }
+    DWORD LoadModuleParams() override { return 0; }
+    LONG IsOn() override { return m_State; }
+    DWORD WriteText(char *pszText) override { return m_strLines.append(pszText).append("|"), 0; }
+
+    std::string m_strLines;
+};
+
 TEST_F(CEvtMgrTest, TableTakesWhatTheRegistryHasAndKeepsTheRest)
 {
     EXPECT_EQ(CategoryIndex(0), 0);
-    for (LONG nRow = 1; nRow <= 64; ++nRow)
+    for (LONG nRow = 1; nRow <= 64; ++nRow) {
         EXPECT_EQ(CategoryIndex(1ull << (nRow - 1) | 1), nRow); // the highest bit decides
+    }
     CCategory table("table");
     Reg("\n[t]\n\"Display Level\"=dword:7\n\n[t\\5]\n\"Long Name\"=\"five\"\n\"Display Long "
         "Name\"=dword:0\n"
@@ -48,12 +61,32 @@ TEST_F(CEvtMgrTest, Filter)
         pHandler->m_Level = c.nMaxLevel;
         EXPECT_EQ(pHandler->IsEventOn(c.base, c.custom, c.nLevel), c.fExpected) << &c - cases;
         // What the manager says beforehand is the same, but for events that masks and levels do not stop.
-        CGEvtMgr *pMgr = g_pEvtMgr;
-        pMgr->ForEachNode(eEO_RELOAD, nullptr); // finds no values, so the fields stay
         bool const fSpecial = c.nLevel == -1 || c.nLevel == -2 || (c.base & 0x20) != 0;
-        EXPECT_EQ(pMgr->MayBeTaken(c.base, c.custom, c.nLevel), c.fExpected || fSpecial);
+        EXPECT_EQ(g_pEvtMgr->MayBeTaken(c.base, c.custom, c.nLevel), c.fExpected || fSpecial);
     }
     pHandler->m_State = 0;
+}
+
+// Whatever way a handler takes to what it takes, the next event finds it.
+TEST_F(CEvtMgrTest, HandlerThatNoReloadHasSeen)
+{
+    Install("\n[$M\\Own]\n\"Level\"=dword:3\n");
+    auto report = [](LONG nLevel) { g_pEvtMgr->Report(eEB_INFO, 0, nLevel, "%d", int{nLevel}); };
+    auto *pOwn = new CKeepingHandler;
+    ++g_cObjects;
+    pOwn->m_State = 1;
+    pOwn->m_Level = 2;
+    pOwn->m_BaseCategoryMask |= eEB_INFO;
+    report(1); // refused by all that are in the list
+    g_pEvtMgr->AddNode("own", static_cast<CGBaseEvtHandler *>(pOwn), 0, 1);
+    report(2);
+    report(3);
+    pOwn->LoadParams();
+    report(3);
+    pOwn->m_BaseCategoryMask &= ~eEB_INFO;
+    report(3);
+    EXPECT_EQ(pOwn->m_strLines, "[UNKWN]:  2|[UNKWN]:  3|");
+    pOwn->AddRef(); // the list gives up two
 }
 
 TEST_F(CEvtMgrTest, Line)
@@ -64,7 +97,7 @@ TEST_F(CEvtMgrTest, Line)
         "\n[$M\\Custom Category\\64]\n\"Short Name\"=\"c\"\n\"Long Name\"=\"Cust\"\n"
         "\n[$M\\Custom Category\\1]\n\"Long Name\"=\"hidden\"\n\"Display Long Name\"=dword:0\n"
         "\n[$M\\File]\n\"File Name\"=\"$LOG\"\n\"State\"=dword:1\n");
-    CCategory *&pBase = g_pEvtMgr.load()->m_pBaseCategory;
+    CCategory *&pBase = g_pEvtMgr->m_pBaseCategory;
     auto line = [&](std::uint64_t base, std::uint64_t custom, LONG nLevel) {
         pHandler->OpenLogFile(eOF_TRUNCATE);
         pHandler->WriteEvent("hello", base, custom, nLevel);
@@ -83,7 +116,7 @@ TEST_F(CEvtMgrTest, Line)
         (*ppTable)->Release();
         *ppTable = nullptr; // as if there had been no memory: a table without names
     }
-    EXPECT_EQ(g_pEvtMgr.load()->ReloadParameters(), 1u);
+    EXPECT_EQ(g_pEvtMgr->ReloadParameters(), 1u);
     EXPECT_EQ(line(0x20, 1, -1), "[UNKWN]:  hello\r\n");
     pHandler->WriteLine(20, "12345678901234567890123"); // one more character goes when it is cut
     EXPECT_TRUE(ReadLog().ends_with("hello\r\n123456789012345678\r\n")) << ReadLog();

@@ -111,7 +111,7 @@ extern "C" {
 #undef FAULT
 
 #ifdef QOMA_CALL_FAULTS
-/* std::thread::_M_start_thread of this C++ library; what is passed by value arrives as an address. */
+// std::thread::_M_start_thread of this C++ library; what is passed by value arrives as an address.
 void __real__ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_deleteIS1_EEPFvvE(
     std::thread *pSelf, void *pState, void (*pfnDepend)());
 void __wrap__ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_deleteIS1_EEPFvvE(

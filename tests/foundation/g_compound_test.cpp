@@ -91,6 +91,19 @@ TEST_F(CCompoundTest, RefusalsLeaveTheObjectClosedOrAsItWas)
     EXPECT_EQ(Write("abc"), eGE_OK);
 }
 
+TEST_F(CCompoundTest, WhatCannotBeBroughtToTheDiskIsToldByTheClose)
+{
+    if (!kIsPosix) {
+        GTEST_SKIP() << "written at once, and no folder goes with an open file in it";
+    }
+    std::filesystem::create_directory(m_dir.File("folder"));
+    ASSERT_EQ(m_file.CompoundOpen(m_dir.File("folder/file").c_str()), eGE_OK);
+    EXPECT_EQ(Write("abc"), eGE_OK);
+    std::filesystem::remove_all(m_dir.File("folder"));
+    EXPECT_EQ(m_file.CompoundClose(), eGE_FILE_WRITE);
+    EXPECT_EQ(m_file.CompoundClose(), eGE_FILE_NOT_OPEN);
+}
+
 TEST_F(CCompoundTest, AFileWithoutTheStreamStaysOpenAsStorage)
 {
     IStorage *pStorage = nullptr;

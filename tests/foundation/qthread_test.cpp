@@ -69,7 +69,10 @@ TEST_P(CThreadKinds, StopOfABusyWorker_WorksOffTheListByPriority)
     thread.PostOwned({5, 5, 6, 4});
     EXPECT_EQ(thread.Stop(), eGE_OK);
     EXPECT_EQ(thread.Post("late", nullptr, 0, 8), eGE_OK); // the caller cannot tell
-    EXPECT_EQ(thread.GetCount(), 4u);
+    {
+        CGQueueGuard const lock(thread);
+        EXPECT_EQ(thread.GetCount(), 4u);
+    }
     thread.m_fGateOpen = true;
     EXPECT_TRUE(WaitForSingleObject(thread.m_hDone, 30000) == WAIT_OBJECT_0);
     EXPECT_EQ(thread.m_strWorked, "96554");
@@ -111,6 +114,45 @@ TEST_P(CThreadKinds, ManyLives_LeaveNoThreadHandleOrNode)
     // A worker signals its end shortly before it is gone.
     EXPECT_TRUE(
         WaitFor([&] { return PlatHandleCount() <= cHandles && PlatThreadCount() <= cThreads; }));
+}
+
+namespace {
+
+// Leaves its thread behind in its last steps, as a thread that ends under the lock of Windows' loader is.
+class CLingeringThread : public CGQThread {
+public:
+    CLingeringThread() : CGQThread("lingering", eTK_BEGINTHREADEX, -1, -1, 0) {}
+    ~CLingeringThread() override { EndWorker(); }
+
+    DWORD ProcessEntry(CNode *, CGQThread *, DWORD) override
+    {
+        struct CLastStep {
+            ~CLastStep()
+            {
+                EXPECT_TRUE(WaitFor([] { return s_fReleased.load(); })) << "we were waited for";
+                s_fOver = true;
+            }
+        };
+        static thread_local CLastStep s_lastStep;
+        (void)&s_lastStep;
+        return 0;
+    }
+
+    static inline std::atomic<bool> s_fReleased{false};
+    static inline std::atomic<bool> s_fOver{false};
+};
+
+} // namespace
+
+TEST(GQThread, LastSteps_ThatDoNotEnd_AreNotWaitedFor)
+{
+    auto *pThread = new CLingeringThread;
+    INC_OBJECT_COUNTER(0, "CLingeringThread");
+    EXPECT_EQ(pThread->Post("n", nullptr, 0, 1), eGE_OK);
+    EXPECT_EQ(pThread->WaitDrained(), eGE_OK);
+    EXPECT_EQ(pThread->Release(), 0);
+    CLingeringThread::s_fReleased = true;
+    EXPECT_TRUE(WaitFor([] { return CLingeringThread::s_fOver.load(); }));
 }
 
 TEST(GQThread, ManyPosters_LoseNoNode)

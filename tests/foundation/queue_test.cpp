@@ -19,8 +19,9 @@ public:
     }
 
     // The payload words from head to tail; the links back are checked on the way.
-    Words GetWords() const
+    Words GetWords()
     {
+        CGQueueGuard const guard(*this);
         Words words;
         CNode *pBefore = nullptr;
         for (CNode *pNode = GetHead(); pNode != nullptr; pNode = GetNext(pNode)) {
@@ -62,6 +63,7 @@ TEST(GQueue, RandomUse_AgreesWithASortedVector)
             ASSERT_EQ(queue.FreeNode(&pNode), model.empty() ? eGE_NULL_ARGUMENT : eGE_OK);
             model.erase(model.begin(), model.begin() + !model.empty());
         } else if (!model.empty()) {
+            CGQueueGuard const lock(queue);
             for (pNode = queue.GetHead(); pNode->m_pData != reinterpret_cast<void *>(*itAny);) {
                 pNode = CGBaseQueue::GetNext(pNode);
             }
@@ -80,7 +82,10 @@ TEST(GQueue, Payload_IsOwnedOnlyWithASizeAndOnlyAfterSuccess)
     int nForeign = 7;
     EXPECT_EQ(queue.AddNode("owned", GMemAlloc(30, 0, ""), 30, 1), eGE_OK);
     EXPECT_EQ(queue.AddNode(nullptr, &nForeign, 0, 0), eGE_OK);
-    EXPECT_STREQ(CGBaseQueue::GetNext(queue.GetHead())->m_strName.m_pszText, "");
+    queue.m_fnVisit = [](CNode *pNode, DWORD) { // the second has no name
+        return pNode->m_cbData != 0 || *pNode->m_strName.m_pszText == '\0';
+    };
+    EXPECT_EQ(queue.ForEachNode(0, nullptr), 1);
     EXPECT_EQ(g_cObjects, guard.m_cObjects + 2);
     EXPECT_EQ(queue.Flush(), eGE_OK);
     queue.Close();
@@ -107,7 +112,7 @@ TEST(GQueue, ForEachNode_VisitsUnderTheMutexUntilAVisitSaysStop)
     EXPECT_EQ(visited, (Words{1, 2, 1, 2, 1}));
     queue.m_fnVisit = [&](CNode *pNode, DWORD) { return queue.RemoveAndFreeNode(pNode) == eGE_OK; };
     EXPECT_EQ(queue.ForEachNode(0, nullptr), 1);
-    EXPECT_EQ(queue.GetCount(), 0u);
+    EXPECT_EQ(queue.GetWords(), Words{});
 }
 
 TEST(GQueue, DrainedEvent_TellsThatAConsumerFoundTheListEmpty)

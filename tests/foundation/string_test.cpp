@@ -31,6 +31,11 @@ TEST(GString, SetAndAppend_KeepTextSizeAndCountersInStep)
     str.Append(str.m_pszText); // its own text as an argument
     str.Set(str.m_pszText + 4);
     EXPECT_STREQ(str.m_pszText, "yz");
+    str.Alloc(8);
+    std::strcpy(str.m_pszText, "in"); // in place, with room behind it
+    EXPECT_EQ(str.Append(" place"), eGE_OK);
+    EXPECT_STREQ(str.m_pszText, "in place");
+    str.Set("yz");
     CAllocFault fault(1);
     EXPECT_EQ(str.Append("lost"), eGE_OUT_OF_MEMORY);
     EXPECT_STREQ(str.m_pszText, "yz");

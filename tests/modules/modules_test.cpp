@@ -59,7 +59,9 @@ void UseAndUnload(WORD wPort)
     }).join();
     EXPECT_TRUE(FreeLibrary(hClient));
     for (char const *pszModule : kModules) {
-        EXPECT_EQ(GetModuleHandleA(pszModule), nullptr) << pszModule << " stays loaded";
+        // A lookup's thread may be at its last steps.
+        EXPECT_TRUE(WaitFor([&] { return GetModuleHandleA(pszModule) == nullptr; }))
+            << pszModule << " stays loaded";
     }
 }
 
@@ -84,4 +86,19 @@ TEST(Modules, LoadedAndUnloadedAHundredTimesUnderEventsLeaveNothing)
         << PlatThreadCount() << " threads, before " << cThreads;
     EXPECT_TRUE(WaitFor([&] { return HeldHandles() <= cHandles; }))
         << HeldHandles() << " handles, before " << cHandles;
+}
+
+TEST(Modules, AThreadThatNobodyWaitsForKeepsItsModule)
+{
+    std::atomic<int> nStage{0};
+    HMODULE const hClient = LoadLibraryA(kModules[0]);
+    ASSERT_NE(hClient, nullptr) << GetLastError();
+    auto const pfnLinger = PlatProcAddress<DWORD(std::atomic<int> *)>(hClient, "ClientLinger");
+    ASSERT_TRUE(pfnLinger != nullptr && pfnLinger(&nStage));
+    EXPECT_TRUE(FreeLibrary(hClient));
+    Sleep(20); // the thread sleeps in the module meanwhile
+    nStage = 1;
+    EXPECT_TRUE(WaitFor([&] { return nStage == 2; }));
+    EXPECT_TRUE(WaitFor([&] { return GetModuleHandleA(kModules[0]) == nullptr; }))
+        << "stays loaded";
 }

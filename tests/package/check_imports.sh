@@ -7,7 +7,7 @@ objdump=$1
 prefix=$2
 system='kernel32|msvcrt|advapi32|user32|ws2_32|ole32|oleaut32|shell32|winspool'
 found=0
-for file in QOMANoAg.dll QOMADolC.dll notifymon.exe mfpsim.exe tracedeck.exe; do
+for file in QOMANoAg.dll QOMANoAgC.dll QOMADolC.dll notifymon.exe mfpsim.exe tracedeck.exe; do
     # A folder without a program must not pass for one that needs nothing.
     imports=$("$objdump" -p "$prefix/bin/$file" | sed -n 's/.*DLL Name: //p')
     if [[ -z $imports ]]; then
@@ -21,9 +21,9 @@ for file in QOMANoAg.dll QOMADolC.dll notifymon.exe mfpsim.exe tracedeck.exe; do
         fi
     done <<<"$imports"
 done
-for library in QOMANoAg QOMADolC; do
-    if [[ ! -s $prefix/lib/lib$library.dll.a ]]; then
-        echo "the import library of $library is missing" >&2
+for library in libQOMANoAg.dll.a libQOMANoAgC.dll.a libQOMADolC.dll.a QOMANoAgC.lib QOMANoAgC.def; do
+    if [[ ! -s $prefix/lib/$library ]]; then
+        echo "$library is missing" >&2
         found=1
     fi
 done

@@ -36,8 +36,9 @@ void RaiseAndAwait(int nSignal)
 
 TEST(ConsoleTest, AHandlerIsAskedOnAThreadOfTheLayerThatGoesWithIt)
 {
-    if (!kIsPosix)
+    if (!kIsPosix) {
         GTEST_SKIP() << "what reaches a console cannot be made there without one";
+    }
     CTestHandle const hHandled(CreateEventA(nullptr, FALSE, FALSE, nullptr));
     g_hHandled = hHandled;
     // Once for nothing, since a sanitizer has a thread of its own from the first new thread on.

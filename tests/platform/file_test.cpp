@@ -1,5 +1,7 @@
 #include "platform/file.h"
 
+#include "platform/fifo.h"
+
 #include "tests/platform/role.h"
 
 namespace {
@@ -13,7 +15,7 @@ HANDLE Open(std::string const &strName, DWORD dwAccess, DWORD dwShare, DWORD dwD
                        FILE_ATTRIBUTE_NORMAL, nullptr);
 }
 
-/// An open file, closed at the end of the block.
+// An open file, closed at the end of the block.
 struct COpened {
     COpened(std::string const &strName, DWORD dwAccess, DWORD dwDisposition, DWORD dwShare = 3)
         : m_hFile(Open(strName, dwAccess, dwShare, dwDisposition))
@@ -62,6 +64,28 @@ CTestRole const g_holder("hold-file", [](std::string const &strName) {
     Fill(strName + ".held", "");
     Sleep(INFINITE);
     return 0;
+});
+
+// Files may have so many bytes. Limited once it runs: a sanitizer writes files of its own before.
+CTestRole const g_limited("at-size-limit", [](std::string const &strArgument) {
+    std::size_t const nBlank = strArgument.find(' ');
+    DWORD const cbLimit = static_cast<DWORD>(std::stoi(strArgument));
+    std::string const strName = strArgument.substr(nBlank + 1);
+    EXPECT_EQ(RunCommand("prlimit --pid $PPID --fsize=" + std::to_string(cbLimit)), 0u);
+    std::string const strBytes(4096, 'x');
+    DWORD cb = 0;
+    COpened const file(strName, GENERIC_WRITE, CREATE_ALWAYS);
+    EXPECT_FAILS(WriteFile(file, strBytes.data(), 4096, &cb, nullptr), ERROR_DISK_FULL);
+    EXPECT_EQ(cb, cbLimit);
+    EXPECT_FAILS(PlatAppendFile(file, strBytes.data(), 1, &cb), ERROR_DISK_FULL);
+    int const fd = _open(strName.c_str(), _O_WRONLY | _O_BINARY);
+    EXPECT_EQ(_write(fd, strBytes.data(), 4096), -1);
+    EXPECT_EQ(_close(fd), 0);
+    std::string const strMutex = UniqueName("limit");
+    HANDLE const hMutex = CreateMutexA(nullptr, FALSE, strMutex.c_str());
+    EXPECT_EQ(hMutex != nullptr, cbLimit != 0);
+    EXPECT_EQ(GetLastError(), cbLimit != 0 ? NO_ERROR : DWORD{ERROR_DISK_FULL});
+    return testing::Test::HasFailure() ? 1 : 0;
 });
 
 } // namespace
@@ -115,6 +139,45 @@ TEST(FileTest, AppendsBehindAnyPlace)
     EXPECT_EQ(SetFilePointer(file, -2, &nHigh, FILE_CURRENT), 0xFFFFFFFFu);
     EXPECT_TRUE(ReadFile(file, sz, sizeof sz, &cb, nullptr));
     EXPECT_STREQ(sz, "ab");
+}
+
+TEST(FileTest, ALimitOfTheSizeIsAnErrorAndNoSignal)
+{
+    if (!kIsPosix) {
+        GTEST_SKIP() << "no such limit";
+    }
+    CTempDir const dir;
+    for (std::string const strLimit : {"0 ", "1500 "}) {
+        EXPECT_EQ(CRoleProcess("at-size-limit", strLimit + dir.File("file")).ExitCode(), 0u);
+    }
+}
+
+TEST(FileTest, AFifoThatNobodyReadsHoldsUpNobodyForLong)
+{
+    CTempDir const dir;
+    std::string const strName = dir.File("fifo");
+    if (!kIsPosix || RunCommand("mkfifo '" + strName + "'") != 0) {
+        GTEST_SKIP() << "no pipes among this system's files";
+    }
+    EXPECT_EQ(Open(strName, GENERIC_WRITE, 2, OPEN_EXISTING), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), DWORD{ERROR_PIPE_BUSY});
+    CPlatFifo reader;
+    ASSERT_TRUE(reader.Open(strName.c_str()));
+    COpened const writer(strName, GENERIC_WRITE, OPEN_ALWAYS);
+    std::string strBytes(65536 + 1, 'x'); // one more than it holds
+    DWORD cb = 0;
+    EXPECT_FAILS(WriteFile(writer, strBytes.data(), 65536 + 1, &cb, nullptr), ERROR_TIMEOUT);
+    EXPECT_EQ(cb, 65536u);
+    // A reader that is only slow gets all of it.
+    std::thread slow([&] {
+        for (DWORD cbLeft = 2 * 65536; cbLeft != 0;) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            cbLeft -= static_cast<DWORD>(reader.Read(strBytes.data(), 8192, kdwLimit));
+        }
+    });
+    std::string const strMore(65536, 'y');
+    EXPECT_TRUE(WriteFile(writer, strMore.data(), 65536, &cb, nullptr));
+    slow.join();
 }
 
 TEST(FileTest, ABrokenPipeIsAnErrorAndNoSignal)

@@ -18,8 +18,9 @@ HANDLE MakeEvent()
 
 TEST(Handle, ValuesFitTheNarrowestPointerAndStayStale)
 {
-    if (!kIsPosix)
+    if (!kIsPosix) {
         GTEST_SKIP() << "Windows gives the value of a closed handle to the next one";
+    }
     CTestHandle const hFirst(MakeEvent()); // the table is not empty
     std::set<HANDLE> setClosed;
     for (int n = 0; n < 5000; ++n) {
@@ -30,8 +31,16 @@ TEST(Handle, ValuesFitTheNarrowestPointerAndStayStale)
         ASSERT_TRUE(setClosed.insert(hEvent).second) << n;
         ASSERT_TRUE(CloseHandle(hEvent));
     }
-    for (HANDLE hClosed : setClosed)
+    for (HANDLE hClosed : setClosed) {
         ASSERT_FALSE(SetEvent(hClosed));
+    }
+}
+
+TEST(Handle, TheTwoLowBitsOfAValueAreTheCallersToUse)
+{
+    CTestHandle const hEvent(MakeEvent());
+    EXPECT_TRUE(SetEvent(static_cast<char *>(HANDLE(hEvent)) + 3));
+    EXPECT_EQ(WaitForSingleObject(hEvent, 0), DWORD{WAIT_OBJECT_0});
 }
 
 TEST(Handle, UseWhileTheyAreClosedAndMadeAnewTouchesNoOther)
@@ -66,8 +75,9 @@ TEST(Handle, UseWhileTheyAreClosedAndMadeAnewTouchesNoOther)
         fStop = true;
         first.join();
         second.join();
-        for (auto &hShared : ahShared)
+        for (auto &hShared : ahShared) {
             EXPECT_TRUE(CloseHandle(hShared));
+        }
         EXPECT_EQ(WaitForSingleObject(hBystander, 0), DWORD{WAIT_TIMEOUT});
     }
     EXPECT_TRUE(!kIsPosix || PlatHandleCount() == cBefore); // Windows counts its runtime's own, too

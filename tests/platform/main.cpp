@@ -71,8 +71,9 @@ DWORD CRoleProcess::ExitCode()
 
 int main(int argc, char **argv)
 {
-    if (argc == 4 && std::strcmp(argv[1], "--role") == 0)
+    if (argc == 4 && std::strcmp(argv[1], "--role") == 0) {
         return Roles().at(argv[2])(argv[3]);
+    }
     testing::InitGoogleTest(&argc, argv);
     return RUN_ALL_TESTS();
 }

@@ -13,12 +13,22 @@ CTestRole const g_variable("say-variable", [](std::string const &strName) {
     return 7;
 });
 
+// Not quite for ever: nothing is left of a test that failed.
+CTestRole const g_writer("write-for-ever", [](std::string const &strFile) {
+    for (int i = 0; i < 1000 && !std::filesystem::exists(strFile + ".end"); ++i) {
+        std::ofstream(strFile, std::ios::app) << 'x';
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return 0;
+});
+
 } // namespace
 
 TEST(ProcessTest, ChildrenGetNoHandleButTheirStreams)
 {
-    if (!kIsPosix)
+    if (!kIsPosix) {
         GTEST_SKIP() << "/proc is of Linux alone";
+    }
     CTempDir const dir;
     auto const open = [&](char const *pszName) {
         return CreateFileA(dir.File(pszName).c_str(), GENERIC_WRITE, 3, nullptr, CREATE_NEW, 0,
@@ -38,14 +48,46 @@ TEST(ProcessTest, CommandsGetForeignTextAsVariablesOnly)
     std::string const strOut = dir.File("out");
     std::string const strForeign =
         "a\"; touch x; $(touch x) `touch x` & echo > x | %PATH% \x01\xFF";
-    PlatEnvType const aVariables[] = {{"QOMA_TEXT", strForeign.c_str()}, {"OUT", strOut.c_str()}};
     std::string const strLine = "\"" + OwnProgram() + "\" --role say-variable QOMA_TEXT" +
                                 (kIsPosix ? " > \"$OUT\"" : " > \"%OUT%\"");
-    DWORD dwExit = 99;
-    ASSERT_TRUE(PlatRunCommand(strLine.c_str(), aVariables, 2, kdwLimit, &dwExit));
+    DWORD const dwExit =
+        RunCommand(strLine, {{"QOMA_TEXT", strForeign.c_str()}, {"OUT", strOut.c_str()}});
     EXPECT_EQ(dwExit, 7u);
     EXPECT_EQ(Contents(strOut), strForeign);
 
     PlatEnvType const bad = {"A B", ""};
-    EXPECT_FAILS(PlatRunCommand("exit 0", &bad, 1, 0, nullptr), ERROR_INVALID_PARAMETER);
+    CPlatCommand command;
+    EXPECT_FAILS(command.Start("exit 0", &bad, 1), ERROR_INVALID_PARAMETER);
+}
+
+// What a command starts goes with it, however deaf, and not by itself.
+TEST(ProcessTest, ACommandEndsWithAllThatItStarted)
+{
+    CTempDir const dir;
+    std::string const strFile = dir.File("file");
+    std::string const strOwn = "\"" + OwnProgram() + "\" --role write-for-ever \"" + strFile + "\"";
+    auto const grows = [&] {
+        std::size_t const cb = Contents(strFile).size();
+        return WaitFor([&] { return Contents(strFile).size() != cb; }, std::chrono::seconds(1));
+    };
+    {
+        CPlatCommand command;
+        DWORD dwExit = 0;
+        std::string const strDeaf = "trap '' TERM; " + strOwn + " & wait; wait";
+        ASSERT_TRUE(command.Start((kIsPosix ? strDeaf : strOwn).c_str(), nullptr, 0));
+        ASSERT_TRUE(WaitFor([&] { return !Contents(strFile).empty(); }));
+        EXPECT_FALSE(command.Wait(10, &dwExit));
+        command.End(200);
+        EXPECT_TRUE(command.Wait(kdwLimit, &dwExit));
+        EXPECT_FALSE(grows());
+    }
+    CPlatCommand command;
+    std::string const strBehind = kIsPosix ? strOwn + " &" : "start /b \"\" " + strOwn;
+    DWORD dwExit = 99;
+    ASSERT_TRUE(command.Start(strBehind.c_str(), nullptr, 0));
+    EXPECT_TRUE(command.Wait(kdwLimit, &dwExit));
+    EXPECT_EQ(dwExit, 0u);
+    EXPECT_TRUE(grows()) << "what it left in the background goes on";
+    Fill(dir.File("file.end"), "");
+    EXPECT_TRUE(WaitFor([&] { return !grows(); }));
 }

@@ -10,18 +10,18 @@
 #include <type_traits>
 #include <vector>
 
-/// Defines what the program does in a role; the result is its exit code.
+// Defines what the program does in a role; the result is its exit code.
 struct CTestRole {
     CTestRole(char const *pszName, int (*pfnRun)(std::string const &strArgument));
 };
 
-/// Where this program lies.
+// Where this program lies.
 std::string OwnProgram();
 
-/// Starts a command line, with its output in the given file, which it closes.
+// Starts a command line, with its output in the given file, which it closes.
 PROCESS_INFORMATION StartProgram(std::string strLine, HANDLE hOut = nullptr, DWORD dwFlags = 0);
 
-/// A program, mostly this one in a role, ended at the latest with the block.
+// A program, mostly this one in a role, ended at the latest with the block.
 class CRoleProcess {
 public:
     CRoleProcess(char const *pszRole, std::string const &strArgument);
@@ -31,16 +31,27 @@ public:
     CRoleProcess &operator=(CRoleProcess const &) = delete;
 
     void Kill();
-    /// Waits for its end.
+    // Waits for its end.
     DWORD ExitCode();
 
     PROCESS_INFORMATION const m_info;
 };
 
-/// How long a wait may take that a broken build alone lets run out, in milliseconds.
+// How long a wait may take that a broken build alone lets run out, in milliseconds.
 inline constexpr DWORD kdwLimit = 60000;
 
-/// The call gives FALSE or null and this last error.
+// A command's exit code, once it has ended.
+inline DWORD RunCommand(std::string const &strCommand,
+                        std::vector<PlatEnvType> const &variables = {})
+{
+    CPlatCommand command;
+    DWORD dwExit = STILL_ACTIVE;
+    EXPECT_TRUE(command.Start(strCommand.c_str(), variables.data(), variables.size()));
+    EXPECT_TRUE(command.Wait(kdwLimit, &dwExit));
+    return dwExit;
+}
+
+// The call gives FALSE or null and this last error.
 #define EXPECT_FAILS(call, dwExpected)                                                             \
     do {                                                                                           \
         SetLastError(0xDEADBEEF);                                                                  \
@@ -48,7 +59,7 @@ inline constexpr DWORD kdwLimit = 60000;
         EXPECT_EQ(GetLastError(), DWORD{dwExpected});                                              \
     } while (false)
 
-/// Closes at the end of its block, if there is something left to close.
+// Closes at the end of its block, if there is something left to close.
 class CTestHandle {
 public:
     explicit CTestHandle(HANDLE hObject) : m_hObject(hObject) { EXPECT_NE(hObject, nullptr); }
@@ -59,8 +70,9 @@ public:
     operator HANDLE() const { return m_hObject; }
     void Close()
     {
-        if (!m_hObject)
+        if (!m_hObject) {
             return;
+        }
         EXPECT_TRUE(CloseHandle(m_hObject));
         m_hObject = nullptr;
     }
@@ -76,7 +88,7 @@ inline std::string UniqueName(char const *pszWhat)
            std::to_string(random());
 }
 
-/// Processes tell each other by files how far they are.
+// Processes tell each other by files how far they are.
 inline bool WaitForFile(std::string const &strName)
 {
     return WaitFor([&] { return std::filesystem::exists(strName); });
@@ -95,16 +107,16 @@ inline HANDLE StartThread(unsigned(__stdcall *pfnStart)(void *), void *pvArgumen
         _beginthreadex(nullptr, 0, pfnStart, pvArgument, fwFlags, pidThread));
 }
 
-/// A lambda without captures as a thread's code: by itself it lacks the calling convention.
+// A lambda without captures as a thread's code: by itself it lacks the calling convention.
 template <class Code>
-requires std::is_empty_v<Code> HANDLE StartThread(Code, void *pvArgument = nullptr,
-                                                  unsigned fwFlags = 0,
-                                                  unsigned *pidThread = nullptr)
+    requires std::is_empty_v<Code>
+HANDLE StartThread(Code, void *pvArgument = nullptr, unsigned fwFlags = 0,
+                   unsigned *pidThread = nullptr)
 {
     return StartThread(&RunThreadCode<Code>, pvArgument, fwFlags, pidThread);
 }
 
-/// Waits for the thread's end.
+// Waits for the thread's end.
 inline DWORD ExitCodeOf(HANDLE hThread)
 {
     DWORD dwCode = WAIT_FAILED;
@@ -113,7 +125,7 @@ inline DWORD ExitCodeOf(HANDLE hThread)
     return dwCode;
 }
 
-/// The result of a call on a thread of its own.
+// The result of a call on a thread of its own.
 template <class Call>
 auto OnOtherThread(Call call)
 {

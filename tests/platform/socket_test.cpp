@@ -1,6 +1,7 @@
-#include "platform/common/namecache.h"
+#include "platform/common/namelookup.h"
 #include "platform/runtime.h"
 #include "platform/socket.h"
+#include "tests/support/guards.h"
 
 #include <gtest/gtest.h>
 
@@ -308,6 +309,28 @@ TEST_F(Sockets, LookupsBelongToTheirThread)
     in_addr first;
     std::memcpy(&first, pHost->h_addr_list[0], 4);
     EXPECT_STREQ(ws::inet_ntoa(first), "127.0.0.1");
+}
+
+TEST(SocketNames, LookupsThatHangHoldUpNobodyForLong)
+{
+    static std::atomic<bool> s_fHangs{true};
+    CNameLookup lookup(
+        [](std::uint32_t dwAddress) -> CNameCache::CAnswer {
+            EXPECT_TRUE(WaitFor([&] { return !s_fHangs || dwAddress == 99; }));
+            return {"name", 0};
+        },
+        WSATRY_AGAIN);
+    auto const tpStart = std::chrono::steady_clock::now();
+    for (std::uint32_t dw = 1; dw <= 40; ++dw) {
+        if (dw == 7) { // somebody else, whose name is there at once
+            EXPECT_EQ(lookup.Find(99).strName, "name");
+        }
+        EXPECT_EQ(lookup.Find(dw / 2).nError, WSATRY_AGAIN);
+    }
+    EXPECT_LT(std::chrono::steady_clock::now() - tpStart, std::chrono::seconds(3));
+    s_fHangs = false;
+    EXPECT_TRUE(WaitFor([&] { return lookup.Find(1).strName == "name"; }))
+        << "the late answer is kept";
 }
 
 TEST(SocketNames, AnswersAreKeptForTheirTimeInABoundedTable)

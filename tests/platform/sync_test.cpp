@@ -22,8 +22,8 @@ DWORD WaitElsewhere(HANDLE hObject, DWORD dwMilliseconds = 0)
     });
 }
 
-/// Returns when a thread that has nothing to do but wait is in its wait: as the kernel shows on Linux,
-/// and elsewhere after a time in which any thread gets there.
+// Returns when a thread that has nothing to do but wait is in its wait: as the kernel shows on Linux,
+// and elsewhere after a time in which any thread gets there.
 void AwaitSleep(unsigned idThread)
 {
     std::string strLine;
@@ -98,19 +98,22 @@ TEST_P(MutexTest, CountsRightUnderContention)
     CTestHandle const hMutex(Make(FALSE));
     int nCount = 0; // no atomic: the mutex alone guards it
     std::vector<std::thread> aThreads;
-    for (int nThread = 0; nThread < kcThreads; ++nThread)
+    for (int nThread = 0; nThread < kcThreads; ++nThread) {
         aThreads.emplace_back([&] {
             for (int nRound = 0; nRound < kcRounds;) {
                 // With short time-outs among the waits, which must lose no wake-up of the others.
-                if (WaitForSingleObject(hMutex, nRound % 3 == 0 ? 1 : INFINITE) != WAIT_OBJECT_0)
+                if (WaitForSingleObject(hMutex, nRound % 3 == 0 ? 1 : INFINITE) != WAIT_OBJECT_0) {
                     continue;
+                }
                 ++nCount;
                 ++nRound;
                 ReleaseMutex(hMutex);
             }
         });
-    for (auto &thread : aThreads)
+    }
+    for (auto &thread : aThreads) {
         thread.join();
+    }
     EXPECT_EQ(nCount, kcThreads * kcRounds);
 }
 
@@ -131,8 +134,9 @@ TEST_P(MutexTest, OutlivesItsHandleForOwnerAndWaiter)
     EXPECT_TRUE(CloseHandle(hMutex));
     EXPECT_FAILS(ReleaseMutex(hMutex), ERROR_INVALID_HANDLE);
     std::list<CTestHandle> aOthers; // none of them may be taken for the closed one
-    for (int n = 0; n < 300; ++n)
+    for (int n = 0; n < 300; ++n) {
         aOthers.emplace_back(CreateMutexA(nullptr, FALSE, nullptr));
+    }
     SetEvent(hEnd);
     owner.join();
     EXPECT_EQ(ExitCodeOf(hWaiter), kdwAbandoned);
@@ -168,11 +172,13 @@ TEST(Event, EachCallReleasesOneSleeperOfAnAutoResetOneAndAllOfAManualResetOne)
             AwaitSleep(idThread);
         }
         // One right after the other: none may be swallowed because the one before it is not used yet.
-        for (unsigned n = 0; n < (fManual ? 1 : kcWaiters); ++n)
+        for (unsigned n = 0; n < (fManual ? 1 : kcWaiters); ++n) {
             EXPECT_TRUE(SetEvent(hEvent));
+        }
         EXPECT_TRUE(ResetEvent(hEvent));
-        for (auto const &hThread : aThreads)
+        for (auto const &hThread : aThreads) {
             EXPECT_EQ(ExitCodeOf(hThread), kdwTaken) << fManual;
+        }
     }
 }
 
@@ -187,8 +193,9 @@ TEST(Event, SetBehindAMutexWakesItsSleeperAtTheLatestWhenThatIsLetGo)
         CTestHandle const hSleeper(StartThread(&WaitForGiven, hEvent, 0, &idThread));
         AwaitSleep(idThread);
         OnOtherThread([&] { // whose end is a release too
-            for (int n = 0; n < cHolds; ++n)
+            for (int n = 0; n < cHolds; ++n) {
                 WaitForSingleObject(hMutex, INFINITE);
+            }
             EXPECT_TRUE(PlatSetEventBehind(hEvent, hMutex) && PlatSetEventBehind(hEvent, hMutex));
             EXPECT_EQ(WaitForSingleObject(hEvent, 0), kdwTaken);
             if (cHolds != 1) {
@@ -263,6 +270,59 @@ TEST(Named, ManyHandlesAreOneObjectThatGoesWithTheLast)
     EXPECT_FAILS(OpenMutexA(MUTEX_ALL_ACCESS, FALSE, strName.c_str()), ERROR_FILE_NOT_FOUND);
 }
 
+// Whoever closes it, and although its owner lives on.
+TEST(Named, AMutexThatIsOwnedGoesWithItsLastHandleToo)
+{
+    std::string const strName = UniqueName("owned");
+    for (bool const fByOwner : {true, false}) {
+        HANDLE const hMutex = CreateMutexA(nullptr, TRUE, strName.c_str());
+        EXPECT_EQ(GetLastError(), DWORD{NO_ERROR}) << fByOwner;
+        EXPECT_TRUE(fByOwner ? CloseHandle(hMutex)
+                             : OnOtherThread([&] { return CloseHandle(hMutex); }));
+        EXPECT_FAILS(OpenMutexA(MUTEX_ALL_ACCESS, FALSE, strName.c_str()), ERROR_FILE_NOT_FOUND);
+    }
+    CTestHandle const hNew(CreateMutexA(nullptr, FALSE, strName.c_str()));
+    EXPECT_EQ(WaitElsewhere(hNew), kdwTaken) << "not held by who held the ones before";
+}
+
+namespace {
+
+// With no room in memory, and none in /tmp either unless strRoom says "next".
+CTestRole const g_crowded("name-without-room", [](std::string const &strRoom) {
+    std::string const strName = UniqueName("crowded");
+    HANDLE const hEvent = CreateEventA(nullptr, TRUE, TRUE, strName.c_str());
+    EXPECT_EQ(GetLastError(), strRoom == "next" ? NO_ERROR : DWORD{ERROR_DISK_FULL});
+    if (hEvent != nullptr) {
+        CTestHandle const hAgain(OpenEventA(EVENT_ALL_ACCESS, FALSE, strName.c_str()));
+        EXPECT_TRUE(ResetEvent(hAgain));
+        EXPECT_EQ(WaitForSingleObject(hEvent, 0), kdwTimeout) << "another object";
+        EXPECT_TRUE(CloseHandle(hEvent));
+    }
+    for (std::string const strBase : {"/dev/shm/qoma-0", "/tmp/qoma-0"}) {
+        for (auto const &entry : std::filesystem::directory_iterator(strBase)) {
+            EXPECT_EQ(entry.path().string().find(".new-"), std::string::npos) << entry;
+        }
+    }
+    return testing::Test::HasFailure() ? 1 : 0;
+});
+
+} // namespace
+
+TEST(Named, AFullMemoryIsNoReasonToDie)
+{
+    // In folders of these processes' own, with one page each, which is taken.
+    std::string const strFull =
+        " && mount -t tmpfs -o size=4k none $D && mkdir -m 700 $D/qoma-0 && "
+        "echo x > $D/taken && \"$PROGRAM\" --role name-without-room ";
+    if (!kIsPosix || RunCommand("[ $(id -u) = 0 ] && unshare -m true") != 0) {
+        GTEST_SKIP() << "needs the right to mount";
+    }
+    EXPECT_EQ(RunCommand("PROGRAM='" + OwnProgram() + "' exec unshare -m sh -c '" +
+                         "mkdir -p -m 700 /tmp/qoma-0 && D=/dev/shm" + strFull + "next && D=/tmp" +
+                         strFull + "none'"),
+              0u);
+}
+
 TEST(Named, NamesAreToldApart)
 {
     // Case, signs that a file name cannot hold, and an end that a file name is too short for.
@@ -284,8 +344,9 @@ int HoldMutex(std::string const &strName)
 {
     HANDLE const hMutex = CreateMutexA(nullptr, TRUE, (strName + "m").c_str());
     HANDLE const hTaken = OpenEventA(EVENT_MODIFY_STATE, FALSE, (strName + "e").c_str());
-    if (hMutex && hTaken && SetEvent(hTaken))
+    if (hMutex && hTaken && SetEvent(hTaken)) {
         Sleep(INFINITE);
+    }
     return 1;
 }
 
@@ -307,8 +368,9 @@ TEST(Processes, AKilledOwnersMutexIsAbandonedAndThenGoneWithItsLastHandle)
             dwSleeper = WaitForSingleObject(hMutex, kdwLimit);
             ReleaseMutex(hMutex);
         });
-        if (nRound == 1)
+        if (nRound == 1) {
             Sleep(20); // once with the waiter asleep, mostly
+        }
         holder.Kill();
         sleeper.join();
         EXPECT_EQ(dwSleeper, kdwAbandoned);

@@ -7,7 +7,7 @@
 
 namespace {
 
-/// What a thread that was not waited for leaves in the counts may take a moment to go.
+// What a thread that was not waited for leaves in the counts may take a moment to go.
 bool ComesDownTo(DWORD (*pfnCount)(), DWORD cWanted)
 {
     return WaitFor([&] { return pfnCount() <= cWanted; });
@@ -66,11 +66,13 @@ TEST(Thread, HundredsOfThemLeaveNothing)
         ResetEvent(hEvent);
         CTestHandle hThread(StartThread(&SetGivenEvent, hEvent));
         EXPECT_TRUE(n % 3 != 0 || ExitCodeOf(hThread) == 7);
-        if (n % 3 == 1)
+        if (n % 3 == 1) {
             hThread.Close(); // while it runs, mostly
+        }
         EXPECT_EQ(WaitForSingleObject(hEvent, kdwLimit), DWORD{WAIT_OBJECT_0});
-        if (kIsPosix && n % 3 == 2) // Windows keeps such a thread for ever
+        if (kIsPosix && n % 3 == 2) { // Windows keeps such a thread for ever
             CTestHandle(StartThread(&SetGivenEvent, hEvent, CREATE_SUSPENDED)).Close();
+        }
     }
     EXPECT_TRUE(ComesDownTo(&PlatThreadCount, cThreads));
     EXPECT_TRUE(ComesDownTo(&PlatHandleCount, cHandles));

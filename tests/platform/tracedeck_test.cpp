@@ -9,8 +9,9 @@ TEST(TraceDeckTest, ShowsLinesSafelyAndKeepsThemInAFile)
 {
     auto const path = std::filesystem::path(OwnProgram())
                           .replace_filename(kIsPosix ? "tracedeck" : "tracedeck.exe");
-    if (!std::filesystem::exists(path))
+    if (!std::filesystem::exists(path)) {
         GTEST_SKIP() << "tracedeck has not been built";
+    }
     CTempDir const dir;
     auto const start = [&](std::string const &strArguments) {
         HANDLE const hOut = CreateFileA(dir.File("out").c_str(), GENERIC_WRITE, 3, nullptr,

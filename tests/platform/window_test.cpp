@@ -15,7 +15,7 @@ LRESULT Send(HWND hWnd, std::string const &str, ULONG_PTR dwData = 0)
     return SendMessageA(hWnd, WM_COPYDATA, 0, reinterpret_cast<LPARAM>(&data));
 }
 
-/// A viewer on a thread of its own that answers the length of a message and keeps it.
+// A viewer on a thread of its own that answers the length of a message and keeps it.
 class CViewer {
 public:
     explicit CViewer(std::string strTitle)
@@ -68,7 +68,7 @@ CTestRole const g_sender("send-messages", [](std::string const &strTitle) {
     return fRight ? 0 : 1;
 });
 
-/// A viewer whose callback tells that it was reached, by a file, and never returns.
+// A viewer whose callback tells that it was reached, by a file, and never returns.
 CTestRole const g_stuck("stuck-viewer", [](std::string const &strFile) {
     static std::string s_strFile;
     s_strFile = strFile;
@@ -101,12 +101,14 @@ TEST(WindowTest, ManySendersAtOnceLoseNothing)
     std::vector<std::thread> senders;
     for (int i = 0; i < kcSenders; ++i) {
         senders.emplace_back([&viewer, i] {
-            for (int n = 0; n < kcMessages; ++n)
+            for (int n = 0; n < kcMessages; ++n) {
                 EXPECT_NE(Send(viewer.m_hWnd, std::to_string(i) + ":" + std::to_string(n)), 0);
+            }
         });
     }
-    for (std::thread &sender : senders)
+    for (std::thread &sender : senders) {
         sender.join();
+    }
     // Whole, once, and each sender's in its order.
     std::vector<int> anNext(kcSenders);
     for (std::string const &str : viewer.Messages()) {
@@ -173,16 +175,13 @@ TEST(WindowTest, AViewerThatDiesReleasesItsSendersAndItsTitle)
 
 TEST(WindowTest, GarbageAtTheSocketDisturbsNobody)
 {
-    DWORD dwExit = 99;
-    PlatRunCommand("python3 -c \"\"", nullptr, 0, kdwLimit, &dwExit);
-    if (!kIsPosix || dwExit != 0) {
+    if (!kIsPosix || RunCommand("python3 -c \"\"") != 0) {
         GTEST_SKIP() << "needs a local socket and python3 to write to it";
     }
     std::string const strTitle = UniqueName("window");
     CViewer viewer(strTitle);
     // Peers that talk nonsense are closed; those that stop half-way wait, and hold up nobody.
-    PlatEnvType const variable = {"TITLE", strTitle.c_str()};
-    ASSERT_TRUE(PlatRunCommand(R"(python3 -c '
+    DWORD const dwExit = RunCommand(R"(python3 -c '
 import os, socket, struct
 n = 0xCBF29CE484222325
 for b in os.environ["TITLE"].encode():
@@ -205,7 +204,7 @@ assert struct.unpack("<q", s.recv(8))[0] == 103
 halves[2].sendall(b"cde")
 assert struct.unpack("<q", halves[2].recv(8))[0] == 5
 ')",
-                               &variable, 1, kdwLimit, &dwExit));
+                                    {{"TITLE", strTitle.c_str()}});
     EXPECT_EQ(dwExit, 0u);
     EXPECT_EQ(viewer.Messages(), (std::vector<std::string>{"abc", "abcde"}));
 }

@@ -254,7 +254,9 @@ void DeviceStep(CDeviceHolder &holder, CDice &dice)
         [](auto &device, auto &r) { device.RefuseClaims(r.Below(8)); },
         [](auto &device, auto &r) { device.SetLate(r.OneIn(2) ? 0 : r.Below(100)); },
         [](auto &device, auto &r) { device.GarbleAnswers(r.OneIn(4) ? 1 : 0); },
-        [](auto &device, auto &r) { r.OneIn(20) ? device.SendGarbage() : device.AnnounceFax(); },
+        [](auto &device, auto &r) {
+            r.OneIn(20) ? device.SendGarbage() : void(device.AnnounceFax());
+        },
         [](auto &device, auto &r) { device.SetMute(r.OneIn(20)); },
         [](auto &device, auto &r) { device.SetFeeder(r.OneIn(2)); }};
     holder.With([&](CSoftDevice &device) {

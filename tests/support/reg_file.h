@@ -13,8 +13,10 @@
 inline std::string ReplaceAll(std::string strText, std::string const &strOld,
                               std::string const &strNew)
 {
-    for (std::size_t n = 0; (n = strText.find(strOld, n)) != std::string::npos; n += strNew.size())
+    for (std::size_t n = 0; (n = strText.find(strOld, n)) != std::string::npos;
+         n += strNew.size()) {
         strText.replace(n, strOld.size(), strNew);
+    }
     return strText;
 }
 

@@ -2,6 +2,7 @@
 
 #include "trace/g_trace.h"
 
+#include "platform/fifo.h"
 #include "tests/support/guards.h"
 #include "tests/support/reg_file.h"
 
@@ -51,9 +52,10 @@ TEST_F(CTraceTest, SettingsAndTables)
     EXPECT_EQ(std::string(g_szTdExeName).substr(0, 10), "test_trace");
     auto rows = [](std::string const &strTable, int cRows) {
         std::string str;
-        for (int n = 0; n < cRows; ++n)
+        for (int n = 0; n < cRows; ++n) {
             str += "\n[$K\\" + strTable + "\\" + std::to_string(n) +
                    "]\n\"Short Name\"=\"1234567890\"\n";
+        }
         return str;
     };
     Reg("\"Title\"=\"a title\"\n\"Path\"=hex:61,62\n" + rows("Modules", 70) + rows("Levels", 12));
@@ -82,8 +84,9 @@ TEST_F(CTraceTest, LinesInTheFile)
     Reg(m_strOn);
     TdLoadSettings(0);
     std::thread loader([] { // the client has no owner: any thread may load while others log
-        for (int n = 0; n < 50; ++n)
+        for (int n = 0; n < 50; ++n) {
             TdLoadSettings(0);
+        }
     });
     auto expect = [&](std::uint64_t mode, std::uint64_t module, DWORD dwLevel,
                       std::string const &strText, std::string const &strExpected) {
@@ -94,7 +97,10 @@ TEST_F(CTraceTest, LinesInTheFile)
     };
     for (std::uint64_t mode : {4u, 6u}) { // the debugger adds a line end of its own
         expect(mode, 2, 1, "text", "[M1] E: text\r\n");
-        expect(mode, 2, 1, std::string(300, 'x'), "[M1] E: " + std::string(245, 'x') + "\r\n");
+        for (std::size_t cchShown : {246u, 247u}) { // a line of 255 characters is whole
+            std::string const strShown = "[M1] E: " + std::string(cchShown, 'x') + "\r\n";
+            expect(mode, 2, 1, std::string(cchShown == 246 ? 248 : 247, 'x'), strShown);
+        }
     }
     expect(eTM_FILE, 3, 2, "text", "[OTHER]- text\r\n");
     expect(eTM_FILE, 2, 1, "text\r\n", "[M1] E: text\r\n");
@@ -111,10 +117,28 @@ TEST_F(CTraceTest, LinesInTheFile)
     EXPECT_TRUE(str.ends_with("}[M1] E: \"" + std::string(g_szTdExeName) + "\" 42\r\n")) << str;
 }
 
+TEST_F(CTraceTest, FileThatIsAPipeThatNobodyReads)
+{
+    if (!kIsPosix) {
+        GTEST_SKIP() << "a pipe is no file there";
+    }
+    ASSERT_EQ(std::system(("mkfifo " + m_strFile).c_str()), 0);
+    CPlatFifo fifo;
+    ASSERT_TRUE(fifo.Open(m_strFile.c_str()));
+    Reg(m_strOn);
+    TdLoadSettings(eTM_FILE);
+    auto const start = std::chrono::steady_clock::now();
+    for (int n = 0; n < 8000; ++n) { // more than it has room for
+        TdLog("%d", n);
+    }
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+}
+
 TEST_F(CTraceTest, ViewerThatCannotBeStartedIsToldOnce)
 {
-    if (!kIsPosix)
+    if (!kIsPosix) {
         GTEST_SKIP() << "a message box waits for a person there";
+    }
     Reg("\"Title\"=\"no such window\"\n\"Path\"=\"/no/such/program\"\n\"Auto Start\"=dword:1\n");
     testing::internal::CaptureStderr();
     TdConnect();

@@ -3,6 +3,8 @@
 
 #include "agent/QOMANoAg.h"
 #include "platform/export.h"
+#include "platform/sync.h"
+#include "platform/thread.h"
 
 #include <atomic>
 #include <memory>
@@ -51,4 +53,15 @@ extern "C" PLAT_EXPORT DWORD ClientDisconnect()
     g_pLocal.reset();
     g_pNetwork.reset();
     return dwLocal != NO_ERROR ? dwLocal : dwNetwork;
+}
+
+// Leaves a thread behind that goes on when *pnStage is 1, and makes it 2.
+extern "C" PLAT_EXPORT DWORD ClientLinger(std::atomic<int> *pnStage)
+{
+    return PlatRunDetached([pnStage] {
+        while (*pnStage != 1) {
+            Sleep(1);
+        }
+        *pnStage = 2;
+    });
 }

@@ -1,0 +1,131 @@
+#pragma once
+
+// What stands behind one CSession: the steps that a supervisor runs, and the agent's callback.
+//
+// Everything that can wait for the device happens in a step. The callback only looks, queues and wakes: one
+// that entered a locked operation of the agent while Shutdown waits for its thread would get nothing done.
+
+#include "session/session.h"
+#include "session/supervisor.h"
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+
+/// Pauses between tries: each is twice as long as the one before it, up to a limit.
+class CGrowingPause {
+public:
+    explicit CGrowingPause(std::chrono::milliseconds first) : m_first(first), m_next(first) {}
+
+    /// When the next try is due.
+    SessionTime Next()
+    {
+        auto const pause = m_next;
+        m_next = std::min(m_next * 2, kLongest);
+        return SessionClock::now() + pause;
+    }
+    void Reset() { m_next = m_first; }
+
+private:
+    static constexpr std::chrono::milliseconds kLongest{30000};
+    std::chrono::milliseconds const m_first;
+    std::chrono::milliseconds m_next;
+};
+
+class CSessionImpl : public CSupervised {
+public:
+    static std::shared_ptr<CSessionImpl> Create(CSupervisor &supervisor, SessionOptions options,
+                                                std::shared_ptr<CEventQueue> pEvents);
+    CSessionImpl(CSupervisor &supervisor, SessionOptions options,
+                 std::shared_ptr<CEventQueue> pEvents, DWORD dwId);
+    ~CSessionImpl() override;
+
+    std::optional<SessionTime> Step() override;
+
+    void End(SessionTime tpTakeBack);
+    bool WaitForEnd(SessionTime tpEnd);
+    CNotifyAgent &Agent() { return m_agent; }
+
+private:
+    struct PanelEntry {
+        std::string strOption;
+        DWORD dwInstance = 0;
+        bool bPlaced = false;
+        bool bMayBeThere = false; // placed, or the answer to that did not come
+    };
+    struct Silencing { // of the listener
+        std::string strHow;
+        SessionTime tpRestart; // when the link is to be started anew
+    };
+
+    static DWORD OnNotification(CallbackType eType, CallbackDataType *pData);
+    void Hear(CallbackType eType, CallbackDataType const &data);
+    void JudgeSequence(Notification const &notification);
+    bool IsOurs(Notification const &notification) const;
+    void Silence(std::string strHow);
+
+    SessionTime DoWhatIsDue();
+    void Connect();
+    void Reconnected();
+    void BeginLink();
+    void ForgetSequences();
+    void RestartIfSilenced();
+    void Subscribe();
+    DWORD Place(PanelEntry &entry);
+    void Unsubscribe(SessionTime tpEnd);
+    bool IsSubscribed() const;
+    void Heartbeat();
+    void CheckListener();
+    std::optional<WORD> ToldPort();
+    void LoseLink(DWORD dwResult);
+    void Disconnect(DWORD dwResult);
+    bool IsEnding();
+    void Finish();
+
+    void Tell(LinkStateType eState, DWORD dwResult = 0, std::string strWhat = {});
+
+    CSupervisor &m_supervisor;
+    SessionOptions const m_options;
+    std::shared_ptr<CEventQueue> const m_pEvents;
+    DWORD const m_dwId;             // in the agent's word for us, which is too narrow for a pointer
+    std::string const m_strProbe;   // the datagram to our own port
+    std::string const m_strAddress; // of the device, for people
+
+    std::atomic<bool> m_bReconnected{false}; // the agent has restarted the link by itself
+
+    // The step's own.
+    std::vector<PanelEntry> m_entries;
+    DWORD m_dwSubscribed = 0;  // flags but eNF_SELECT
+    bool m_bConnected = false; // the agent is, or its library tries to be
+    bool m_bReachable = false; // the device answers
+    bool m_bBroken = false;    // the library has lost its link, and will restart it
+    bool m_bAsks = true;       // the device tells entries that it has from those it has not
+    WORD m_wListenerPort = 0;  // 0: not asked for yet
+    bool m_bHasEchoed = false; // the listener has been heard since the last connect
+    unsigned m_cUnanswered = 0;
+    unsigned m_cEchoesMissed = 0;
+    SessionTime m_tpConnect;
+    SessionTime m_tpSubscribe;
+    SessionTime m_tpHeartbeat;
+    SessionTime m_tpListener;
+    CGrowingPause m_connectPause;
+    CGrowingPause m_subscribePause;
+
+    std::mutex m_mx; // a leaf but for the queue's lock; guards what follows
+    std::condition_variable m_cv;
+    bool m_bEndAsked = false;
+    bool m_bEnded = false;
+    SessionTime m_tpTakeBack;
+    std::optional<Silencing> m_silencing;
+    CGrowingPause m_restartPause;
+    SessionTime m_tpLastRestart;
+    DWORD m_dwLastSequence = 0; // of a pick of ours, since the last connect
+    bool m_bEverUp = false;
+    std::optional<LinkStateType> m_told; // the state told last
+    DWORD m_dwTold = 0;                  // and why
+
+    CNotifyAgent m_agent; // last: its threads use what stands above
+};

@@ -1,0 +1,117 @@
+#include "session/supervisor.h"
+
+#include <system_error>
+
+CSupervisor::CSupervisor(std::size_t cMaxThreads) : m_cMaxThreads(cMaxThreads)
+{
+    m_threads.reserve(m_cMaxThreads); // so that a thread that was started is never lost
+    m_cWaiting = 1;
+    m_threads.emplace_back(&CSupervisor::RunThread, this);
+}
+
+CSupervisor::~CSupervisor()
+{
+    {
+        Lock lock(m_mx);
+        m_cv.wait(lock, [this] { return m_work.empty(); });
+        m_bEnding = true;
+    }
+    m_cv.notify_all();
+    for (std::thread &thread : m_threads) {
+        thread.join();
+    }
+}
+
+void CSupervisor::Add(std::shared_ptr<CSupervised> pWork)
+{
+    Lock const lock(m_mx);
+    CSupervised const *const pKey = pWork.get();
+    Entry &entry = m_work[pKey];
+    entry.pWork = std::move(pWork);
+    SetDue(entry, SessionClock::now());
+}
+
+void CSupervisor::Wake(CSupervised const *pWork)
+{
+    Lock const lock(m_mx);
+    auto const it = m_work.find(pWork);
+    if (it == m_work.end()) {
+        return;
+    }
+    Entry &entry = it->second;
+    if (entry.bRunning) {
+        entry.bWoken = true;
+    } else {
+        m_due.erase({entry.tpDue, pWork});
+        SetDue(entry, SessionClock::now());
+    }
+}
+
+void CSupervisor::RunThread()
+{
+    Lock lock(m_mx);
+    while (!m_bEnding) {
+        if (m_due.empty()) {
+            m_cv.wait(lock);
+            continue;
+        }
+        auto const [tpDue, pKey] = *m_due.begin();
+        if (tpDue == SessionTime::max()) {
+            m_cv.wait(lock);
+        } else if (tpDue > SessionClock::now()) {
+            m_cv.wait_until(lock, tpDue);
+        } else {
+            RunStep(lock, pKey);
+        }
+    }
+}
+
+void CSupervisor::RunStep(Lock &lock, CSupervised const *pKey)
+{
+    Entry &entry = m_work.at(pKey);
+    m_due.erase({entry.tpDue, pKey});
+    entry.bRunning = true;
+    entry.bWoken = false;
+    --m_cWaiting;
+    if (!m_due.empty()) {
+        SeeThatOneWaits();
+    }
+    lock.unlock();
+    auto const next = entry.pWork->Step();
+    lock.lock();
+    ++m_cWaiting;
+    entry.bRunning = false;
+    if (next) {
+        SetDue(entry, entry.bWoken ? SessionClock::now() : *next);
+        return;
+    }
+    auto pWork = std::move(entry.pWork);
+    m_work.erase(pKey);
+    m_cv.notify_all();
+    lock.unlock();
+    pWork.reset(); // it may be the last to hold it
+    lock.lock();
+}
+
+// Under the lock. Also for an object whose place in m_due has been taken out.
+void CSupervisor::SetDue(Entry &entry, SessionTime tpDue)
+{
+    entry.tpDue = tpDue;
+    m_due.insert({tpDue, entry.pWork.get()});
+    SeeThatOneWaits();
+    m_cv.notify_all();
+}
+
+// Under the lock. Where no further thread can be had the work waits for one that is busy.
+void CSupervisor::SeeThatOneWaits()
+{
+    if (m_cWaiting > 0 || m_threads.size() == m_cMaxThreads) {
+        return;
+    }
+    try {
+        m_threads.emplace_back(&CSupervisor::RunThread, this);
+        ++m_cWaiting;
+    } catch (std::system_error const &) {
+        // none to be had now
+    }
+}
