@@ -5,6 +5,10 @@
 #include <chrono>
 #include <cstdint>
 #include <string>
+#include <string_view>
+
+/// What every type of ours begins with.
+inline constexpr std::string_view kHubTypePrefix = "local.qoma.";
 
 /// One event. Its envelope is made once, before it is journalled, and never again: each retry and each sink hands
 /// on the same bytes.
@@ -18,3 +22,10 @@ struct HubEvent {
         tpTime;          ///< when the agent learnt of it; "time" to the millisecond
     std::string strJson; ///< the whole envelope, UTF-8, one line without a line end
 };
+
+/// A type without the prefix: "panel.picked", which is what rules, topics and people name.
+inline std::string_view ShortHubType(HubEvent const &event)
+{
+    std::string_view const strType = event.strType;
+    return strType.starts_with(kHubTypePrefix) ? strType.substr(kHubTypePrefix.size()) : strType;
+}
