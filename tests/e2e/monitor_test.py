@@ -152,7 +152,7 @@ class TruthTest(MonitorTest):
     def test_a_silent_and_a_foreign_device(self):
         device = self.device()
         client = self.client(device)
-        connected = client.everything()[0]
+        connected = json.loads(client.expect("^{.*}$").group(0))
         self.assertEqual(("link", "connected", "127.0.0.1", f"127.0.0.1:{device.port}", ["select", "fax"],
                           ["notifymon"]), tuple(connected[key] for key in (
                               "kind", "state", "device", "address", "subscribed", "entries")))
