@@ -17,7 +17,7 @@ std::uint64_t KeyOf(CDeviceLoop::Place place, DWORD dwSocket)
 CDeviceLoop::~CDeviceLoop()
 {
     {
-        std::lock_guard const lock(m_mx);
+        CPlatGuard const lock(m_mx);
         m_fEnding = true;
     }
     m_set.Wake();
@@ -38,16 +38,17 @@ bool CDeviceLoop::Start(std::string *pstrError)
 
 CDeviceLoop::Place CDeviceLoop::Attach(Client &client)
 {
-    std::lock_guard const lock(m_mx);
+    CPlatGuard const lock(m_mx);
     m_clients[++m_lastPlace] = {&client, LinkTime::max()};
     return m_lastPlace;
 }
 
 void CDeviceLoop::Detach(Place place)
 {
-    std::unique_lock lock(m_mx);
+    CPlatWaitGuard lock(m_mx);
     m_clients.erase(place);
-    m_cv.wait(lock, [&] { return m_serving != place || place == 0; });
+    m_cv.wait(lock.Native(),
+              [&]() PLAT_REQUIRES(m_mx) { return m_serving != place || place == 0; });
 }
 
 bool CDeviceLoop::Add(Place place, SOCKET s, DWORD dwSocket)
@@ -68,7 +69,7 @@ void CDeviceLoop::Remove(SOCKET s)
 void CDeviceLoop::Wake(Place place)
 {
     {
-        std::lock_guard const lock(m_mx);
+        CPlatGuard const lock(m_mx);
         auto const it = m_clients.find(place);
         if (it == m_clients.end() || it->second.due == LinkTime::min()) {
             return; // gone, or woken already
@@ -84,7 +85,7 @@ void CDeviceLoop::Serve(Place place, CPlatSocketSet::Ready const *pReady)
 {
     Client *pClient = nullptr;
     {
-        std::lock_guard const lock(m_mx);
+        CPlatGuard const lock(m_mx);
         auto const it = m_clients.find(place);
         if (it == m_clients.end()) {
             return;
@@ -97,7 +98,7 @@ void CDeviceLoop::Serve(Place place, CPlatSocketSet::Ready const *pReady)
         pClient->OnReady(static_cast<DWORD>(pReady->qwKey), pReady->bRead, pReady->bWrite);
     }
     LinkTime const due = pClient->OnTime(LinkClock::now());
-    std::lock_guard const lock(m_mx);
+    CPlatGuard const lock(m_mx);
     m_serving = 0;
     m_cv.notify_all();
     if (auto const it = m_clients.find(place); it != m_clients.end()) {
@@ -109,7 +110,7 @@ void CDeviceLoop::Serve(Place place, CPlatSocketSet::Ready const *pReady)
 DWORD CDeviceLoop::UntilNext()
 {
     LinkTime next = LinkTime::max();
-    std::lock_guard const lock(m_mx);
+    CPlatGuard const lock(m_mx);
     for (auto const &[place, entry] : m_clients) {
         next = std::min(next, entry.due);
     }
@@ -117,6 +118,20 @@ DWORD CDeviceLoop::UntilNext()
         return INFINITE;
     }
     return next <= LinkClock::now() ? 0 : MillisecondsUntil(next);
+}
+
+// Whose time it is. False at the end.
+bool CDeviceLoop::TakeDue(std::vector<Place> *pDue)
+{
+    pDue->clear();
+    LinkTime const now = LinkClock::now();
+    CPlatGuard const lock(m_mx);
+    for (auto const &[place, entry] : m_clients) {
+        if (entry.due <= now) {
+            pDue->push_back(place);
+        }
+    }
+    return !m_fEnding;
 }
 
 void CDeviceLoop::Run()
@@ -128,18 +143,8 @@ void CDeviceLoop::Run()
         for (std::size_t i = 0; i < c; ++i) {
             Serve(static_cast<Place>(ready[i].qwKey >> 32), &ready[i]);
         }
-        due.clear();
-        {
-            std::lock_guard const lock(m_mx);
-            if (m_fEnding) {
-                return;
-            }
-            LinkTime const now = LinkClock::now();
-            for (auto const &[place, entry] : m_clients) {
-                if (entry.due <= now) {
-                    due.push_back(place);
-                }
-            }
+        if (!TakeDue(&due)) {
+            return;
         }
         for (Place const place : due) {
             Serve(place, nullptr);

@@ -3,12 +3,12 @@
 /// One thread that waits for the sockets and the times of any number of devices.
 
 #include "devlink/link_stream.h"
+#include "platform/lock.h"
 #include "platform/socketset.h"
 
 #include <condition_variable>
 #include <cstdint>
 #include <map>
-#include <mutex>
 #include <thread>
 
 /// The thread, and whom it serves. Every function may be called by any thread, unless it says otherwise.
@@ -61,15 +61,16 @@ private:
     void Run();
     void Serve(Place place, CPlatSocketSet::Ready const *pReady); // null: only its time
     DWORD UntilNext();
+    bool TakeDue(std::vector<Place> *pDue);
 
     CSocketLibrary m_library;
     CPlatSocketSet m_set;
     std::thread m_thread;
 
-    std::mutex m_mx; // a leaf; guards what follows
+    CPlatMutex m_mx; // a leaf
     std::condition_variable m_cv;
-    std::map<Place, Entry> m_clients;
-    Place m_lastPlace = 0; // no place is given twice
-    Place m_serving = 0;   // whom the thread is inside of
-    bool m_fEnding = false;
+    std::map<Place, Entry> m_clients PLAT_GUARDED_BY(m_mx);
+    Place m_lastPlace PLAT_GUARDED_BY(m_mx) = 0; // no place is given twice
+    Place m_serving PLAT_GUARDED_BY(m_mx) = 0;   // whom the thread is inside of
+    bool m_fEnding PLAT_GUARDED_BY(m_mx) = false;
 };

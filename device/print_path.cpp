@@ -96,7 +96,7 @@ bool CPrintPath::CheckFile(std::string *pstrError)
 void CPrintPath::Stop()
 {
     {
-        std::lock_guard lock(m_mx);
+        CPlatGuard const lock(m_mx);
         m_fEnding = true;
         m_cv.notify_all();
     }
@@ -107,14 +107,14 @@ void CPrintPath::Stop()
 
 bool CPrintPath::IsEnding()
 {
-    std::lock_guard lock(m_mx);
+    CPlatGuard const lock(m_mx);
     return m_fEnding;
 }
 
 bool CPrintPath::Pause()
 {
-    std::unique_lock lock(m_mx);
-    return !m_cv.wait_for(lock, kPause, [&] { return m_fEnding; });
+    CPlatWaitGuard lock(m_mx);
+    return !m_cv.wait_for(lock.Native(), kPause, [&]() PLAT_REQUIRES(m_mx) { return m_fEnding; });
 }
 
 void CPrintPath::Deliver(std::vector<DiscoveryFind> const &finds)

@@ -8,10 +8,10 @@
 ///
 /// Reading keeps a well-behaved writer out for the moment that it takes, as a busy printer port does.
 #include "device/discovery_job.h"
+#include "platform/lock.h"
 
 #include <condition_variable>
 #include <functional>
-#include <mutex>
 #include <string>
 #include <thread>
 
@@ -49,9 +49,9 @@ private:
     LogFn const m_log;
     std::thread m_thread;
 
-    std::mutex m_mx; // guards m_fEnding
+    CPlatMutex m_mx; // a leaf
     std::condition_variable m_cv;
-    bool m_fEnding = false;
+    bool m_fEnding PLAT_GUARDED_BY(m_mx) = false;
 
     // The watching thread's.
     unsigned long long m_cbSeen = 0; // of a file that breaks off, when it was last looked at
