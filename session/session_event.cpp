@@ -44,7 +44,7 @@ void ReadOption(Notification &notification, std::vector<std::string> const &entr
 void CEventQueue::Put(SessionEvent event)
 {
     {
-        std::lock_guard const lock(m_mx);
+        CPlatGuard const lock(m_mx);
         m_events.push_back(std::move(event));
         if (m_events.size() > m_cLimit) {
             m_events.pop_front();
@@ -56,9 +56,10 @@ void CEventQueue::Put(SessionEvent event)
 
 std::optional<SessionEvent> CEventQueue::Take(SessionTime tpEnd)
 {
-    std::unique_lock lock(m_mx);
-    m_cv.wait_until(lock, tpEnd,
-                    [this] { return m_bStopped || m_cDropped > 0 || !m_events.empty(); });
+    CPlatWaitGuard lock(m_mx);
+    m_cv.wait_until(lock.Native(), tpEnd, [this]() PLAT_REQUIRES(m_mx) {
+        return m_bStopped || m_cDropped > 0 || !m_events.empty();
+    });
     if (m_bStopped) {
         return std::nullopt;
     }
@@ -77,7 +78,7 @@ std::optional<SessionEvent> CEventQueue::Take(SessionTime tpEnd)
 void CEventQueue::Stop()
 {
     {
-        std::lock_guard const lock(m_mx);
+        CPlatGuard const lock(m_mx);
         m_bStopped = true;
     }
     m_cv.notify_all();
@@ -85,13 +86,13 @@ void CEventQueue::Stop()
 
 bool CEventQueue::IsStopped() const
 {
-    std::lock_guard const lock(m_mx);
+    CPlatGuard const lock(m_mx);
     return m_bStopped;
 }
 
 std::uint64_t CEventQueue::NotificationsLeft() const
 {
-    std::lock_guard const lock(m_mx);
+    CPlatGuard const lock(m_mx);
     auto const cWaiting =
         std::count_if(m_events.begin(), m_events.end(), [](SessionEvent const &event) {
             return std::holds_alternative<Notification>(event.what);

@@ -3,13 +3,13 @@
 // What a session yields, and the bounded queue that keeps it until somebody takes it.
 
 #include "agent/QOMANoAg.h"
+#include "platform/lock.h"
 
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <variant>
@@ -101,9 +101,9 @@ public:
 
 private:
     std::size_t const m_cLimit;
-    mutable std::mutex m_mx; // a leaf; guards what follows
+    mutable CPlatMutex m_mx; // a leaf
     std::condition_variable m_cv;
-    std::deque<SessionEvent> m_events;
-    std::uint64_t m_cDropped = 0;
-    bool m_bStopped = false;
+    std::deque<SessionEvent> m_events PLAT_GUARDED_BY(m_mx);
+    std::uint64_t m_cDropped PLAT_GUARDED_BY(m_mx) = 0;
+    bool m_bStopped PLAT_GUARDED_BY(m_mx) = false;
 };

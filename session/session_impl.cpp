@@ -47,30 +47,30 @@ class CRegister {
 public:
     DWORD NewId()
     {
-        std::lock_guard const lock(m_mx);
+        CPlatGuard const lock(m_mx);
         return ++m_dwLast;
     }
     void Add(DWORD dwId, std::weak_ptr<CSessionImpl> pSession)
     {
-        std::lock_guard const lock(m_mx);
+        CPlatGuard const lock(m_mx);
         m_sessions[dwId] = std::move(pSession);
     }
     void Remove(DWORD dwId)
     {
-        std::lock_guard const lock(m_mx);
+        CPlatGuard const lock(m_mx);
         m_sessions.erase(dwId);
     }
     std::shared_ptr<CSessionImpl> Find(DWORD dwId)
     {
-        std::lock_guard const lock(m_mx);
+        CPlatGuard const lock(m_mx);
         auto const it = m_sessions.find(dwId);
         return it != m_sessions.end() ? it->second.lock() : nullptr;
     }
 
 private:
-    std::mutex m_mx; // a leaf
-    std::map<DWORD, std::weak_ptr<CSessionImpl>> m_sessions;
-    DWORD m_dwLast = 0;
+    CPlatMutex m_mx; // a leaf
+    std::map<DWORD, std::weak_ptr<CSessionImpl>> m_sessions PLAT_GUARDED_BY(m_mx);
+    DWORD m_dwLast PLAT_GUARDED_BY(m_mx) = 0;
 };
 
 CRegister &Register()
@@ -142,7 +142,7 @@ CSessionImpl::~CSessionImpl()
 void CSessionImpl::End(SessionTime tpTakeBack)
 {
     {
-        std::lock_guard const lock(m_mx);
+        CPlatGuard const lock(m_mx);
         if (!m_bEndAsked) {
             m_tpTakeBack = tpTakeBack;
         }
@@ -153,8 +153,8 @@ void CSessionImpl::End(SessionTime tpTakeBack)
 
 bool CSessionImpl::WaitForEnd(SessionTime tpEnd)
 {
-    std::unique_lock lock(m_mx);
-    return m_cv.wait_until(lock, tpEnd, [this] { return m_bEnded; });
+    CPlatWaitGuard lock(m_mx);
+    return m_cv.wait_until(lock.Native(), tpEnd, [this]() PLAT_REQUIRES(m_mx) { return m_bEnded; });
 }
 
 // ---- The agent's callback thread
@@ -209,7 +209,7 @@ void CSessionImpl::JudgeSequence(Notification const &notification)
         return;
     }
     {
-        std::lock_guard const lock(m_mx);
+        CPlatGuard const lock(m_mx);
         bool const bStep = m_dwLastSequence == 0 || dwSequence - m_dwLastSequence <= kLargestStep;
         if (bStep && dwSequence < INT_MAX && IsOurs(notification)) {
             m_dwLastSequence = dwSequence;
@@ -233,7 +233,7 @@ bool CSessionImpl::IsOurs(Notification const &notification) const
 void CSessionImpl::Silence(std::string strHow)
 {
     {
-        std::lock_guard const lock(m_mx);
+        CPlatGuard const lock(m_mx);
         if (m_silencing) {
             return;
         }
@@ -254,7 +254,7 @@ std::optional<SessionTime> CSessionImpl::Step()
 {
     bool bEnd = false;
     {
-        std::lock_guard const lock(m_mx);
+        CPlatGuard const lock(m_mx);
         bEnd = m_bEndAsked;
     }
     if (bEnd) {
@@ -278,7 +278,7 @@ SessionTime CSessionImpl::DoWhatIsDue()
     }
     std::optional<SessionTime> tpRestart;
     {
-        std::lock_guard const lock(m_mx);
+        CPlatGuard const lock(m_mx);
         if (m_silencing) {
             tpRestart = m_silencing->tpRestart;
         }
@@ -357,7 +357,7 @@ void CSessionImpl::BeginLink()
 // The agent's filter has begun anew.
 void CSessionImpl::ForgetSequences()
 {
-    std::lock_guard const lock(m_mx);
+    CPlatGuard const lock(m_mx);
     m_silencing.reset();
     m_dwLastSequence = 0;
 }
@@ -366,7 +366,7 @@ void CSessionImpl::RestartIfSilenced()
 {
     std::string strHow;
     {
-        std::lock_guard const lock(m_mx);
+        CPlatGuard const lock(m_mx);
         if (!m_silencing) {
             return;
         }
@@ -536,7 +536,7 @@ void CSessionImpl::Disconnect(DWORD dwResult)
 
 bool CSessionImpl::IsEnding()
 {
-    std::lock_guard const lock(m_mx);
+    CPlatGuard const lock(m_mx);
     return m_bEndAsked;
 }
 
@@ -544,7 +544,7 @@ void CSessionImpl::Finish()
 {
     SessionTime tpTakeBack;
     {
-        std::lock_guard const lock(m_mx);
+        CPlatGuard const lock(m_mx);
         tpTakeBack = m_tpTakeBack;
     }
     if (m_bReachable) {
@@ -552,7 +552,7 @@ void CSessionImpl::Finish()
     }
     m_agent.Shutdown();
     {
-        std::lock_guard const lock(m_mx);
+        CPlatGuard const lock(m_mx);
         m_bEnded = true;
     }
     m_cv.notify_all();
@@ -562,7 +562,7 @@ void CSessionImpl::Finish()
 
 void CSessionImpl::Tell(LinkStateType eState, DWORD dwResult, std::string strWhat)
 {
-    std::lock_guard const lock(m_mx);
+    CPlatGuard const lock(m_mx);
     if (eState == eSL_LOST && !m_bEverUp) {
         eState = eSL_WAITING;
     } else if (eState == eSL_CONNECTED && m_bEverUp) {

@@ -13,7 +13,6 @@
 #include <chrono>
 #include <condition_variable>
 #include <memory>
-#include <mutex>
 
 /// Pauses between tries: each is twice as long as the one before it, up to a limit.
 class CGrowingPause {
@@ -114,18 +113,18 @@ private:
     CGrowingPause m_connectPause;
     CGrowingPause m_subscribePause;
 
-    std::mutex m_mx; // a leaf but for the queue's lock; guards what follows
+    CPlatMutex m_mx; // a leaf but for the queue's lock
     std::condition_variable m_cv;
-    bool m_bEndAsked = false;
-    bool m_bEnded = false;
-    SessionTime m_tpTakeBack;
-    std::optional<Silencing> m_silencing;
-    CGrowingPause m_restartPause;
-    SessionTime m_tpLastRestart;
-    DWORD m_dwLastSequence = 0; // of a pick of ours, since the last connect
-    bool m_bEverUp = false;
-    std::optional<LinkStateType> m_told; // the state told last
-    DWORD m_dwTold = 0;                  // and why
+    bool m_bEndAsked PLAT_GUARDED_BY(m_mx) = false;
+    bool m_bEnded PLAT_GUARDED_BY(m_mx) = false;
+    SessionTime m_tpTakeBack PLAT_GUARDED_BY(m_mx);
+    std::optional<Silencing> m_silencing PLAT_GUARDED_BY(m_mx);
+    CGrowingPause m_restartPause PLAT_GUARDED_BY(m_mx);
+    SessionTime m_tpLastRestart PLAT_GUARDED_BY(m_mx);
+    DWORD m_dwLastSequence PLAT_GUARDED_BY(m_mx) = 0; // of a pick of ours, since the last connect
+    bool m_bEverUp PLAT_GUARDED_BY(m_mx) = false;
+    std::optional<LinkStateType> m_told PLAT_GUARDED_BY(m_mx); // the state told last
+    DWORD m_dwTold PLAT_GUARDED_BY(m_mx) = 0;                  // and why
 
     CNotifyAgent m_agent; // last: its threads use what stands above
 };

@@ -12,8 +12,8 @@ CSupervisor::CSupervisor(std::size_t cMaxThreads) : m_cMaxThreads(cMaxThreads)
 CSupervisor::~CSupervisor()
 {
     {
-        Lock lock(m_mx);
-        m_cv.wait(lock, [this] { return m_work.empty(); });
+        CPlatWaitGuard lock(m_mx);
+        m_cv.wait(lock.Native(), [this]() PLAT_REQUIRES(m_mx) { return m_work.empty(); });
         m_bEnding = true;
     }
     m_cv.notify_all();
@@ -24,7 +24,7 @@ CSupervisor::~CSupervisor()
 
 void CSupervisor::Add(std::shared_ptr<CSupervised> pWork)
 {
-    Lock const lock(m_mx);
+    CPlatGuard const lock(m_mx);
     CSupervised const *const pKey = pWork.get();
     Entry &entry = m_work[pKey];
     entry.pWork = std::move(pWork);
@@ -33,7 +33,7 @@ void CSupervisor::Add(std::shared_ptr<CSupervised> pWork)
 
 void CSupervisor::Wake(CSupervised const *pWork)
 {
-    Lock const lock(m_mx);
+    CPlatGuard const lock(m_mx);
     auto const it = m_work.find(pWork);
     if (it == m_work.end()) {
         return;
@@ -49,24 +49,24 @@ void CSupervisor::Wake(CSupervised const *pWork)
 
 void CSupervisor::RunThread()
 {
-    Lock lock(m_mx);
+    CPlatWaitGuard lock(m_mx);
     while (!m_bEnding) {
         if (m_due.empty()) {
-            m_cv.wait(lock);
+            m_cv.wait(lock.Native());
             continue;
         }
         auto const [tpDue, pKey] = *m_due.begin();
         if (tpDue == SessionTime::max()) {
-            m_cv.wait(lock);
+            m_cv.wait(lock.Native());
         } else if (tpDue > SessionClock::now()) {
-            m_cv.wait_until(lock, tpDue);
+            m_cv.wait_until(lock.Native(), tpDue);
         } else {
-            RunStep(lock, pKey);
+            RunStep(pKey);
         }
     }
 }
 
-void CSupervisor::RunStep(Lock &lock, CSupervised const *pKey)
+void CSupervisor::RunStep(CSupervised const *pKey)
 {
     Entry &entry = m_work.at(pKey);
     m_due.erase({entry.tpDue, pKey});
@@ -76,9 +76,9 @@ void CSupervisor::RunStep(Lock &lock, CSupervised const *pKey)
     if (!m_due.empty()) {
         SeeThatOneWaits();
     }
-    lock.unlock();
+    m_mx.unlock();
     auto const next = entry.pWork->Step();
-    lock.lock();
+    m_mx.lock();
     ++m_cWaiting;
     entry.bRunning = false;
     if (next) {
@@ -88,12 +88,12 @@ void CSupervisor::RunStep(Lock &lock, CSupervised const *pKey)
     auto pWork = std::move(entry.pWork);
     m_work.erase(pKey);
     m_cv.notify_all();
-    lock.unlock();
+    m_mx.unlock();
     pWork.reset(); // it may be the last to hold it
-    lock.lock();
+    m_mx.lock();
 }
 
-// Under the lock. Also for an object whose place in m_due has been taken out.
+// Also for an object whose place in m_due has been taken out.
 void CSupervisor::SetDue(Entry &entry, SessionTime tpDue)
 {
     entry.tpDue = tpDue;
@@ -102,7 +102,7 @@ void CSupervisor::SetDue(Entry &entry, SessionTime tpDue)
     m_cv.notify_all();
 }
 
-// Under the lock. Where no further thread can be had the work waits for one that is busy.
+// Where no further thread can be had the work waits for one that is busy.
 void CSupervisor::SeeThatOneWaits()
 {
     if (m_cWaiting > 0 || m_threads.size() == m_cMaxThreads) {

@@ -2,12 +2,12 @@
 
 // The threads of all sessions of a process.
 
+#include "platform/lock.h"
 #include "session/session_event.h"
 
 #include <condition_variable>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <set>
 #include <thread>
@@ -56,20 +56,19 @@ private:
         bool bRunning = false;
         bool bWoken = false; // while it ran
     };
-    using Lock = std::unique_lock<std::mutex>;
     using Due = std::pair<SessionTime, CSupervised const *>;
 
     void RunThread();
-    void RunStep(Lock &lock, CSupervised const *pKey);
-    void SetDue(Entry &entry, SessionTime tpDue);
-    void SeeThatOneWaits();
+    void RunStep(CSupervised const *pKey) PLAT_REQUIRES(m_mx);
+    void SetDue(Entry &entry, SessionTime tpDue) PLAT_REQUIRES(m_mx);
+    void SeeThatOneWaits() PLAT_REQUIRES(m_mx);
 
     std::size_t const m_cMaxThreads;
-    std::mutex m_mx; // a leaf, never held during a step; guards what follows
+    CPlatMutex m_mx; // a leaf, never held during a step
     std::condition_variable m_cv;
-    std::map<CSupervised const *, Entry> m_work;
-    std::set<Due> m_due; // the work that no step runs of
-    std::vector<std::thread> m_threads;
-    std::size_t m_cWaiting = 0; // threads that no step keeps busy
-    bool m_bEnding = false;
+    std::map<CSupervised const *, Entry> m_work PLAT_GUARDED_BY(m_mx);
+    std::set<Due> m_due PLAT_GUARDED_BY(m_mx); // the work that no step runs of
+    std::vector<std::thread> m_threads PLAT_GUARDED_BY(m_mx);
+    std::size_t m_cWaiting PLAT_GUARDED_BY(m_mx) = 0; // threads that no step keeps busy
+    bool m_bEnding PLAT_GUARDED_BY(m_mx) = false;
 };

@@ -123,7 +123,7 @@ std::string OwnText(PanelEntry const &entry)
 
 void CSimulation::Quit()
 {
-    std::lock_guard const lock(m_mx);
+    CPlatGuard const lock(m_mx);
     m_fQuit = true;
     m_cv.notify_all();
     m_trail.Close();
@@ -131,20 +131,20 @@ void CSimulation::Quit()
 
 bool CSimulation::IsQuitting() const
 {
-    std::lock_guard const lock(m_mx);
+    CPlatGuard const lock(m_mx);
     return m_fQuit;
 }
 
 void CSimulation::WaitForQuit() const
 {
-    std::unique_lock lock(m_mx);
-    m_cv.wait(lock, [&] { return m_fQuit; });
+    CPlatWaitGuard lock(m_mx);
+    m_cv.wait(lock.Native(), [&]() PLAT_REQUIRES(m_mx) { return m_fQuit; });
 }
 
 void CSimulation::SleepUntil(LinkTime time) const
 {
-    std::unique_lock lock(m_mx);
-    m_cv.wait_until(lock, time, [&] { return m_fQuit; });
+    CPlatWaitGuard lock(m_mx);
+    m_cv.wait_until(lock.Native(), time, [&]() PLAT_REQUIRES(m_mx) { return m_fQuit; });
 }
 
 bool SplitCommand(std::string_view strLine, std::vector<std::string> *pWords)

@@ -4,10 +4,10 @@
 /// holds a session, gives it a line at a time, and gets the answer back.
 
 #include "device/soft_device.h"
+#include "platform/lock.h"
 #include "tools/mfpsim_trail.h"
 
 #include <condition_variable>
-#include <mutex>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -42,9 +42,9 @@ public:
 private:
     std::vector<CSoftDevice *> const m_devices;
     CEventTrail m_trail;
-    mutable std::mutex m_mx; // guards m_fQuit; a leaf
+    mutable CPlatMutex m_mx; // before that of the trail
     mutable std::condition_variable m_cv;
-    bool m_fQuit = false;
+    bool m_fQuit PLAT_GUARDED_BY(m_mx) = false;
 };
 
 /// What became of a command.

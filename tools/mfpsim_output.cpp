@@ -52,7 +52,7 @@ void CSimOutput::Print(std::string const &strLine)
 
 void CSimOutput::Event(DeviceEvent const &event, std::size_t nDevice)
 {
-    std::lock_guard const lock(m_mx);
+    CPlatGuard const lock(m_mx);
     if (!m_fJson) {
         Print((m_fStamps ? Moment("%H:%M:%S", false) + " " : "") +
               (nDevice == 0 ? "" : std::to_string(nDevice) + ": ") +
@@ -71,7 +71,7 @@ void CSimOutput::Event(DeviceEvent const &event, std::size_t nDevice)
 
 void CSimOutput::PrintText(char const *pszKind, std::string const &strText)
 {
-    std::lock_guard const lock(m_mx);
+    CPlatGuard const lock(m_mx);
     if (!m_fJson) {
         Print(Showable(strText));
         return;

@@ -4,9 +4,9 @@
 
 #include "device/device_event.h"
 #include "platform/lineedit.h"
+#include "platform/lock.h"
 #include "tools/mfpsim_commands.h"
 
-#include <mutex>
 #include <string>
 
 /// Lines on their way to the standard output, or above the prompt of the terminal. Clients' texts are made
@@ -25,11 +25,11 @@ public:
     void Answer(CommandResult const &result); ///< to a command of the terminal or a script
 
 private:
-    void Print(std::string const &strLine);
+    void Print(std::string const &strLine) PLAT_REQUIRES(m_mx);
     void PrintText(char const *pszKind, std::string const &strText);
 
     CPlatLineEditor &m_editor;
     bool const m_fJson;
     bool const m_fStamps;
-    std::mutex m_mx; // held while a line is printed; after the device's lock
+    CPlatMutex m_mx; // held while a line is printed; after the device's lock
 };

@@ -10,7 +10,7 @@ constexpr std::size_t kMostSteps = 100'000; // of a flood, the last ones
 
 void CEventTrail::Add(std::size_t nDevice, DeviceEvent const &event)
 {
-    std::lock_guard const lock(m_mx);
+    CPlatGuard const lock(m_mx);
     m_steps.push_back({nDevice, LinkClock::now(), event});
     if (m_steps.size() > kMostSteps) {
         m_steps.pop_front();
@@ -21,28 +21,28 @@ void CEventTrail::Add(std::size_t nDevice, DeviceEvent const &event)
 
 void CEventTrail::Begin()
 {
-    std::lock_guard const lock(m_mx);
+    CPlatGuard const lock(m_mx);
     m_steps.clear();
     m_begun = LinkClock::now();
 }
 
 LinkTime CEventTrail::Begun() const
 {
-    std::lock_guard const lock(m_mx);
+    CPlatGuard const lock(m_mx);
     return m_begun;
 }
 
 bool CEventTrail::WaitFor(std::size_t nDevice, LinkTime deadline,
                           std::function<bool(DeviceEvent const &)> const &fMatches) const
 {
-    std::unique_lock lock(m_mx);
+    CPlatWaitGuard lock(m_mx);
     for (;;) {
         for (Step const &step : m_steps) {
             if (step.nDevice == nDevice && step.time <= deadline && fMatches(step.event)) {
                 return true;
             }
         }
-        if (m_fClosed || m_cv.wait_until(lock, deadline) == std::cv_status::timeout) {
+        if (m_fClosed || m_cv.wait_until(lock.Native(), deadline) == std::cv_status::timeout) {
             return std::any_of(m_steps.begin(), m_steps.end(), [&](Step const &step) {
                 return step.nDevice == nDevice && step.time <= deadline && fMatches(step.event);
             });
@@ -55,15 +55,16 @@ bool CEventTrail::WaitUntil(LinkTime deadline, std::function<bool()> const &fIs)
     for (;;) {
         unsigned long long qwSeen = 0;
         {
-            std::lock_guard const lock(m_mx);
+            CPlatGuard const lock(m_mx);
             qwSeen = m_qwAdded;
         }
         if (fIs()) {
             return true;
         }
-        std::unique_lock lock(m_mx);
-        if (m_fClosed ||
-            !m_cv.wait_until(lock, deadline, [&] { return m_fClosed || m_qwAdded != qwSeen; })) {
+        CPlatWaitGuard lock(m_mx);
+        if (m_fClosed || !m_cv.wait_until(lock.Native(), deadline, [&]() PLAT_REQUIRES(m_mx) {
+                return m_fClosed || m_qwAdded != qwSeen;
+            })) {
             return false;
         }
     }
@@ -71,7 +72,7 @@ bool CEventTrail::WaitUntil(LinkTime deadline, std::function<bool()> const &fIs)
 
 std::vector<std::string> CEventTrail::Lines(std::size_t nDevice, std::size_t cMost) const
 {
-    std::lock_guard const lock(m_mx);
+    CPlatGuard const lock(m_mx);
     std::vector<std::string> lines;
     for (auto it = m_steps.rbegin(); it != m_steps.rend() && lines.size() < cMost; ++it) {
         if (it->nDevice == nDevice) {
@@ -84,7 +85,7 @@ std::vector<std::string> CEventTrail::Lines(std::size_t nDevice, std::size_t cMo
 
 void CEventTrail::Close()
 {
-    std::lock_guard const lock(m_mx);
+    CPlatGuard const lock(m_mx);
     m_fClosed = true;
     m_cv.notify_all();
 }

@@ -3,11 +3,11 @@
 /// What has happened at the devices since the last command that did something: what scenarios judge by.
 
 #include "device/soft_device.h"
+#include "platform/lock.h"
 
 #include <condition_variable>
 #include <deque>
 #include <functional>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -41,10 +41,10 @@ private:
         DeviceEvent event;
     };
 
-    mutable std::mutex m_mx; // guards what follows
+    mutable CPlatMutex m_mx; // a leaf
     mutable std::condition_variable m_cv;
-    std::deque<Step> m_steps;
-    unsigned long long m_qwAdded = 0; // so many were added in all
-    LinkTime m_begun = LinkClock::now();
-    bool m_fClosed = false;
+    std::deque<Step> m_steps PLAT_GUARDED_BY(m_mx);
+    unsigned long long m_qwAdded PLAT_GUARDED_BY(m_mx) = 0; // so many were added in all
+    LinkTime m_begun PLAT_GUARDED_BY(m_mx) = LinkClock::now();
+    bool m_fClosed PLAT_GUARDED_BY(m_mx) = false;
 };

@@ -4,23 +4,23 @@
 // read them; everything else is on the standard error.
 
 #include "platform/console.h"
+#include "platform/lock.h"
 #include "tools/notifymon_doctor.h"
 #include "tools/notifymon_monitor.h"
 #include "tools/usage.h"
 
 #include <cstdio>
-#include <mutex>
 
 namespace {
 
 // For the console's handler, which gets no argument. The mutex is held while the handler is inside the
 // object, which must not go meanwhile.
-std::mutex g_mtxEnding;
-CEnding *g_pEnding = nullptr; // under g_mtxEnding
+CPlatMutex g_mtxEnding;
+CEnding *g_pEnding PLAT_GUARDED_BY(g_mtxEnding) = nullptr;
 
 void SetEnding(CEnding *pEnding)
 {
-    std::lock_guard const lock(g_mtxEnding);
+    CPlatGuard const lock(g_mtxEnding);
     g_pEnding = pEnding;
 }
 
@@ -30,7 +30,7 @@ BOOL WINAPI OnConsoleEvent(DWORD dwEvent)
     if (dwEvent == CTRL_BREAK_EVENT && CDiagnostics::AskForReload()) {
         return TRUE;
     }
-    std::lock_guard const lock(g_mtxEnding);
+    CPlatGuard const lock(g_mtxEnding);
     if (g_pEnding != nullptr) {
         g_pEnding->Ask(/*bAtOnce=*/dwEvent == CTRL_C_EVENT);
     }

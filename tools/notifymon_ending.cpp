@@ -20,7 +20,7 @@ CEnding::CEnding(double rTimeout) : m_thread([this, rTimeout] { Run(rTimeout); }
 CEnding::~CEnding()
 {
     {
-        std::lock_guard const lock(m_mx);
+        CPlatGuard const lock(m_mx);
         m_bDone = true;
     }
     m_cv.notify_all();
@@ -29,8 +29,8 @@ CEnding::~CEnding()
 
 void CEnding::SetListener(std::function<void(SessionTime)> fnOnEnd)
 {
-    std::unique_lock lock(m_mx);
-    m_cv.wait(lock, [this] { return !m_bTelling; });
+    CPlatWaitGuard lock(m_mx);
+    m_cv.wait(lock.Native(), [this]() PLAT_REQUIRES(m_mx) { return !m_bTelling; });
     m_fnOnEnd = std::move(fnOnEnd);
     if (m_bAsked && m_fnOnEnd) {
         m_fnOnEnd(m_tpLimit);
@@ -39,14 +39,14 @@ void CEnding::SetListener(std::function<void(SessionTime)> fnOnEnd)
 
 void CEnding::SetLastAct(std::function<void()> fnLastAct)
 {
-    std::lock_guard const lock(m_mx);
+    CPlatGuard const lock(m_mx);
     m_fnLastAct = std::move(fnLastAct);
 }
 
 void CEnding::Ask(bool bAtOnce)
 {
     {
-        std::lock_guard const lock(m_mx);
+        CPlatGuard const lock(m_mx);
         SessionTime const now = SessionClock::now();
         if (m_bAsked) {
             if (bAtOnce && now > m_tpLimit - kEndLimit + kSameRequest) {
@@ -62,29 +62,29 @@ void CEnding::Ask(bool bAtOnce)
 
 bool CEnding::IsAsked() const
 {
-    std::lock_guard const lock(m_mx);
+    CPlatGuard const lock(m_mx);
     return m_bAsked;
 }
 
 bool CEnding::IsTimedOut() const
 {
-    std::lock_guard const lock(m_mx);
+    CPlatGuard const lock(m_mx);
     return m_bTimedOut;
 }
 
 SessionTime CEnding::Limit() const
 {
-    std::lock_guard const lock(m_mx);
+    CPlatGuard const lock(m_mx);
     return m_bAsked ? m_tpLimit : SessionClock::now() + kEndLimit;
 }
 
 void CEnding::Run(double rTimeout)
 {
-    std::unique_lock lock(m_mx);
-    auto const fnIsOver = [this] { return m_bAsked || m_bDone; };
+    CPlatWaitGuard lock(m_mx);
+    auto const fnIsOver = [this]() PLAT_REQUIRES(m_mx) { return m_bAsked || m_bDone; };
     if (rTimeout <= 0) {
-        m_cv.wait(lock, fnIsOver);
-    } else if (!m_cv.wait_for(lock, std::chrono::duration<double>(rTimeout), fnIsOver)) {
+        m_cv.wait(lock.Native(), fnIsOver);
+    } else if (!m_cv.wait_for(lock.Native(), std::chrono::duration<double>(rTimeout), fnIsOver)) {
         m_bAsked = true;
         m_bTimedOut = true;
         m_tpLimit = SessionClock::now() + kEndLimit;
@@ -93,14 +93,16 @@ void CEnding::Run(double rTimeout)
         return;
     }
     if (auto const fnOnEnd = m_fnOnEnd) {
+        SessionTime const tpLimit = m_tpLimit;
         m_bTelling = true;
         lock.unlock();
-        fnOnEnd(m_tpLimit);
+        fnOnEnd(tpLimit);
         lock.lock();
         m_bTelling = false;
         m_cv.notify_all();
     }
-    if (!m_cv.wait_until(lock, m_tpLimit, [this] { return m_bDone; })) {
+    if (!m_cv.wait_until(lock.Native(), m_tpLimit,
+                         [this]() PLAT_REQUIRES(m_mx) { return m_bDone; })) {
         EndByForce();
     }
 }

@@ -3,11 +3,11 @@
 // How notifymon ends: at Ctrl-C or SIGTERM, when its time is up, or because its work is done; within a
 // bound, whatever waits for whom.
 
+#include "platform/lock.h"
 #include "session/session_event.h"
 
 #include <condition_variable>
 #include <functional>
-#include <mutex>
 #include <thread>
 
 /// One at a time in a process, since the console's handler has no argument. A thread of its own waits for
@@ -45,16 +45,16 @@ public:
 
 private:
     void Run(double rTimeout);
-    [[noreturn]] void EndByForce();
+    [[noreturn]] void EndByForce() PLAT_REQUIRES(m_mx);
 
-    mutable std::mutex m_mx; // guards what follows but the thread
+    mutable CPlatMutex m_mx; // before what the listener and the last act take
     std::condition_variable m_cv;
-    std::function<void(SessionTime)> m_fnOnEnd;
-    std::function<void()> m_fnLastAct;
-    bool m_bAsked = false;
-    bool m_bTimedOut = false;
-    bool m_bTelling = false;
-    bool m_bDone = false;
-    SessionTime m_tpLimit; // with m_bAsked
+    std::function<void(SessionTime)> m_fnOnEnd PLAT_GUARDED_BY(m_mx);
+    std::function<void()> m_fnLastAct PLAT_GUARDED_BY(m_mx);
+    bool m_bAsked PLAT_GUARDED_BY(m_mx) = false;
+    bool m_bTimedOut PLAT_GUARDED_BY(m_mx) = false;
+    bool m_bTelling PLAT_GUARDED_BY(m_mx) = false;
+    bool m_bDone PLAT_GUARDED_BY(m_mx) = false;
+    SessionTime m_tpLimit PLAT_GUARDED_BY(m_mx); // with m_bAsked
     std::thread m_thread;
 };

@@ -26,7 +26,7 @@ void CHooks::Run(SessionEvent const &event, Notification const &notification)
     }
     std::list<CPlatCommand>::iterator itCommand;
     {
-        std::lock_guard const lock(m_mx);
+        CPlatGuard const lock(m_mx);
         Sweep();
         itCommand = m_running.emplace(m_running.end());
         if (m_bEnded || !Start(*itCommand, event, notification)) {
@@ -36,7 +36,7 @@ void CHooks::Run(SessionEvent const &event, Notification const &notification)
     }
     DWORD dwExitCode = 0;
     bool const bEnded = itCommand->Wait(kCommandLimit, &dwExitCode) != FALSE;
-    std::lock_guard const lock(m_mx);
+    CPlatGuard const lock(m_mx);
     if (m_bEnded) {
         return; // it was ended by us
     }
@@ -77,7 +77,7 @@ void CHooks::Sweep()
 // From here on nobody but this one and Kill touches the list.
 void CHooks::Close()
 {
-    std::lock_guard const lock(m_mx);
+    CPlatGuard const lock(m_mx);
     m_bEnded = true;
 }
 

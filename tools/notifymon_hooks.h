@@ -2,11 +2,11 @@
 
 // The commands of --exec.
 
+#include "platform/lock.h"
 #include "platform/process.h"
 #include "session/session_event.h"
 
 #include <list>
-#include <mutex>
 #include <string>
 
 class CHooks {
@@ -27,12 +27,12 @@ public:
 
 private:
     bool Start(CPlatCommand &command, SessionEvent const &event, Notification const &notification);
-    void Sweep();
+    void Sweep() PLAT_REQUIRES(m_mx);
     void Close();
 
     std::string const m_strCommand;
-    std::mutex
-        m_mx; // guards what follows, held for moments only; once m_bEnded the list stays as it is
+    CPlatMutex m_mx; // a leaf, held for moments only
+    // Under the lock as well, until m_bEnded: then it stays as it is, and may be read without.
     std::list<CPlatCommand> m_running;
-    bool m_bEnded = false;
+    bool m_bEnded PLAT_GUARDED_BY(m_mx) = false;
 };

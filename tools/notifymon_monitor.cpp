@@ -44,7 +44,7 @@ CSessions::~CSessions()
 
 CSession &CSessions::Start(SessionOptions const &options)
 {
-    std::lock_guard const lock(m_mx);
+    CPlatGuard const lock(m_mx);
     return m_sessions
         .emplace_back(std::piecewise_construct, std::forward_as_tuple(options.strDevice),
                       std::forward_as_tuple(m_supervisor, options, m_pEvents))
@@ -53,7 +53,7 @@ CSession &CSessions::Start(SessionOptions const &options)
 
 void CSessions::AskForEnd(SessionTime tpLimit)
 {
-    std::lock_guard const lock(m_mx);
+    CPlatGuard const lock(m_mx);
     for (auto &[strDevice, session] : m_sessions) {
         session.End(tpLimit - kEndLimit + kForTakingBack);
     }

@@ -2,6 +2,7 @@
 
 // A run of notifymon: sessions, and what is done with their events.
 
+#include "platform/lock.h"
 #include "session/session.h"
 #include "session/supervisor.h"
 #include "tools/notifymon_diagnostics.h"
@@ -36,7 +37,7 @@ private:
     CHooks &m_hooks;
     std::shared_ptr<CEventQueue> const m_pEvents = std::make_shared<CEventQueue>(kEventLimit);
     CSupervisor m_supervisor;
-    std::mutex m_mx; // guards the list while it grows
+    CPlatMutex m_mx; // of the list while it grows, which the thread that lets it grow reads without
     std::list<std::pair<std::string, CSession>> m_sessions;
 };
 

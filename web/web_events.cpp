@@ -25,7 +25,7 @@ CWebEvents::CWebEvents(std::size_t cKeep)
 
 std::uint64_t CWebEvents::Add(unsigned nTopic, std::string strJson)
 {
-    std::lock_guard const lock(m_mx);
+    CPlatGuard const lock(m_mx);
     Topic &topic = m_topics[nTopic];
     topic.events.push_back({++m_qwLast, nTopic, std::move(strJson)});
     if (topic.events.size() > m_cKeep) {
@@ -78,13 +78,13 @@ WebEventBatch CWebEvents::Read(WebTopics const &topics, std::uint64_t qwAfter, s
                                std::chrono::milliseconds wait) const
 {
     auto const deadline = std::chrono::steady_clock::now() + wait;
-    std::unique_lock lock(m_mx);
+    CPlatWaitGuard lock(m_mx);
     for (;;) {
         WebEventBatch batch = Collect(topics, qwAfter, cMost);
         if (!batch.events.empty() || batch.fClosed) {
             return batch;
         }
-        if (m_cv.wait_until(lock, deadline) == std::cv_status::timeout) {
+        if (m_cv.wait_until(lock.Native(), deadline) == std::cv_status::timeout) {
             return Collect(topics, qwAfter, cMost);
         }
     }
@@ -92,7 +92,7 @@ WebEventBatch CWebEvents::Read(WebTopics const &topics, std::uint64_t qwAfter, s
 
 std::uint64_t CWebEvents::Before(WebTopics const &topics, std::size_t cMost) const
 {
-    std::lock_guard const lock(m_mx);
+    CPlatGuard const lock(m_mx);
     std::vector<std::uint64_t> ids;
     ForEach(topics, [&](Topic const &topic) {
         for (std::size_t c = 0; c < cMost && c < topic.events.size(); ++c) {
@@ -110,13 +110,13 @@ std::uint64_t CWebEvents::Before(WebTopics const &topics, std::size_t cMost) con
 
 std::uint64_t CWebEvents::Last() const
 {
-    std::lock_guard const lock(m_mx);
+    CPlatGuard const lock(m_mx);
     return m_qwLast;
 }
 
 void CWebEvents::Close()
 {
-    std::lock_guard const lock(m_mx);
+    CPlatGuard const lock(m_mx);
     m_fClosed = true;
     m_cv.notify_all();
 }

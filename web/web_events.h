@@ -3,13 +3,14 @@
 // Events for pages that watch, each with a number, and kept for a while: who comes back says which one was the
 // last, and misses nothing that is still kept.
 
+#include "platform/lock.h"
+
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <map>
-#include <mutex>
 #include <set>
 #include <string>
 #include <vector>
@@ -61,15 +62,16 @@ private:
         std::uint64_t qwDropped = 0; // the last number that is not kept any more
     };
 
-    WebEventBatch Collect(WebTopics const &topics, std::uint64_t qwAfter, std::size_t cMost) const;
+    WebEventBatch Collect(WebTopics const &topics, std::uint64_t qwAfter, std::size_t cMost) const
+        PLAT_REQUIRES(m_mx);
     template <class Fn>
-    void ForEach(WebTopics const &topics, Fn fn) const;
+    void ForEach(WebTopics const &topics, Fn fn) const PLAT_REQUIRES(m_mx);
 
     std::size_t const m_cKeep;
     std::string const m_strRun;
-    mutable std::mutex m_mx; // guards what follows
+    mutable CPlatMutex m_mx; // a leaf
     mutable std::condition_variable m_cv;
-    std::map<unsigned, Topic> m_topics;
-    std::uint64_t m_qwLast = 0;
-    bool m_fClosed = false;
+    std::map<unsigned, Topic> m_topics PLAT_GUARDED_BY(m_mx);
+    std::uint64_t m_qwLast PLAT_GUARDED_BY(m_mx) = 0;
+    bool m_fClosed PLAT_GUARDED_BY(m_mx) = false;
 };

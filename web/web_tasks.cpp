@@ -19,7 +19,7 @@ void CWebTasks::enqueue(std::function<void()> fn)
 {
     std::list<std::thread> ended;
     {
-        std::lock_guard const lock(m_mx);
+        CPlatGuard const lock(m_mx);
         m_waiting.push_back(std::move(fn));
         if (m_cIdle < m_waiting.size()) {
             StartThread();
@@ -53,11 +53,12 @@ bool CWebTasks::ShouldEnd() const
 
 void CWebTasks::Work()
 {
-    std::unique_lock lock(m_mx);
+    CPlatWaitGuard lock(m_mx);
     for (;;) {
         ++m_cIdle;
-        bool const fWork =
-            m_cv.wait_for(lock, kIdleTime, [&] { return m_fEnding || !m_waiting.empty(); });
+        bool const fWork = m_cv.wait_for(lock.Native(), kIdleTime, [&]() PLAT_REQUIRES(m_mx) {
+            return m_fEnding || !m_waiting.empty();
+        });
         --m_cIdle;
         if (m_waiting.empty() && (m_fEnding || !fWork)) {
             break;
@@ -83,10 +84,10 @@ void CWebTasks::shutdown()
 {
     std::list<std::thread> ended;
     {
-        std::unique_lock lock(m_mx);
+        CPlatWaitGuard lock(m_mx);
         m_fEnding = true;
         m_cv.notify_all();
-        m_cv.wait(lock, [&] { return m_threads.empty(); });
+        m_cv.wait(lock.Native(), [&]() PLAT_REQUIRES(m_mx) { return m_threads.empty(); });
         ended.swap(m_ended);
     }
     for (std::thread &thread : ended) {
@@ -96,7 +97,7 @@ void CWebTasks::shutdown()
 
 std::shared_ptr<void> CWebTasks::BeginStream()
 {
-    std::lock_guard const lock(m_mx);
+    CPlatGuard const lock(m_mx);
     if (m_cStreams == m_limits.cStreams) {
         return nullptr;
     }
@@ -106,7 +107,7 @@ std::shared_ptr<void> CWebTasks::BeginStream()
     }
     return std::shared_ptr<void>(this, [](void *p) {
         auto *const pTasks = static_cast<CWebTasks *>(p);
-        std::lock_guard const lock2(pTasks->m_mx);
+        CPlatGuard const lock2(pTasks->m_mx);
         --pTasks->m_cStreams;
     });
 }

@@ -3,6 +3,8 @@
 // The server's threads. A request takes one for as long as its connection lives, and so does an event stream,
 // which may live for days: so a stream does not count among the threads for requests, and has a limit of its own.
 
+#include "platform/lock.h"
+
 #include <httplib.h>
 
 #include <condition_variable>
@@ -11,7 +13,6 @@
 #include <functional>
 #include <list>
 #include <memory>
-#include <mutex>
 #include <thread>
 
 /// The queue of connections that wait for a thread, and the threads. Any thread may call.
@@ -38,17 +39,17 @@ public:
 
 private:
     void Work();
-    void StartThread();     // with the lock held
-    bool ShouldEnd() const; // with the lock held
+    void StartThread() PLAT_REQUIRES(m_mx);
+    bool ShouldEnd() const PLAT_REQUIRES(m_mx);
 
     Limits const m_limits;
-    std::mutex m_mx; // guards what follows
+    CPlatMutex m_mx; // a leaf
     std::condition_variable m_cv;
-    std::deque<std::function<void()>> m_waiting;
-    std::list<std::thread> m_threads;
-    std::list<std::thread> m_ended; // have nothing more to do
-    std::size_t m_cRunning = 0;     // threads, those of streams included
-    std::size_t m_cIdle = 0;
-    std::size_t m_cStreams = 0;
-    bool m_fEnding = false;
+    std::deque<std::function<void()>> m_waiting PLAT_GUARDED_BY(m_mx);
+    std::list<std::thread> m_threads PLAT_GUARDED_BY(m_mx);
+    std::list<std::thread> m_ended PLAT_GUARDED_BY(m_mx); // have nothing more to do
+    std::size_t m_cRunning PLAT_GUARDED_BY(m_mx) = 0;     // threads, those of streams included
+    std::size_t m_cIdle PLAT_GUARDED_BY(m_mx) = 0;
+    std::size_t m_cStreams PLAT_GUARDED_BY(m_mx) = 0;
+    bool m_fEnding PLAT_GUARDED_BY(m_mx) = false;
 };
