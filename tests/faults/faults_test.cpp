@@ -428,9 +428,12 @@ protected:
         ++s_acEvents[dwEvent];
         return 0;
     }
-    // Connects and ends; connects, hears of a press, loses the link, hears that the device is there again.
+    // Connects and ends; connects, hears of a press, loses the link, hears that the device is there again. Each time
+    // with another device, since the pauses before a new link to one that was lost grow.
     void Live()
     {
+        FaultsDeviceStop();
+        m_nPort = FaultsDeviceStart();
         auto const pShort = std::make_shared<CLinkClient>(OnEvent, 0);
         m_dwInit = pShort->Init("127.0.0.1", static_cast<DWORD>(m_nPort), eLT_NETWORK);
         pShort->End();
@@ -460,7 +463,7 @@ protected:
     void TearDown() override { FaultsDeviceStop(); }
 
     static inline std::atomic<int> s_acEvents[2];
-    int const m_nPort = FaultsDeviceStart();
+    int m_nPort = 0;
     DWORD m_dwInit = 0;
     bool m_bThreadFails = false;
 };
