@@ -108,8 +108,8 @@ struct PlatEnvType {
 
 class CPlatCommandImpl;
 
-/// A command line of the system's shell (/bin/sh -c, cmd.exe /c) with all the processes that it starts: a
-/// process group or a job object of its own, which an interrupt at our terminal does not reach. One thread
+/// A command line of the system's shell (/bin/sh -c, cmd.exe /c), or a program, with all the processes that
+/// it starts: a process group or a job object of its own, which an interrupt at our terminal does not reach. One thread
 /// starts it and waits; End may be called by any thread between Start and the destructor. When this
 /// process ends, however it does, on Windows a command that still runs ends with it; elsewhere it goes on.
 class CPlatCommand {
@@ -126,6 +126,12 @@ public:
     /// never into the command. FALSE with the last error; ERROR_INVALID_PARAMETER for a null argument, a
     /// name that is none, or a second start.
     BOOL Start(char const *pszCommand, PlatEnvType const *pVariables, std::size_t cVariables);
+
+    /// The same for a program with its arguments, which no shell sees: the `cArguments` texts, 1 or more, the
+    /// first of which is the program, looked for on PATH if it has no slash. Its standard input holds the
+    /// cbInput bytes, and then ends; what it does not read of them holds up nobody.
+    BOOL StartProgram(char const *const *ppszArguments, std::size_t cArguments, void const *pInput,
+                      std::size_t cbInput);
 
     /// Waits at most `dwMilliseconds` (INFINITE: without a limit) for the end of the shell. What it left
     /// running in the background is not waited for. TRUE with its exit code; FALSE if it has not ended.

@@ -24,6 +24,8 @@ struct SessionOptions {
     DWORD dwFlags = 0;            ///< eNF_ bits to subscribe to
     std::vector<std::string>
         rgstrOption; ///< for eNF_SELECT: one panel entry each, none of them empty
+
+    bool operator==(SessionOptions const &) const = default;
 };
 
 /// What every session waits for in the background, and how it goes about it:

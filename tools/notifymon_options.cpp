@@ -1,35 +1,14 @@
 #include "tools/notifymon_options.h"
 
 #include "dolrtl/QOMADolC.h"
+#include "session/subscriptions.h"
 #include "tools/notifymon_output.h"
 #include "tools/usage.h"
 
 #include <algorithm>
-#include <array>
 #include <cstring>
 
 namespace {
-
-struct KindOfNotification {
-    char const *pszName;
-    DWORD dwFlag;
-    bool bLocalOnly;
-};
-
-constexpr std::array kKinds{
-    KindOfNotification{"select", eNF_SELECT, false},
-    KindOfNotification{"adf", eNF_ADF, true},
-    KindOfNotification{"button", eNF_SCANNER_BUTTON, true},
-    KindOfNotification{"fax", eNF_FAX_UPLOAD, false},
-};
-
-// Of what comes back with a pick the agent takes so many bytes: the entry, what the agent added, over a
-// network also what the device adds.
-constexpr std::size_t kMaxOption = 349;
-constexpr std::size_t kNetworkClauses =
-    sizeof ";NETADDR=255.255.255.255:65535;SWINST=32767;;KICKSEQ=4294967295;" - 1;
-constexpr std::size_t kMaxOwnName = 63;
-constexpr std::size_t kLocalClauses = sizeof ";NETADDR=;SWINST=32767;" - 1 + kMaxOwnName;
 
 // As they are given, before it is known what they mean together.
 struct GivenOptions {
@@ -188,7 +167,7 @@ SessionOptions NetworkDevice(std::string const &strGiven)
 
 void CheckOptionTexts(GivenOptions const &given)
 {
-    std::size_t const cbLimit = kMaxOption - (given.bLocal ? kLocalClauses : kNetworkClauses);
+    std::size_t const cbLimit = EntryLimit(given.bLocal);
     for (std::string const &strOption : given.rgstrOption) {
         if (strOption.empty()) {
             Refuse("--option", "the text is empty");
@@ -204,7 +183,7 @@ void CheckOptionTexts(GivenOptions const &given)
 DWORD FlagsOf(GivenOptions const &given)
 {
     DWORD dwFlags = 0;
-    for (KindOfNotification const &kind : kKinds) {
+    for (SubscriptionName const &kind : kSubscriptions) {
         bool const bNamed = std::find(given.rgstrOn.begin(), given.rgstrOn.end(), kind.pszName) !=
                             given.rgstrOn.end();
         if (bNamed || (given.rgstrOn.empty() && (given.bLocal || !kind.bLocalOnly))) {

@@ -1,15 +1,12 @@
 #pragma once
 /// @file
 /// How notifymon shows events and names results.
-#include "session/session_event.h"
+#include "session/event_text.h"
 
 #include <optional>
 #include <string>
 #include <utility>
 #include <vector>
-
-/// A result code of the agent in words, with its number: "not connected (2250)".
-std::string ResultText(DWORD dwResult);
 
 /// Why a discovery job could not be written to the target: the agent's result, and what a pipe tells.
 std::string DiscoveryProblem(std::string const &strTarget, DWORD dwResult);
@@ -30,9 +27,6 @@ std::string FormatProblem(std::string const &strFormat);
 /// The names of a format's fields, and those of a command's variables, with commas.
 std::string FormatFields();
 std::string EnvironmentNames();
-
-/// One JSON object, without a line end. Bytes that are not UTF-8 become U+FFFD.
-std::string JsonLine(SessionEvent const &event);
 
 /// The fields as NOTIFY_KIND, NOTIFY_CODE, … for the environment of a command.
 std::vector<std::pair<std::string, std::string>> EnvironmentOf(SessionEvent const &event,

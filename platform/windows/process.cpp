@@ -88,6 +88,21 @@ BOOL SetKillOnClose(HANDLE hJob, bool fKill)
     return SetInformationJobObject(hJob, JobObjectExtendedLimitInformation, &limits, sizeof limits);
 }
 
+// One argument as the runtime of a program takes it apart: quotes, and backslashes before quotes.
+std::string QuotedArgument(std::string const &str)
+{
+    std::string strOut = "\"";
+    std::size_t cBackslashes = 0;
+    for (char const ch : str) {
+        if (ch == '"') {
+            strOut.append(cBackslashes + 1, '\\');
+        }
+        cBackslashes = ch == '\\' ? cBackslashes + 1 : 0;
+        strOut += ch;
+    }
+    return strOut.append(cBackslashes, '\\') + "\"";
+}
+
 } // namespace
 
 void PlatSetDebugOutput(bool) {}
@@ -96,21 +111,44 @@ class CPlatCommandImpl {
 public:
     BOOL Start(char const *pszCommand, PlatEnvType const *pVariables, std::size_t cVariables)
     {
+        SECURITY_ATTRIBUTES inherited = {sizeof inherited, nullptr, TRUE};
+        CHandle const in(CreateFileA("NUL", GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                                     &inherited, OPEN_EXISTING, 0, nullptr));
+        // The outer quotes are what /s takes off again; the rest is the line as it was given.
+        return Launch(std::string("cmd.exe /s /c \"") + pszCommand + "\"", in.Get(),
+                      EnvironmentBlock(pVariables, cVariables));
+    }
+
+    // The input is in the pipe, whole, before the program begins.
+    BOOL StartProgram(std::string const &strLine, void const *pInput, std::size_t cbInput)
+    {
+        HANDLE hRead = nullptr;
+        HANDLE hWrite = nullptr;
+        auto const cb = static_cast<DWORD>(cbInput);
+        if (!CreatePipe(&hRead, &hWrite, nullptr, cb + 1)) {
+            return FALSE;
+        }
+        CHandle const read(hRead);
+        CHandle const write(hWrite);
+        DWORD cbWritten = 0;
+        if (cb > 0 && !WriteFile(hWrite, pInput, cb, &cbWritten, nullptr)) {
+            return FALSE;
+        }
+        CHandle const in(InheritableCopy(hRead));
+        return Launch(strLine, in.Get(), EnvironmentBlock(nullptr, 0));
+    }
+
+    BOOL Launch(std::string strLine, HANDLE hInput, std::vector<char> achEnvironment)
+    {
         CHandle job(CreateJobObjectA(nullptr, nullptr));
         if (job.Get() == nullptr || !SetKillOnClose(job.Get(), true)) {
             return FALSE;
         }
-        SECURITY_ATTRIBUTES inherited = {sizeof inherited, nullptr, TRUE};
-        CHandle const in(CreateFileA("NUL", GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE,
-                                     &inherited, OPEN_EXISTING, 0, nullptr));
         CHandle const out(InheritableCopy(GetStdHandle(STD_ERROR_HANDLE)));
-        // The outer quotes are what /s takes off again; the rest is the line as it was given.
-        std::string strLine = std::string("cmd.exe /s /c \"") + pszCommand + "\"";
-        std::vector<char> achEnvironment = EnvironmentBlock(pVariables, cVariables);
         STARTUPINFOA startup = {};
         startup.cb = sizeof startup;
         startup.dwFlags = STARTF_USESTDHANDLES;
-        startup.hStdInput = in.Get();
+        startup.hStdInput = hInput;
         startup.hStdOutput = out.Get();
         startup.hStdError = out.Get();
         PROCESS_INFORMATION info = {};
@@ -157,6 +195,27 @@ BOOL CPlatCommand::Start(char const *pszCommand, PlatEnvType const *pVariables,
     }
     try {
         return m_pImpl->Start(pszCommand, pVariables, cVariables);
+    } catch (std::bad_alloc const &) {
+        SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+        return FALSE;
+    }
+}
+
+BOOL CPlatCommand::StartProgram(char const *const *ppszArguments, std::size_t cArguments,
+                                void const *pInput, std::size_t cbInput)
+{
+    if (ppszArguments == nullptr || cArguments == 0 || *ppszArguments[0] == '\0' ||
+        (pInput == nullptr && cbInput > 0) || cbInput > MAXLONG ||
+        m_pImpl->m_process.Get() != nullptr) {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return FALSE;
+    }
+    try {
+        std::string strLine;
+        for (std::size_t i = 0; i < cArguments; ++i) {
+            strLine += (i > 0 ? " " : "") + QuotedArgument(ppszArguments[i]);
+        }
+        return m_pImpl->StartProgram(strLine, pInput, cbInput);
     } catch (std::bad_alloc const &) {
         SetLastError(ERROR_NOT_ENOUGH_MEMORY);
         return FALSE;

@@ -4,6 +4,8 @@
 #include "tests/platform/role.h"
 
 #include <cstdlib>
+#include <iostream>
+#include <iterator>
 
 namespace {
 
@@ -11,6 +13,13 @@ CTestRole const g_variable("say-variable", [](std::string const &strName) {
     char const *psz = std::getenv(strName.c_str());
     std::fputs(psz != nullptr ? psz : "(none)", stdout);
     return 7;
+});
+
+// Its input and its other arguments, for a program that no shell starts.
+CTestRole const g_repeater("repeat-input", [](std::string const &strFile) {
+    std::string const strInput(std::istreambuf_iterator<char>(std::cin), {});
+    std::ofstream(strFile) << strInput;
+    return static_cast<int>(strInput.size() % 100);
 });
 
 // Not quite for ever: nothing is left of a test that failed.
@@ -58,6 +67,26 @@ TEST(ProcessTest, CommandsGetForeignTextAsVariablesOnly)
     PlatEnvType const bad = {"A B", ""};
     CPlatCommand command;
     EXPECT_FAILS(command.Start("exit 0", &bad, 1), ERROR_INVALID_PARAMETER);
+}
+
+TEST(ProcessTest, AProgramGetsArgumentsAndInputToTheLetter)
+{
+    CTempDir const dir;
+    std::string const strOut = dir.File("a \"b\\\" $(c) %PATH%"); // and no shell in between
+    std::string const strFile = kIsPosix ? strOut : dir.File("a $(c) %PATH%");
+    std::string const strInput(3007, 'x');
+    std::string const strProgram = OwnProgram();
+    char const *const apsz[] = {strProgram.c_str(), "--role", "repeat-input", strFile.c_str()};
+    CPlatCommand command;
+    DWORD dwExit = 0;
+    ASSERT_TRUE(command.StartProgram(apsz, std::size(apsz), strInput.data(), strInput.size()));
+    EXPECT_TRUE(command.Wait(kdwLimit, &dwExit));
+    EXPECT_EQ(dwExit, 7u);
+    EXPECT_EQ(Contents(strFile), strInput);
+
+    char const *const pszNone = "/no/such/program";
+    CPlatCommand missing;
+    EXPECT_FALSE(missing.StartProgram(&pszNone, 1, nullptr, 0));
 }
 
 // What a command starts goes with it, however deaf, and not by itself.

@@ -22,6 +22,7 @@
 #include <spawn.h>
 #include <string>
 #include <string_view>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -492,6 +493,18 @@ DWORD WithMemory(F fn)
     }
 }
 
+// In a group of its own, with our standard error for what it prints.
+DWORD SpawnCommand(CStartRecord &start, CStandardStreams &streams, std::shared_ptr<CChild> &pChild,
+                   pid_t *ppid)
+{
+    start.m_fNewGroup = true;
+    streams.m_afd[1] = ::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3); // -1 if it is closed: none
+    streams.m_afd[2] = ::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3);
+    start.m_fRedirect = true;
+    std::copy(std::begin(streams.m_afd), std::end(streams.m_afd), start.m_afd);
+    return Spawn(start, pChild, ppid);
+}
+
 DWORD StartShell(char const *pszCommand, std::vector<PlatEnvType> const &aVariables,
                  std::shared_ptr<CChild> &pChild, pid_t *ppid)
 {
@@ -502,13 +515,32 @@ DWORD StartShell(char const *pszCommand, std::vector<PlatEnvType> const &aVariab
     for (PlatEnvType const &variable : aVariables) {
         SetVariable(start.m_astrEnvironment, variable);
     }
-    start.m_fNewGroup = true;
     CStandardStreams streams;
-    streams.m_afd[1] = ::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3); // -1 if it is closed: none
-    streams.m_afd[2] = ::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3);
-    start.m_fRedirect = true;
-    std::copy(std::begin(streams.m_afd), std::end(streams.m_afd), start.m_afd);
-    return Spawn(start, pChild, ppid);
+    return SpawnCommand(start, streams, pChild, ppid);
+}
+
+// The input is a file in memory: it is whole before the program begins, and nobody has to feed it.
+DWORD StartArguments(std::vector<std::string> astrArguments, void const *pInput,
+                     std::size_t cbInput, std::shared_ptr<CChild> &pChild, pid_t *ppid)
+{
+    CStartRecord start;
+    start.m_strProgram = astrArguments.front();
+    start.m_astrArguments = std::move(astrArguments);
+    start.m_astrEnvironment = OwnEnvironment();
+    CStandardStreams streams;
+    int const fd = ::memfd_create("input", MFD_CLOEXEC);
+    if (fd < 0) {
+        return PlatErrorFromErrno(errno);
+    }
+    ssize_t const cbWritten = ::pwrite(fd, pInput, cbInput, 0); // its place stays at the beginning
+    streams.m_afd[0] = ::fcntl(fd, F_DUPFD_CLOEXEC, 3);
+    int const nError = errno;
+    ::close(fd);
+    if (cbWritten != static_cast<ssize_t>(cbInput) || streams.m_afd[0] < 0) {
+        return cbWritten >= 0 && streams.m_afd[0] >= 0 ? ERROR_NOT_ENOUGH_MEMORY
+                                                       : PlatErrorFromErrno(nError);
+    }
+    return SpawnCommand(start, streams, pChild, ppid);
 }
 
 std::atomic<bool> g_fDebugOutput{false};
@@ -690,6 +722,20 @@ BOOL CPlatCommand::Start(char const *pszCommand, PlatEnvType const *pVariables,
     DWORD const dwError = WithMemory([&] {
         return StartShell(pszCommand, {pVariables, pVariables + cVariables}, m_pImpl->m_pChild,
                           &m_pImpl->m_pid);
+    });
+    return SetLastError(dwError), dwError == ERROR_SUCCESS;
+}
+
+BOOL CPlatCommand::StartProgram(char const *const *ppszArguments, std::size_t cArguments,
+                                void const *pInput, std::size_t cbInput)
+{
+    if (ppszArguments == nullptr || cArguments == 0 || *ppszArguments[0] == '\0' ||
+        (pInput == nullptr && cbInput > 0) || m_pImpl->m_pChild != nullptr) {
+        return SetLastError(ERROR_INVALID_PARAMETER), FALSE;
+    }
+    DWORD const dwError = WithMemory([&] {
+        return StartArguments({ppszArguments, ppszArguments + cArguments}, pInput, cbInput,
+                              m_pImpl->m_pChild, &m_pImpl->m_pid);
     });
     return SetLastError(dwError), dwError == ERROR_SUCCESS;
 }
