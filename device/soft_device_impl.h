@@ -12,7 +12,7 @@
 #include <chrono>
 #include <condition_variable>
 
-/// The device's inside; the public face takes its lock.
+// The device's inside; the public face takes its lock.
 class CSoftDeviceImpl final : public CDeviceLoop::Client {
 public:
     using Fields = std::vector<DeviceEventField>;

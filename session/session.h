@@ -25,7 +25,8 @@ struct SessionOptions {
     std::vector<std::string>
         rgstrOption; ///< for eNF_SELECT: one panel entry each, none of them empty
 
-    bool operator==(SessionOptions const &) const = default;
+    bool
+    operator==(SessionOptions const &) const = default; ///< the same device, heard in the same way
 };
 
 /// What every session waits for in the background, and how it goes about it:

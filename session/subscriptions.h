@@ -9,9 +9,9 @@
 
 /// One kind of notification.
 struct SubscriptionName {
-    char const *pszName;
-    DWORD dwFlag;    ///< eNF_…
-    bool bLocalOnly; ///< a network link does not have it
+    char const *pszName; ///< in lower case
+    DWORD dwFlag;        ///< eNF_…
+    bool bLocalOnly;     ///< a network link does not have it
 };
 
 inline constexpr std::array kSubscriptions{
