@@ -81,7 +81,7 @@ void Send(httplib::Response &response, WebReply const &reply)
 {
     response.status = reply.nStatus;
     response.set_header("Cache-Control", "no-store");
-    response.set_content(reply.strJson, "application/json");
+    response.set_content(reply.strJson, reply.strType);
 }
 
 WebRequest RequestOf(httplib::Request const &request)
@@ -116,7 +116,10 @@ std::optional<DWORD> WebRequest::Number(std::string const &strName, DWORD dwElse
 WebReply WebReply::Error(int nStatus, std::string const &strWhat)
 {
     nlohmann::json const json{{"error", strWhat}};
-    return {nStatus, json.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace)};
+    WebReply reply;
+    reply.nStatus = nStatus;
+    reply.strJson = json.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+    return reply;
 }
 
 class CWebServerImpl {

@@ -30,10 +30,11 @@ struct WebRequest {
     std::optional<DWORD> Number(std::string const &strName, DWORD dwElse, DWORD dwMost) const;
 };
 
-/// What is answered: JSON.
+/// What is answered: JSON, or a text of another kind.
 struct WebReply {
     int nStatus = 200;
-    std::string strJson; ///< the whole body
+    std::string strJson;                      ///< the whole body
+    std::string strType = "application/json"; ///< what it is
 
     /// A failure in words, as {"error": "..."}.
     static WebReply Error(int nStatus, std::string const &strWhat);
@@ -56,7 +57,7 @@ public:
 
     /// The file of web/pages that is found at strPath.
     void Page(std::string const &strPath, std::string const &strFile);
-    /// The JSON at paths that match the whole of the regular expression. A GET must change nothing.
+    /// The JSON, or other text, at paths that match the whole of the regular expression. A GET must change nothing.
     void Get(std::string const &strPattern, Handler fn);
     /// The same for POST, whose body has to be announced as application/json.
     void Post(std::string const &strPattern, Handler fn);
