@@ -13,7 +13,7 @@ declare -A groups=(
     [tests]="iproute2 libgsf-bin p7zip-full python3-pytest python3-pip mypy mono-mcs mono-runtime"
     # The hub and what its tests hand events to.
     [hub]="libtomlplusplus-dev libsqlite3-dev libmosquitto-dev libcurl4-openssl-dev libsystemd-dev prometheus-cpp-dev"
-    [office]="mosquitto mosquitto-clients openssl prometheus python3-jsonschema dbus python3-dbus systemd"
+    [office]="mosquitto mosquitto-clients openssl prometheus python3-jsonschema dbus python3-dbus python3-gi systemd"
     [pages]="chromium chromium-driver python3-selenium" # a browser, and who drives it
     [capture]="tshark"
     [clang]="clang"
