@@ -53,7 +53,7 @@ test_preset() {
     say "running the tests of $preset"
     ctest --preset "$preset" -j "$(nproc)" "$@" 2>&1 | tee "$log" || code=$?
     summary+=("$preset: $(grep -E '^[0-9]+% tests passed' "$log" || echo "no tests ran"), $(grep -c '(Skipped)$' "$log" || true) skipped, $((SECONDS - began)) s")
-    if [[ $code -ne 0 || $# -gt 0 ]]; then return "$code"; fi
+    if [[ $code -ne 0 || ($# -gt 0 && $1 != --rerun-failed) ]]; then return "$code"; fi
     scripts/package.sh "$preset" && python3 tests/package/msi_test.py "build/$preset/wine-run" build/packages/*"${preset#windows}".msi
 }
 
