@@ -92,7 +92,7 @@ install(FILES tools/wireshark/qoma.lua DESTINATION share/qoma/wireshark)
 
 # Their links lead to what is installed.
 set(documents README.md CHANGELOG.md SECURITY.md docs/registry-file.md docs/reliability.md docs/c-interface.md
-  docs/testing-a-client.md docs/web-api.md docs/device-link.md)
+  docs/testing-a-client.md docs/tape.md docs/web-api.md docs/device-link.md)
 list(TRANSFORM documents REPLACE ".*/" "" OUTPUT_VARIABLE there)
 list(JOIN there " " there)
 foreach(file ${documents})

@@ -78,6 +78,14 @@ struct DeviceFrame {
     bool fFromClient = false; ///< else it goes to the client
     LinkFrame const &frame; ///< for the time of the call; what was meant, where the fate is another
     DeviceFrameFate eFate = eFF_SENT; ///< of the device's own frames
+    DWORD dwLateMs = 0;               ///< so much later it goes
+};
+
+/// One datagram, on its way.
+struct DeviceDatagram {
+    bool fFromClient = false;    ///< else it goes to the client
+    std::string const &strPeer;  ///< "a.b.c.d:port", for the time of the call
+    std::string const &strBytes; ///< for the time of the call
 };
 
 /// The kind's name, such as "link-up": the same for all time, for programs to compare.

@@ -35,8 +35,11 @@ struct SoftDeviceConfig {
     DWORD cKickTries = 10;        ///< of one datagram, the first one included
     /// Hears of everything that happens. Called under the device's lock.
     std::function<void(DeviceEvent const &)> onEvent;
-    /// Hears of each frame, if it is set. Under the device's lock, too.
+    /// @{
+    /// Hear of each frame and of each datagram, if they are set. Under the device's lock, too.
     std::function<void(DeviceFrame const &)> onFrame;
+    std::function<void(DeviceDatagram const &)> onDatagram;
+    /// @}
 };
 
 /// A link that stands.

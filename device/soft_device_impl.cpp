@@ -171,7 +171,18 @@ void CSoftDeviceImpl::ReportFrame(CDeviceLink const &link, LinkFrame const &fram
                                   DeviceFrameFate eFate)
 {
     if (m_config.onFrame) {
-        m_config.onFrame({link.Id(), fFromClient, frame, eFate});
+        bool const fAnswer = (frame.kind & kLinkAnswerBit) != 0; // others are in time
+        DWORD const dwLateMs = fAnswer ? static_cast<DWORD>(m_late.count()) : 0;
+        m_config.onFrame({link.Id(), fFromClient, frame, eFate, dwLateMs});
+    }
+}
+
+void CSoftDeviceImpl::ReportDatagram(LinkAddress const &peer, std::string const &strBytes,
+                                     bool fFromClient)
+{
+    if (m_config.onDatagram) {
+        std::string const strPeer = FormatAddress(peer);
+        m_config.onDatagram({fFromClient, strPeer, strBytes});
     }
 }
 
@@ -344,7 +355,12 @@ void CSoftDeviceImpl::DropLink(CDeviceLink &link, std::string const &strReason)
     if (!link.fHello || m_fEnding) {
         return;
     }
-    Report(eEV_LINK_DOWN, {{"link", link.Id()}, {"reason", strReason}});
+    Fields fields{{"link", link.Id()}, {"reason", strReason}};
+    if (m_turnAwayUntil == LinkTime::max()) {
+        fields.push_back(
+            {"finished", std::uint64_t{1}}); // the client has hung up as it was asked to
+    }
+    Report(eEV_LINK_DOWN, std::move(fields));
     ObjectChanges changes;
     for (PanelEntry const &entry : m_model.ClientGone(link.Id(), &changes)) {
         Report(eEV_ENTRY_GONE, {{"link", link.Id()}, {"text", entry.strText}});
@@ -399,6 +415,7 @@ void CSoftDeviceImpl::Kick(LinkAddress const &to, std::string const &strText, DW
 
 void CSoftDeviceImpl::SendDatagram(LinkAddress const &to, std::string const &strDatagram)
 {
+    ReportDatagram(to, strDatagram, /*fFromClient=*/false);
     sockaddr_in const sa = ToSockAddr(to);
     // A failure is like a loss on the way: the next try follows.
     static_cast<void>(ws::sendto(m_datagrams.Get(), strDatagram.data(),
@@ -414,7 +431,9 @@ void CSoftDeviceImpl::ReceiveEcho()
     int const n = ws::recvfrom(m_datagrams.Get(), buffer, sizeof buffer, 0,
                                reinterpret_cast<sockaddr *>(&sa), &cb);
     if (n >= 0) {
-        m_kicks.Echo(FromSockAddr(sa).wPort, std::string(buffer, static_cast<std::size_t>(n)));
+        std::string const strBytes(buffer, static_cast<std::size_t>(n));
+        ReportDatagram(FromSockAddr(sa), strBytes, /*fFromClient=*/true);
+        m_kicks.Echo(FromSockAddr(sa).wPort, strBytes);
     }
 }
 

@@ -70,6 +70,8 @@ private:
     void OnFrame(CDeviceLink &link, LinkFrame const &frame) PLAT_REQUIRES(m_mx);
     void ReportFrame(CDeviceLink const &link, LinkFrame const &frame, bool fFromClient,
                      DeviceFrameFate eFate = eFF_SENT) PLAT_REQUIRES(m_mx);
+    void ReportDatagram(LinkAddress const &peer, std::string const &strBytes, bool fFromClient)
+        PLAT_REQUIRES(m_mx);
 
     void Hello(CDeviceLink &link, LinkFrame const &frame) PLAT_REQUIRES(m_mx);
     DWORD CheckHello(CDeviceLink &link, CLinkReader &reader, BYTE *pUse, std::string *pstrWanted);

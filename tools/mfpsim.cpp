@@ -7,6 +7,7 @@
 #include "tools/mfpsim_control.h"
 #include "tools/mfpsim_fleet.h"
 #include "tools/mfpsim_output.h"
+#include "tools/mfpsim_record.h"
 #include "tools/mfpsim_scenario.h"
 #include "tools/mfpsim_terminal.h"
 #include "tools/mfpsim_web.h"
@@ -27,6 +28,8 @@ struct Options {
     std::string strJUnit;
     std::string strControl;
     std::string strWeb;
+    std::string strRecord;
+    std::string strMask = kMaskAll;
     bool fJson = false;
     unsigned nPort = kLinkDefaultPort;
     unsigned cFleet = 1;
@@ -79,6 +82,13 @@ void AddOptions(CLI::App &app, Options &options)
     app.add_option("--web", options.strWeb,
                    "show the front panel in a browser at [ADDRESS:]PORT, 0 for any port; at "
                    "127.0.0.1 unless told otherwise");
+    app.add_option("--record", options.strRecord,
+                   "write all frames and datagrams to this file, as JSON lines");
+    app.add_option("--mask", options.strMask,
+                   "what stand-ins are recorded for, of addresses,names,texts, or none")
+        ->check(TapeMaskProblem)
+        ->option_text("PARTS")
+        ->capture_default_str();
     app.add_flag("--json", options.fJson, "print everything as JSON, one object a line");
     app.add_option("--drop", options.cDrop, "do not send the first N datagrams");
     app.add_option("--repeat", options.cRepeat, "send the first N datagrams twice");
@@ -214,21 +224,36 @@ int Run(Options options)
     CSimOutput output(editor, options.fJson, PlatIsTerminal());
     CSimWeb web(options.cFleet);
     bool const fWeb = !options.strWeb.empty();
+    bool const fRecord = !options.strRecord.empty();
+    CTapeRecorder recorder(*ParseTapeMask(options.strMask));
     CSimulation *pSimulation = nullptr; // set before a device starts
-    CSimFleet::FrameFn onFrame;
-    if (fWeb) {
-        onFrame = [&](std::size_t n, DeviceFrame const &frame) { web.Frame(n, frame); };
-    }
-    CSimFleet fleet(
-        options.config, options.cFleet,
-        [&](std::size_t n, DeviceEvent const &event) {
-            output.Event(event, options.cFleet > 1 ? n : 0);
-            pSimulation->Trail().Add(n, event);
+    CSimFleet::Ears ears;
+    ears.onEvent = [&](std::size_t n, DeviceEvent const &event) {
+        output.Event(event, options.cFleet > 1 ? n : 0);
+        pSimulation->Trail().Add(n, event);
+        if (fWeb) {
+            web.Event(n, event);
+        }
+        if (fRecord) {
+            recorder.Event(n, event);
+        }
+    };
+    if (fWeb || fRecord) {
+        ears.onFrame = [&](std::size_t n, DeviceFrame const &frame) {
             if (fWeb) {
-                web.Event(n, event);
+                web.Frame(n, frame);
             }
-        },
-        onFrame);
+            if (fRecord) {
+                recorder.Frame(n, frame);
+            }
+        };
+    }
+    if (fRecord) {
+        ears.onDatagram = [&](std::size_t n, DeviceDatagram const &datagram) {
+            recorder.Datagram(n, datagram);
+        };
+    }
+    CSimFleet fleet(options.config, options.cFleet, ears);
     CSimulation simulation(fleet.Devices());
     pSimulation = &simulation;
     CConsoleEnd const console(simulation);
@@ -237,7 +262,8 @@ int Run(Options options)
         "mfpsim> ", [&](std::string const &strBefore) { return completion.Complete(strBefore); });
     CControlSocket control(simulation);
 
-    if (!fleet.Start(&strError) ||
+    if ((fRecord && !recorder.Start(options.strRecord, options.cFleet, &strError)) ||
+        !fleet.Start(&strError) ||
         (!options.strControl.empty() && !control.Start(options.strControl, &strError)) ||
         (fWeb && !web.Start(simulation, options.strWeb, &strError))) {
         std::cerr << "mfpsim: " << strError << std::endl;

@@ -21,10 +21,9 @@ std::string Numbered(char const *pszForm, std::size_t nDevice)
 
 } // namespace
 
-CSimFleet::CSimFleet(SoftDeviceConfig const &config, unsigned cDevices, EventFn onEvent,
-                     FrameFn onFrame)
-    : m_pLoop(std::make_shared<CDeviceLoop>()), m_onEvent(std::move(onEvent)),
-      m_onFrame(std::move(onFrame)), m_config(config), m_cDevices(cDevices)
+CSimFleet::CSimFleet(SoftDeviceConfig const &config, unsigned cDevices, Ears ears)
+    : m_pLoop(std::make_shared<CDeviceLoop>()), m_ears(std::move(ears)), m_config(config),
+      m_cDevices(cDevices)
 {
     for (std::size_t n = 1; n <= cDevices; ++n) {
         Make(config, n);
@@ -34,9 +33,16 @@ CSimFleet::CSimFleet(SoftDeviceConfig const &config, unsigned cDevices, EventFn 
 void CSimFleet::Make(SoftDeviceConfig config, std::size_t nDevice)
 {
     config.pLoop = m_pLoop;
-    config.onEvent = [this, nDevice](DeviceEvent const &event) { m_onEvent(nDevice, event); };
-    if (m_onFrame) {
-        config.onFrame = [this, nDevice](DeviceFrame const &frame) { m_onFrame(nDevice, frame); };
+    config.onEvent = [this, nDevice](DeviceEvent const &event) { m_ears.onEvent(nDevice, event); };
+    if (m_ears.onFrame) {
+        config.onFrame = [this, nDevice](DeviceFrame const &frame) {
+            m_ears.onFrame(nDevice, frame);
+        };
+    }
+    if (m_ears.onDatagram) {
+        config.onDatagram = [this, nDevice](DeviceDatagram const &datagram) {
+            m_ears.onDatagram(nDevice, datagram);
+        };
     }
     if (m_cDevices > 1) {
         config.strListen = Address(config.strListen, nDevice);

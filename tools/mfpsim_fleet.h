@@ -14,13 +14,16 @@ class CSimFleet {
 public:
     static constexpr unsigned kMost = 1000; ///< devices
 
-    /// What happens at one of them, counted from 1, under its lock; onFrame may be none.
-    using EventFn = std::function<void(std::size_t, DeviceEvent const &)>;
-    using FrameFn = std::function<void(std::size_t, DeviceFrame const &)>;
+    /// What happens at one of them, counted from 1, under its lock; all but onEvent may be none.
+    struct Ears {
+        std::function<void(std::size_t, DeviceEvent const &)> onEvent;
+        std::function<void(std::size_t, DeviceFrame const &)> onFrame;
+        std::function<void(std::size_t, DeviceDatagram const &)> onDatagram;
+    };
 
     /// One device as config says, or cDevices at its address and those behind it, with numbers behind its name
     /// and in its serial number.
-    CSimFleet(SoftDeviceConfig const &config, unsigned cDevices, EventFn onEvent, FrameFn onFrame);
+    CSimFleet(SoftDeviceConfig const &config, unsigned cDevices, Ears ears);
 
     /// Starts them all at one port. False with the reason.
     bool Start(std::string *pstrError);
@@ -33,8 +36,7 @@ private:
     void Make(SoftDeviceConfig config, std::size_t nDevice);
 
     std::shared_ptr<CDeviceLoop> m_pLoop; // of a fleet
-    EventFn m_onEvent;
-    FrameFn m_onFrame;
+    Ears m_ears;
     SoftDeviceConfig m_config;
     unsigned m_cDevices;
     std::vector<std::unique_ptr<CSoftDevice>> m_devices;

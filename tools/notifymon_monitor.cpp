@@ -1,6 +1,7 @@
 #include "tools/notifymon_monitor.h"
 
 #include "tools/notifymon_output.h"
+#include "tools/notifymon_record.h"
 #include "tools/showable.h"
 #include "tools/usage.h"
 
@@ -83,12 +84,18 @@ class CMonitor {
 public:
     CMonitor(Options const &options, CDiagnostics &diagnostics, CEnding &ending)
         : m_options(options), m_diagnostics(diagnostics), m_ending(ending),
-          m_hooks(options.strCommand), m_sessions(ending, m_hooks)
+          m_hooks(options.strCommand), m_sessions(ending, m_hooks),
+          m_tape(*ParseTapeMask(options.strMask))
     {
     }
 
     int Run()
     {
+        std::string strError;
+        if (!m_options.strRecord.empty() && !m_tape.Start(m_options.strRecord, &strError)) {
+            Tell(strError);
+            return eXC_FAILED;
+        }
         for (SessionOptions const &device : m_options.devices) {
             CSession &session = m_sessions.Start(device);
             m_pFirst = m_pFirst == nullptr ? &session : m_pFirst;
@@ -108,6 +115,7 @@ private:
             if (!event) {
                 return HasEndedWell();
             }
+            m_tape.Write(*event);
             if (!std::visit([&](auto const &what) { return Take(*event, what); }, event->what)) {
                 return false;
             }
@@ -241,6 +249,7 @@ private:
     CEnding &m_ending;
     CHooks m_hooks;
     CSessions m_sessions;
+    CHeardTape m_tape;
     CSession *m_pFirst = nullptr;  // the one that discovers
     std::set<std::string> m_ready; // the devices that have been connected
     unsigned m_nSeen = 0;

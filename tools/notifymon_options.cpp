@@ -3,6 +3,7 @@
 #include "dolrtl/QOMADolC.h"
 #include "session/subscriptions.h"
 #include "tools/notifymon_output.h"
+#include "tools/tape_mask.h"
 #include "tools/usage.h"
 
 #include <algorithm>
@@ -66,6 +67,15 @@ void DescribeOutput(CLI::App &app, Options &options)
                    "error. Environment: " +
                        EnvironmentNames())
         ->option_text("COMMAND");
+    app.add_option("--record", options.strRecord,
+                   "Write what is heard to this file, as JSON lines with monotonic times")
+        ->option_text("TAPE");
+    options.strMask = kMaskAll;
+    app.add_option("--mask", options.strMask,
+                   "What stand-ins are recorded for, of addresses,names,texts, or none")
+        ->option_text("PARTS")
+        ->check(TapeMaskProblem)
+        ->capture_default_str();
     app.add_option("--count", options.nCount, "End after so many notifications")
         ->option_text("N")
         ->check(CLI::Range(1, 1000000000));

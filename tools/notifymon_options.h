@@ -25,6 +25,8 @@ struct Options {
     bool bJson = false;
     std::string strFormat; ///< checked; empty for none
     std::string strCommand;
+    std::string strRecord;
+    std::string strMask; ///< checked
     std::string strDiscover;
     std::string strRegistry;
     std::string strDiagnostics;
