@@ -8,8 +8,7 @@
 #include <array>
 #include <stdexcept>
 
-std::unique_ptr<CHubSink> MakeHubSink(HubSinkSettings const &settings, HubLogFn const &,
-                                      HubHearFn const &hear)
+std::unique_ptr<CHubSink> MakeHubSink(HubSinkSettings const &settings, HubSinkHost const &host)
 {
     if (auto const *const pExec = std::get_if<HubExecSettings>(&settings.kind)) {
         return std::make_unique<CExecSink>(*pExec);
@@ -18,7 +17,7 @@ std::unique_ptr<CHubSink> MakeHubSink(HubSinkSettings const &settings, HubLogFn 
         return std::make_unique<CWebhookSink>(*pWebhook);
     }
     if (auto const *const pMqtt = std::get_if<HubMqttSettings>(&settings.kind)) {
-        return std::make_unique<CMqttSink>(*pMqtt, hear);
+        return std::make_unique<CMqttSink>(*pMqtt, host);
     }
     if (auto const *const pDesktop = std::get_if<HubDesktopSettings>(&settings.kind)) {
         return std::make_unique<CDesktopSink>(*pDesktop);

@@ -29,7 +29,7 @@ std::string StateText(HubDeviceState const &state)
 
 class CMqttSinkImpl {
 public:
-    CMqttSinkImpl(HubMqttSettings const &settings, HubHearFn hear);
+    CMqttSinkImpl(HubMqttSettings const &settings, HubSinkHost const &host);
     ~CMqttSinkImpl() { Stop(); }
 
     HubOutcomeType Deliver(HubEvent const &event, std::string *pstrWhy);
@@ -54,7 +54,7 @@ private:
 
     HubMqttSettings const m_settings;
     CMqttTopics const m_topics;
-    HubHearFn const m_hear;
+    HubSinkHost const m_host;
 
     // The link thread's own: what was heard about the site since the connection began.
     std::string m_strSite;                                // its availability
@@ -68,9 +68,8 @@ private:
     CMqttLink m_link; // the last: its thread uses all of the above
 };
 
-CMqttSinkImpl::CMqttSinkImpl(HubMqttSettings const &settings, HubHearFn hear)
-    : m_settings(settings), m_topics(settings), m_hear(hear ? std::move(hear) : [](bool) {}),
-      m_bHears(!settings.bStandby),
+CMqttSinkImpl::CMqttSinkImpl(HubMqttSettings const &settings, HubSinkHost const &host)
+    : m_settings(settings), m_topics(settings), m_host(host), m_bHears(!settings.bStandby),
       m_link(settings, settings.bStandby ? std::nullopt : Will(), Events())
 {
     m_link.Start();
@@ -208,7 +207,7 @@ void CMqttSinkImpl::TakeSite()
         m_bHears = true;
         m_link.SetWill(Will());
     }
-    m_hear(true);
+    m_host.onTurn(true);
 }
 
 void CMqttSinkImpl::GiveBack()
@@ -221,13 +220,13 @@ void CMqttSinkImpl::GiveBack()
         m_bHears = false;
         m_link.SetWill(std::nullopt);
     }
-    m_hear(false);
+    m_host.onTurn(false);
 }
 
 // ---- The public face
 
-CMqttSink::CMqttSink(HubMqttSettings const &settings, HubHearFn hear)
-    : m_pImpl(std::make_unique<CMqttSinkImpl>(settings, std::move(hear)))
+CMqttSink::CMqttSink(HubMqttSettings const &settings, HubSinkHost const &host)
+    : m_pImpl(std::make_unique<CMqttSinkImpl>(settings, host))
 {
 }
 

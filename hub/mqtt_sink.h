@@ -31,9 +31,9 @@ class CMqttSinkImpl;
 /// The sink. Events wait for the connection as long as the settings' limit says; unless the broker refuses it.
 class CMqttSink final : public CHubSink {
 public:
-    /// Connects in the background. With bStandby in the settings the hub begins without hearing, and hear is
-    /// called for each change; without it, never. Throws std::bad_alloc or std::system_error.
-    explicit CMqttSink(HubMqttSettings const &settings, HubHearFn hear = {});
+    /// Connects in the background. With bStandby in the settings the hub begins without hearing, and the host's
+    /// onTurn is called for each change; without it, never. Throws std::bad_alloc or std::system_error.
+    explicit CMqttSink(HubMqttSettings const &settings, HubSinkHost const &host);
     /// Says that the site is unavailable, if this hub hears it, and closes the connection; about a second.
     ~CMqttSink() override;
 
