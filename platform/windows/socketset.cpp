@@ -1,8 +1,9 @@
 #include "platform/socketset.h"
 
+#include "platform/lock.h"
+
 #include <algorithm>
 #include <map>
-#include <mutex>
 #include <vector>
 
 namespace {
@@ -44,13 +45,13 @@ public:
 
     void Set(SOCKET s, Member const &member)
     {
-        std::lock_guard const lock(m_mx);
+        CPlatGuard const lock(m_mx);
         m_members[s] = member;
     }
 
     SOCKET const m_wake;
-    std::mutex m_mx; // guards what follows
-    std::map<SOCKET, Member> m_members;
+    CPlatMutex m_mx; // a leaf
+    std::map<SOCKET, Member> m_members PLAT_GUARDED_BY(m_mx);
 };
 
 void PlatRaiseSocketLimit() {} // there is none
@@ -79,7 +80,7 @@ bool CPlatSocketSet::Change(SOCKET s, std::uint64_t qwKey, bool bRead, bool bWri
 
 void CPlatSocketSet::Remove(SOCKET s)
 {
-    std::lock_guard const lock(m_pImpl->m_mx);
+    CPlatGuard const lock(m_pImpl->m_mx);
     m_pImpl->m_members.erase(s);
 }
 
@@ -88,7 +89,7 @@ std::size_t CPlatSocketSet::Wait(Ready *pReady, std::size_t cMost, DWORD dwMilli
     std::vector<WSAPOLLFD> polled{{m_pImpl->m_wake, POLLRDNORM, 0}};
     std::vector<std::uint64_t> keys{0};
     {
-        std::lock_guard const lock(m_pImpl->m_mx);
+        CPlatGuard const lock(m_pImpl->m_mx);
         for (auto const &[s, member] : m_pImpl->m_members) {
             if (member.nEvents != 0) {
                 polled.push_back({s, member.nEvents, 0});

@@ -1,7 +1,8 @@
 #include "platform/lineedit.h"
 
-#include <algorithm>
-#include <atomic>
+#include "platform/lock.h"
+#include "platform/posix/desktop/terminal.h"
+
 #include <cerrno>
 #include <clocale>
 #include <csignal>
@@ -11,9 +12,7 @@
 #include <deque>
 #include <fcntl.h>
 #include <histedit.h>
-#include <mutex>
 #include <poll.h>
-#include <sys/ioctl.h>
 #include <unistd.h>
 
 // The library that edits knows one thread, and waits for a key by a function of ours. So this function is
@@ -26,89 +25,6 @@ constexpr int kHistorySize = 500;
 constexpr std::size_t kMaxWaiting = 10000; // lines
 constexpr int kBackgroundLookMs =
     300; // nothing tells a program that its shell has brought it forward
-constexpr unsigned kFallbackColumns = 80;
-
-constinit std::atomic<int> g_fdWake{
-    -1}; // the pipe's end for signal handlers, while a line is edited
-
-void OnSignal(int nSignal)
-{
-    int const nErrno = errno;
-    auto const by = static_cast<unsigned char>(nSignal);
-    static_cast<void>(!::write(g_fdWake.load(), &by, 1));
-    errno = nErrno;
-}
-
-// Signals that concern the terminal go to OnSignal for as long as the object lives. The two that stop a
-// program which touches its terminal from the background fail the call instead.
-class CTerminalSignals {
-public:
-    explicit CTerminalSignals(int fdWake)
-    {
-        g_fdWake = fdWake;
-        struct sigaction action {};
-        action.sa_handler = &OnSignal;
-        action.sa_flags = SA_RESTART;
-        for (std::size_t n = 0; n < std::size(kSignals); ++n) {
-            ::sigaction(kSignals[n], &action, &m_aFormer[n]);
-        }
-        sigset_t blocked;
-        sigemptyset(&blocked);
-        sigaddset(&blocked, SIGTTIN);
-        sigaddset(&blocked, SIGTTOU);
-        ::pthread_sigmask(SIG_BLOCK, &blocked, &m_formerMask);
-    }
-    ~CTerminalSignals()
-    {
-        for (std::size_t n = 0; n < std::size(kSignals); ++n) {
-            ::sigaction(kSignals[n], &m_aFormer[n], nullptr);
-        }
-        ::pthread_sigmask(SIG_SETMASK, &m_formerMask, nullptr);
-    }
-    CTerminalSignals(CTerminalSignals const &) = delete;
-    CTerminalSignals &operator=(CTerminalSignals const &) = delete;
-
-private:
-    static constexpr int kSignals[] = {SIGTSTP, SIGCONT, SIGWINCH};
-    struct sigaction m_aFormer[std::size(kSignals)];
-    sigset_t m_formerMask;
-};
-
-unsigned Columns()
-{
-    winsize size{};
-    bool const fKnown = ::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0;
-    return fKnown ? size.ws_col : kFallbackColumns;
-}
-
-// Columns that the text takes.
-unsigned WidthOf(char const *p, std::size_t cb)
-{
-    unsigned nWidth = 0;
-    std::mbstate_t state{};
-    while (cb > 0) {
-        wchar_t ch;
-        std::size_t const n = std::mbrtowc(&ch, p, cb, &state);
-        if (n == 0 || n > cb) {
-            return nWidth;
-        }
-        nWidth += static_cast<unsigned>(std::max(0, ::wcwidth(ch)));
-        p += n;
-        cb -= n;
-    }
-    return nWidth;
-}
-
-void WriteAll(std::string const &str)
-{
-    for (std::size_t nDone = 0; nDone < str.size();) {
-        ssize_t const n = ::write(STDOUT_FILENO, str.data() + nDone, str.size() - nDone);
-        if (n < 0 && errno != EINTR) {
-            return; // the terminal is gone
-        }
-        nDone += static_cast<std::size_t>(std::max<ssize_t>(n, 0));
-    }
-}
 
 // What all of them begin with.
 std::string CommonStart(std::vector<std::string> const &texts)
@@ -150,7 +66,7 @@ private:
     bool ReadByte(char *pch);
     void TakeWakes();
     void OnWake(int nSignal);
-    std::string TakeWaiting();
+    std::string TakeWaiting() PLAT_REQUIRES(m_mx);
     void PrintWaiting();
     void LeaveLine();
     void ShowLine() { ::el_set(m_pEdit, EL_REFRESH); }
@@ -165,11 +81,11 @@ private:
     int m_aWake[2] = {-1, -1};
     bool m_fAway = false; // the terminal is the shell's or another program's; the reading thread's
 
-    std::mutex m_mx; // guards what follows and direct output
-    bool m_fEditing = false;
-    bool m_fEnd = false;
-    std::deque<std::string> m_waiting; // lines to be printed above the prompt
-    std::size_t m_cLost = 0;           // of them, as there were too many
+    CPlatMutex m_mx; // of direct output as well; a leaf
+    bool m_fEditing PLAT_GUARDED_BY(m_mx) = false;
+    bool m_fEnd PLAT_GUARDED_BY(m_mx) = false;
+    std::deque<std::string> m_waiting PLAT_GUARDED_BY(m_mx); // lines to be printed above the prompt
+    std::size_t m_cLost PLAT_GUARDED_BY(m_mx) = 0;           // of them, as there were too many
 };
 
 CPlatLineEditorImpl::~CPlatLineEditorImpl()
@@ -253,9 +169,9 @@ void CPlatLineEditorImpl::Wake()
 
 void CPlatLineEditorImpl::Print(std::string const &strLine)
 {
-    std::lock_guard const lock(m_mx);
+    CPlatGuard const lock(m_mx);
     if (!m_fEditing) {
-        WriteAll(strLine + "\n");
+        TerminalWrite(strLine + "\n");
         return;
     }
     if (m_waiting.size() == kMaxWaiting) { // a terminal that is halted must not halt who prints
@@ -266,7 +182,7 @@ void CPlatLineEditorImpl::Print(std::string const &strLine)
     Wake();
 }
 
-// All lines that wait, as one text. With the lock held.
+// All lines that wait, as one text.
 std::string CPlatLineEditorImpl::TakeWaiting()
 {
     std::string str;
@@ -283,7 +199,7 @@ std::string CPlatLineEditorImpl::TakeWaiting()
 
 void CPlatLineEditorImpl::Close()
 {
-    std::lock_guard const lock(m_mx);
+    CPlatGuard const lock(m_mx);
     m_fEnd = true;
     Wake();
 }
@@ -299,7 +215,7 @@ bool CPlatLineEditorImpl::Read(std::string *pstrLine)
     int c = 0;
     char const *const psz = ::el_gets(m_pEdit, &c);
     if (psz == nullptr || c <= 0) {
-        WriteAll(IsAtEnd() ? "" : "\n"); // behind the key that ended it
+        TerminalWrite(IsAtEnd() ? "" : "\n"); // behind the key that ended it
         EndLine();
         return false;
     }
@@ -333,7 +249,7 @@ bool CPlatLineEditorImpl::WaitForForeground()
 
 bool CPlatLineEditorImpl::BeginLine()
 {
-    std::lock_guard const lock(m_mx);
+    CPlatGuard const lock(m_mx);
     m_fEditing = !m_fEnd;
     m_fAway = false;
     return m_fEditing;
@@ -341,9 +257,9 @@ bool CPlatLineEditorImpl::BeginLine()
 
 void CPlatLineEditorImpl::EndLine()
 {
-    std::lock_guard const lock(m_mx);
+    CPlatGuard const lock(m_mx);
     m_fEditing = false;
-    WriteAll(TakeWaiting());
+    TerminalWrite(TakeWaiting());
 }
 
 // Takes the edited line off the screen; the cursor is where the prompt began.
@@ -351,28 +267,28 @@ void CPlatLineEditorImpl::LeaveLine()
 {
     LineInfo const *const pLine = ::el_line(m_pEdit);
     auto const cbBefore = static_cast<std::size_t>(pLine->cursor - pLine->buffer);
-    unsigned const nWidth =
-        WidthOf(m_strPrompt.data(), m_strPrompt.size()) + WidthOf(pLine->buffer, cbBefore);
+    unsigned const nWidth = TerminalWidthOf(m_strPrompt.data(), m_strPrompt.size()) +
+                            TerminalWidthOf(pLine->buffer, cbBefore);
     std::string str = "\r";
-    if (unsigned const cRows = nWidth / Columns(); cRows > 0) {
+    if (unsigned const cRows = nWidth / TerminalColumns(); cRows > 0) {
         str += "\x1b[" + std::to_string(cRows) + "A";
     }
-    WriteAll(str + "\x1b[J");
+    TerminalWrite(str + "\x1b[J");
 }
 
 void CPlatLineEditorImpl::PrintWaiting()
 {
     std::string str;
     {
-        std::lock_guard const lock(m_mx);
+        CPlatGuard const lock(m_mx);
         str = TakeWaiting();
     }
     if (str.empty() || m_fAway) {
-        WriteAll(str);
+        TerminalWrite(str);
         return;
     }
     LeaveLine();
-    WriteAll(str);
+    TerminalWrite(str);
     ShowLine();
 }
 
@@ -419,7 +335,7 @@ int CPlatLineEditorImpl::WaitForChar(wchar_t *pch)
 
 bool CPlatLineEditorImpl::IsAtEnd()
 {
-    std::lock_guard const lock(m_mx);
+    CPlatGuard const lock(m_mx);
     return m_fEnd;
 }
 
@@ -469,7 +385,7 @@ void CPlatLineEditorImpl::OnWake(int nSignal)
 {
     bool fEditing;
     {
-        std::lock_guard const lock(m_mx);
+        CPlatGuard const lock(m_mx);
         fEditing = m_fEditing;
     }
     if (nSignal == SIGTSTP) {
@@ -513,23 +429,13 @@ unsigned char CPlatLineEditorImpl::Complete()
             str += strText.substr(nWord) + "  ";
         }
         LeaveLine();
-        WriteAll(str + "\n");
+        TerminalWrite(str + "\n");
         ShowLine();
     }
     return CC_NORM;
 }
 
 // ---- The public face
-
-bool PlatIsTerminal()
-{
-    return ::isatty(STDIN_FILENO) && ::isatty(STDOUT_FILENO);
-}
-
-bool PlatInForeground()
-{
-    return ::tcgetpgrp(STDIN_FILENO) == ::getpgrp();
-}
 
 CPlatLineEditor::CPlatLineEditor() : m_pImpl(std::make_unique<CPlatLineEditorImpl>()) {}
 

@@ -13,6 +13,7 @@
 /// Where there is no room for a page it is made in the next of the user's run directories, and is looked for
 /// in all. Two processes that make one name in the moment in which room comes or goes may miss each other.
 
+#include "platform/lock.h"
 #include "platform/posix/kernel/handle.h"
 #include "platform/posix/kernel/owned.h"
 #include <string>
@@ -40,23 +41,29 @@ public:
 private:
     struct NewType; // what a new object is to be
 
-    CNamedShared(std::string strPath, int fd, CNamedPage *pPage);
+    CNamedShared(std::string strPath, int fd, CNamedPage *pPage) PLAT_REQUIRES(s_lock);
     ~CNamedShared();
 
-    static CNamedShared *Find(std::string const &strPath);
-    static CNamedShared *OpenAnywhere(std::string const &strFile, DWORD &dwError);
+    static CNamedShared *Find(std::string const &strPath) PLAT_REQUIRES(s_lock);
+    static CNamedShared *OpenAnywhere(std::string const &strFile, DWORD &dwError)
+        PLAT_REQUIRES(s_lock);
     static CNamedShared *MakeAnywhere(std::string const &strFile, NewType const &what,
-                                      DWORD &dwError);
+                                      DWORD &dwError) PLAT_REQUIRES(s_lock);
     // strPath goes over to the object on success, and stays as it was otherwise.
-    static CNamedShared *OpenFile(std::string &strPath, DWORD &dwError);
-    static CNamedShared *MakeFile(std::string &strPath, NewType const &what, DWORD &dwError);
-    bool GiveUpName();
+    static CNamedShared *OpenFile(std::string &strPath, DWORD &dwError) PLAT_REQUIRES(s_lock);
+    static CNamedShared *MakeFile(std::string &strPath, NewType const &what, DWORD &dwError)
+        PLAT_REQUIRES(s_lock);
+    bool GiveUpName() PLAT_REQUIRES(s_lock);
+
+    // Of the open objects, and of opening and closing as a whole, within this process. A leaf.
+    static CPlatMutex s_lock;
+    static CNamedShared *s_pFirst PLAT_GUARDED_BY(s_lock);
 
     std::string m_strPath;
-    int m_fd;                         // of the file with the name; closed with the last handle
-    unsigned m_cHandles = 1;          // under the list's lock
+    int m_fd; // of the file with the name; closed with the last handle
+    unsigned m_cHandles PLAT_GUARDED_BY(s_lock) = 1;
     std::atomic<unsigned> m_cRefs{1}; // all handles together are one
-    CNamedShared *m_pNextNamed;       // under the list's lock
+    CNamedShared *m_pNextNamed PLAT_GUARDED_BY(s_lock);
 };
 
 /// A handle to a named object, with the rights that were asked for.

@@ -1,5 +1,6 @@
 #include "platform/posix/storage/storage_tree.h"
 
+#include "platform/lock.h"
 #include "platform/posix/kernel/signalguard.h"
 #include "platform/posix/storage/storage_check.h"
 
@@ -15,7 +16,6 @@
 #include <gsf/gsf-outfile.h>
 #include <gsf/gsf-output-stdio.h>
 #include <gsf/gsf-utils.h>
-#include <mutex>
 #include <new>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -25,7 +25,7 @@ namespace {
 static_assert(sizeof(CLSID) == 16, "the class identifier goes to the file as it lies in memory");
 
 // The library's types and the objects of one storage are not made for several threads.
-std::mutex g_gsfMutex; // a leaf
+CPlatMutex g_gsfMutex; // a leaf
 
 struct ObjectRelease {
     void operator()(void *pObject) const { g_object_unref(pObject); }
@@ -253,7 +253,7 @@ HRESULT StorageLoad(int fd, CStorageNode &root)
     if (!StorageIsSound(pBytes.get(), cb)) {
         return STG_E_DOCFILECORRUPT;
     }
-    std::lock_guard const lock(g_gsfMutex);
+    CPlatGuard const lock(g_gsfMutex);
     InitLibrary();
     GsfPtr<GsfInput> const pInput(
         gsf_input_memory_new(pBytes.get(), static_cast<gsf_off_t>(cb), /*needs_free=*/FALSE));
@@ -276,7 +276,7 @@ HRESULT StorageSave(int fd, CStorageNode const &root)
     }
     off_t cb;
     {
-        std::lock_guard const lock(g_gsfMutex);
+        CPlatGuard const lock(g_gsfMutex);
         InitLibrary();
         cb = SaveToStream(pFile, root);
     }
