@@ -5,6 +5,7 @@
 #include "agent/callback_qthread.h"
 #include "agent/dol_callback.h"
 #include "agent/stack_list.h"
+#include "platform/check.h"
 #include "platform/lock.h"
 
 namespace {
@@ -63,6 +64,7 @@ CAgentLock::~CAgentLock()
     if (!m_bHeld) {
         return;
     }
+    PLAT_CHECK(t_pInnermost == this);
     t_pInnermost = m_pOuter;
     CPlatGuard const gate(g_mtxGate);
     ReleaseMutex(m_hMutex);

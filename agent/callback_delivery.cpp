@@ -9,6 +9,7 @@
 #include "agent/QOMANoAg.h"
 #include "foundation/g_os.h"
 #include "foundation/g_text.h"
+#include "platform/check.h"
 #include "platform/runtime.h"
 
 namespace {
@@ -194,6 +195,7 @@ DWORD CNotifyAgent::PerformCallback(CallbackType eType, int nValue, DWORD dwValu
 
 DWORD CNotifyAgent::StartupSupportThreads()
 {
+    PLAT_CHECK(m_pCallbackQThread == nullptr && m_pDatagramQThread == nullptr);
     m_pCallbackQThread = NewThread<CCallbackQThread>(this, "CCallbackQThread");
     if (!m_bNetwork) {
         return NO_ERROR;
@@ -211,6 +213,7 @@ DWORD CNotifyAgent::StartupSupportThreads()
 
 DWORD CNotifyAgent::ShutdownSupportThreads()
 {
+    PLAT_CHECK(m_pDolRtl == nullptr); // its thread uses theirs
     // The datagram thread first: its loop posts to the callback thread, through a pointer that must not
     // dangle while the loop runs. So each pointer is cleared after its Release.
     if (CDatagramQThread *const pDatagramQThread = m_pDatagramQThread) {

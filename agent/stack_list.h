@@ -2,6 +2,7 @@
 /// @file
 /// A list whose entries live on the stacks of threads, each for as long as that thread does something that
 /// others have to know of. To make one costs no memory, so it cannot fail.
+#include "platform/check.h"
 
 /// Entry has a field `Entry *m_pNext`. The list is its owner's to lock.
 template <class Entry>
@@ -34,6 +35,7 @@ private:
     {
         Entry **ppEntry = &m_pFirst;
         while (*ppEntry != pEntry) {
+            PLAT_CHECK(*ppEntry != nullptr); // who takes an entry out has put it in
             ppEntry = &(*ppEntry)->m_pNext;
         }
         return ppEntry;

@@ -98,6 +98,48 @@ bool ClaimButtonPress(CDolRtl &link)
     return bOurs;
 }
 
+// What the client is to hear of a trap.
+struct NoticeType {
+    CallbackType eType = eCT_SELECT_NOTIFY;
+    int nValue = 0;
+    DWORD dwValue = 0;
+    char const *pszOption = g_aszText[eGT_EMPTY];
+};
+
+// Whether the client is to hear of it, and what. fnIsOurs tells of an option's text whether it came by us. 50 for
+// a trap that nobody knows.
+template <class IsOurs>
+DWORD ReadNotice(CDolRtl &link, DWORD dwRow, char const *pValue, IsOurs fnIsOurs, bool *pbTell,
+                 NoticeType *pNotice)
+{
+    DWORD const dwWord = WordOf(pValue);
+    *pbTell = false;
+    switch (dwRow) {
+    case eDO_UI_ADD_OPTION:
+    case eDO_UI_DELETE_OPTION:
+    case eDO_SERIAL_NUMBER:
+        return NO_ERROR;
+    case eDO_UI_SELECT_OPTION:
+        *pbTell = fnIsOurs(pValue);
+        *pNotice = {eCT_SELECT_NOTIFY, 0, 0, pValue};
+        return NO_ERROR;
+    case eDO_NOT_READY_SOURCE_SCANNER:
+        *pbTell = true;
+        *pNotice = {eCT_ADF_NOTIFY, (dwWord & kFeederBit) != 0 ? 1 : 0};
+        return NO_ERROR;
+    case eDO_SCANNER_BUTTON_STATUS:
+        *pbTell = dwWord == kButtonPressed && ClaimButtonPress(link);
+        *pNotice = {eCT_SCANNER_BUTTON_NOTIFY, 0, kButtonPressed};
+        return NO_ERROR;
+    case eDO_FAX_UPLOAD:
+        *pbTell = dwWord == kFaxWaits;
+        *pNotice = {eCT_FAX_UPLOAD_NOTIFY};
+        return NO_ERROR;
+    default:
+        return ERROR_NOT_SUPPORTED;
+    }
+}
+
 } // namespace
 
 void WaitForDrains(CDolRtl const *pDolRtl)
@@ -118,12 +160,6 @@ DWORD CNotifyAgent::ReadTraps()
     if (pDolRtl == nullptr) {
         return WithoutLink(IsDeviceInitialized());
     }
-    char const *const pszNone = g_aszText[eGT_EMPTY];
-    auto const Notify = [&](CallbackType eType, int nValue, DWORD dwValue, char const *pszOption) {
-        CCallbackQThread::PostTo(m_pCallbackQThread, eType, nValue, dwValue, pszOption, pszNone,
-                                 pszNone);
-    };
-
     DWORD dwResult = NO_ERROR;
     while (m_pDolRtl == pDolRtl) { // what Shutdown has given up is not drained to the end
         std::memset(pValue.get(), 0, kcbTrapBuffer);
@@ -135,33 +171,18 @@ DWORD CNotifyAgent::ReadTraps()
         if (dwRead != NO_ERROR) {
             return dwRead == ERROR_FILE_NOT_FOUND ? dwResult : dwRead;
         }
-        DWORD const dwWord = WordOf(pValue.get());
-        switch (wTrapId) {
-        case eDO_UI_ADD_OPTION:
-        case eDO_UI_DELETE_OPTION:
-        case eDO_SERIAL_NUMBER:
-            break;
-        case eDO_UI_SELECT_OPTION:
-            if (NetAddrIsOurs(pValue.get())) {
-                Notify(eCT_SELECT_NOTIFY, 0, 0, pValue.get());
-            }
-            break;
-        case eDO_NOT_READY_SOURCE_SCANNER:
-            Notify(eCT_ADF_NOTIFY, (dwWord & kFeederBit) != 0 ? 1 : 0, 0, pszNone);
-            break;
-        case eDO_SCANNER_BUTTON_STATUS:
-            if (dwWord == kButtonPressed && ClaimButtonPress(*pDolRtl)) {
-                Notify(eCT_SCANNER_BUTTON_NOTIFY, 0, kButtonPressed, pszNone);
-            }
-            break;
-        case eDO_FAX_UPLOAD:
-            if (dwWord == kFaxWaits) {
-                Notify(eCT_FAX_UPLOAD_NOTIFY, 0, 0, pszNone);
-            }
-            break;
-        default:
-            dwResult = ERROR_NOT_SUPPORTED;
-            break;
+        NoticeType notice;
+        bool bTell = false;
+        DWORD const dwKnown = ReadNotice(
+            *pDolRtl, wTrapId, pValue.get(),
+            [this](char const *pszText) { return NetAddrIsOurs(pszText) != 0; }, &bTell, &notice);
+        if (dwKnown != NO_ERROR) {
+            dwResult = dwKnown;
+        }
+        if (bTell) {
+            CCallbackQThread::PostTo(m_pCallbackQThread, notice.eType, notice.nValue,
+                                     notice.dwValue, notice.pszOption, g_aszText[eGT_EMPTY],
+                                     g_aszText[eGT_EMPTY]);
         }
     }
     return dwResult;

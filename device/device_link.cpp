@@ -1,6 +1,7 @@
 #include "device/device_link.h"
 
 #include "devlink/link_protocol.h"
+#include "platform/check.h"
 
 #include <algorithm>
 
@@ -77,6 +78,7 @@ bool CDeviceLink::SendFirst(LinkTime now)
         End();
         return false;
     }
+    PLAT_CHECK(m_cbSent < first.bytes.size());
     while (m_cbSent < first.bytes.size()) {
         int const n =
             m_stream.SendSome(first.bytes.data() + m_cbSent, first.bytes.size() - m_cbSent);

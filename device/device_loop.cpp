@@ -1,5 +1,7 @@
 #include "device/device_loop.h"
 
+#include "platform/check.h"
+
 #include <algorithm>
 #include <array>
 
@@ -18,6 +20,7 @@ CDeviceLoop::~CDeviceLoop()
 {
     {
         CPlatGuard const lock(m_mx);
+        PLAT_CHECK(m_clients.empty());
         m_fEnding = true;
     }
     m_set.Wake();
@@ -36,7 +39,7 @@ bool CDeviceLoop::Start(std::string *pstrError)
     return true;
 }
 
-CDeviceLoop::Place CDeviceLoop::Attach(Client &client)
+CDeviceLoop::Place CDeviceLoop::Attach(CClient &client)
 {
     CPlatGuard const lock(m_mx);
     m_clients[++m_lastPlace] = {&client, LinkTime::max()};
@@ -45,6 +48,7 @@ CDeviceLoop::Place CDeviceLoop::Attach(Client &client)
 
 void CDeviceLoop::Detach(Place place)
 {
+    PLAT_CHECK(std::this_thread::get_id() != m_thread.get_id()); // it would wait for itself
     CPlatWaitGuard lock(m_mx);
     m_clients.erase(place);
     m_cv.wait(lock.Native(),
@@ -83,13 +87,14 @@ void CDeviceLoop::Wake(Place place)
 
 void CDeviceLoop::Serve(Place place, CPlatSocketSet::Ready const *pReady)
 {
-    Client *pClient = nullptr;
+    CClient *pClient = nullptr;
     {
         CPlatGuard const lock(m_mx);
         auto const it = m_clients.find(place);
         if (it == m_clients.end()) {
             return;
         }
+        PLAT_CHECK(m_serving == 0);
         pClient = it->second.pClient;
         it->second.due = LinkTime::max(); // a Wake from here on counts
         m_serving = place;

@@ -15,7 +15,7 @@
 class CDeviceLoop {
 public:
     /// Whom it serves. Both are called on the loop's thread, one at a time, without a lock of the loop's.
-    class Client {
+    class CClient {
     public:
         /// The socket that was added under that number can be read, or written.
         virtual void OnReady(DWORD dwSocket, bool fRead, bool fWrite) = 0;
@@ -23,7 +23,7 @@ public:
         virtual LinkTime OnTime(LinkTime now) = 0;
 
     protected:
-        ~Client() = default;
+        ~CClient() = default;
     };
 
     /// A client's number; 0 is none.
@@ -38,7 +38,7 @@ public:
     bool Start(std::string *pstrError);
 
     /// Serves the client from now on.
-    Place Attach(Client &client);
+    Place Attach(CClient &client);
     /// Serves it no more, and waits until it is not being served. Not from inside it. Its sockets have left.
     void Detach(Place place);
 
@@ -54,7 +54,7 @@ public:
 
 private:
     struct Entry {
-        Client *pClient = nullptr;
+        CClient *pClient = nullptr;
         LinkTime due = LinkTime::min();
     };
 

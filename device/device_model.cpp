@@ -1,6 +1,7 @@
 #include "device/device_model.h"
 
 #include "device/kick_sender.h"
+#include "platform/check.h"
 
 #include <algorithm>
 
@@ -53,17 +54,24 @@ CDeviceModel::CDeviceModel(std::string const &strSerial)
     m_values[eDO_FAX_UPLOAD] = WordValue(0);
 }
 
+LinkBytes const &CDeviceModel::Value(int nRow) const
+{
+    PLAT_CHECK(nRow >= 0 && nRow < eDO_COUNT);
+    return m_values[static_cast<std::size_t>(nRow)];
+}
+
 DWORD CDeviceModel::Get(int nRow, BYTE dataType, LinkBytes *pValue) const
 {
     if (dataType != g_deviceObjects[nRow].dataType) {
         return eLR_WRONG_TYPE;
     }
-    *pValue = m_values[static_cast<std::size_t>(nRow)];
+    *pValue = Value(nRow);
     return eLR_OK;
 }
 
 ObjectChange CDeviceModel::Store(int nRow, LinkBytes value)
 {
+    PLAT_CHECK(nRow >= 0 && nRow < eDO_COUNT);
     m_values[static_cast<std::size_t>(nRow)] = value;
     return {nRow, std::move(value)};
 }
@@ -82,7 +90,7 @@ DWORD CDeviceModel::Set(ClientId client, bool fNetwork, int nRow, BYTE dataType,
     } else if (nRow == eDO_SCAN_TOKEN) {
         dwResult = SetToken(client, value);
     }
-    if (dwResult == eLR_OK && value != m_values[static_cast<std::size_t>(nRow)]) {
+    if (dwResult == eLR_OK && value != Value(nRow)) {
         pChanges->push_back(Store(nRow, value));
     }
     return dwResult;

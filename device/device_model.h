@@ -60,7 +60,7 @@ public:
     /// A client reads: eLR_OK with the value as it goes over the wire, or why not.
     DWORD Get(int nRow, BYTE dataType, LinkBytes *pValue) const;
     /// An object's value, as it goes over the wire.
-    LinkBytes const &Value(int nRow) const { return m_values[static_cast<std::size_t>(nRow)]; }
+    LinkBytes const &Value(int nRow) const;
     /// A client writes. eLR_OK, or why not; then nothing has changed.
     DWORD Set(ClientId client, bool fNetwork, int nRow, BYTE dataType, LinkBytes const &value,
               ObjectChanges *pChanges);

@@ -1,5 +1,7 @@
 #include "device/kick_sender.h"
 
+#include "platform/check.h"
+
 #include <algorithm>
 
 namespace {
@@ -57,13 +59,19 @@ bool CKickSender::Echo(WORD wFromPort, std::string const &strBytes)
         }
         Report(eEV_KICK_ECHOED, it->first, *itKick);
         kicks.erase(itKick);
-        --m_cWaiting;
+        Uncount();
         if (kicks.empty()) {
             m_waiting.erase(it);
         }
         return true;
     }
     return false;
+}
+
+void CKickSender::Uncount()
+{
+    PLAT_CHECK(m_cWaiting > 0);
+    --m_cWaiting;
 }
 
 LinkTime CKickSender::Run(LinkTime now)
@@ -73,6 +81,7 @@ LinkTime CKickSender::Run(LinkTime now)
         next = std::min(next, RunOne(it->first, it->second, now));
         it = it->second.empty() ? m_waiting.erase(it) : std::next(it);
     }
+    PLAT_CHECK(Waiting().size() == m_cWaiting);
     return next;
 }
 
@@ -96,7 +105,7 @@ LinkTime CKickSender::RunOne(LinkAddress const &to, Kicks &kicks, LinkTime now)
             continue; // it has overtaken the first, whose turn this is
         }
         kicks.erase(it);
-        --m_cWaiting;
+        Uncount();
     }
     return LinkTime::max();
 }

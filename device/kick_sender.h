@@ -105,6 +105,7 @@ private:
     using Kicks = std::list<Kick>;
 
     LinkTime RunOne(LinkAddress const &to, Kicks &kicks, LinkTime now);
+    void Uncount();
     void HoldBack(LinkAddress const &to, Kick &kick, LinkTime now);
     void ReleaseIfOvertaken(Kicks &kicks, LinkTime now);
     bool Serve(LinkAddress const &to, Kick &kick, LinkTime now); // false: given up

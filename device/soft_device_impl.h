@@ -13,7 +13,7 @@
 #include <condition_variable>
 
 // The device's inside; the public face takes its lock.
-class CSoftDeviceImpl final : public CDeviceLoop::Client {
+class CSoftDeviceImpl final : public CDeviceLoop::CClient {
 public:
     using Fields = std::vector<DeviceEventField>;
 

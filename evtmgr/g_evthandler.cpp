@@ -75,7 +75,7 @@ private:
     char *m_pszEnd;
 };
 
-/// A value that is not there, or too wide, leaves the word as it was; a narrower one fills its low bytes.
+// A value that is not there, or too wide, leaves the word as it was; a narrower one fills its low bytes.
 template <class T>
 void LoadWord(CGString const &strKey, char const *pszName, CFilterWord<T> &word)
 {

@@ -3,6 +3,7 @@
 #include "foundation/g_ref.h"
 #include "foundation/g_string.h"
 #include "platform/base.h"
+#include "platform/lock.h"
 
 #include <atomic>
 #include <cstdint>
@@ -88,10 +89,11 @@ public:
     /// Builds the line of an event and hands it to WriteLine. It does not ask the filter.
     /// @param pszText not null. @param base, custom, nLevel the event's masks and level, for its names.
     /// @return the result of WriteLine; 0 when there is no memory for the line.
-    DWORD WriteEvent(char const *pszText, std::uint64_t base, std::uint64_t custom, LONG nLevel);
+    DWORD WriteEvent(char const *pszText, std::uint64_t base, std::uint64_t custom, LONG nLevel)
+        PLAT_REQUIRES(m_pEvtMgr);
 
     /// The same with custom mask 0 and level 0.
-    DWORD WriteEvent(char const *pszText, std::uint64_t base)
+    DWORD WriteEvent(char const *pszText, std::uint64_t base) PLAT_REQUIRES(m_pEvtMgr)
     {
         return WriteEvent(pszText, base, 0, 0);
     }

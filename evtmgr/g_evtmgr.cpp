@@ -5,6 +5,7 @@
 #include "evtmgr/g_tdhandler.h"
 #include "foundation/g_os.h"
 #include "foundation/g_text.h"
+#include "platform/check.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -107,8 +108,16 @@ int Query(CGBaseEvtHandler *pHandler, EvtQueryFullType const &query)
     return *query.m_pfOn == 0;
 }
 
+// A handler is visited by its own manager, so that this manager's mutex is the one that guards what it uses.
+void CheckOwner(CGBaseEvtHandler const &handler, CGEvtMgr const &mgr)
+    PLAT_THREAD_MARK(assert_capability(handler.m_pEvtMgr))
+{
+    PLAT_CHECK(handler.m_pEvtMgr == &mgr);
+}
+
 // The visits of a write: each handler tests the event again, for a reload may have come in between.
 void Write(CGBaseEvtHandler *pHandler, EvtWriteBaseType const &write)
+    PLAT_REQUIRES(pHandler->m_pEvtMgr)
 {
     if (pHandler->IsEventOn(write.m_BaseMask)) {
         pHandler->WriteEvent(write.m_pszText, write.m_BaseMask);
@@ -116,6 +125,7 @@ void Write(CGBaseEvtHandler *pHandler, EvtWriteBaseType const &write)
 }
 
 void Write(CGBaseEvtHandler *pHandler, EvtWriteFullType const &write)
+    PLAT_REQUIRES(pHandler->m_pEvtMgr)
 {
     if (pHandler->IsEventOn(write.m_BaseMask, write.m_CustomMask, write.m_nLevel)) {
         pHandler->WriteEvent(write.m_pszText, write.m_BaseMask, write.m_CustomMask, write.m_nLevel);
@@ -299,6 +309,7 @@ int CGEvtMgr::VisitNode(CNode *pNode, DWORD op, void *pRec)
         return 1;
     }
 
+    CheckOwner(*pHandler, *this);
     int nResult = 1;
     pHandler->AddRef();
     switch (op) {

@@ -135,9 +135,9 @@ public:
 
     std::atomic<LONG> m_fReady; ///< 0 until the constructor has finished, then 1; nothing clears it
     CGString m_strModuleName;   ///< the key below Modules; constant after construction
-    CGString m_strIdString;     ///< head of every line; under the queue mutex
-    CCategory *m_pBaseCategory; ///< one reference; null without memory; under the queue mutex
-    DWORD m_nMode;              ///< eEM_...; constant after construction
+    CGString m_strIdString PLAT_GUARDED_BY(this);     ///< head of every line
+    CCategory *m_pBaseCategory PLAT_GUARDED_BY(this); ///< one reference; null without memory
+    DWORD m_nMode;                                    ///< eEM_...; constant after construction
 
 private:
     void SumUpHandlers();

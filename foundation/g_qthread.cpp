@@ -11,6 +11,8 @@
 static UINT const c_nWarningBeep = 48;  // MB_ICONEXCLAMATION
 static DWORD const c_dwLastSteps = 500; // ms between the done event and the thread's end
 
+static thread_local CGQThread const *t_pWorksFor = nullptr; // whose worker this thread is
+
 struct CGQThread::CWorkerRun {
     CNode *pNode = nullptr;
     bool fDeliver = true; // pNode is for ProcessEntry
@@ -112,12 +114,13 @@ void CGQThread::StartAfxThread()
     }
 }
 
-void CGQThread::LockThread()
+// What they lock has a handle, not a class that the compiler could know.
+void CGQThread::LockThread() PLAT_NO_THREAD_SAFETY
 {
     WaitForSingleObject(m_hThreadMutex, INFINITE);
 }
 
-void CGQThread::UnlockThread()
+void CGQThread::UnlockThread() PLAT_NO_THREAD_SAFETY
 {
     ReleaseMutex(m_hThreadMutex);
 }
@@ -181,6 +184,7 @@ void CGQThread::EndWorker()
 // is no event.
 void CGQThread::AwaitWorker() const
 {
+    PLAT_CHECK(t_pWorksFor != this); // it would wait for itself
     if (m_eKind != eTK_BEGINTHREADEX) {
         WaitForSingleObject(m_hDone, INFINITE);
         return;
@@ -234,8 +238,8 @@ LONG CGQThread::DoStart(CWorkerRun &run)
     return eWS_NEXT;
 }
 
-// On the way to eWS_WAIT the thread mutex stays held: between the look at the empty list and the reset
-// of the wake event nobody may post, or the wake-up would be lost.
+// Between the look at the empty list and the reset of the wake event nobody may post, or the wake-up would be
+// lost.
 LONG CGQThread::DoNext(CWorkerRun &run)
 {
     LockThread();
@@ -245,6 +249,9 @@ LONG CGQThread::DoNext(CWorkerRun &run)
     }
     run.dwResult = GetFirstNode(&run.pNode);
     if (run.pNode == nullptr) {
+        ResetEvent(m_hWake);
+        m_fIdled = 1;
+        UnlockThread();
         return eWS_WAIT;
     }
     run.fDeliver = m_fDeliver;
@@ -254,9 +261,6 @@ LONG CGQThread::DoNext(CWorkerRun &run)
 
 LONG CGQThread::DoWait()
 {
-    ResetEvent(m_hWake);
-    m_fIdled = 1;
-    UnlockThread();
     if (m_eRun != eRS_RUNNING) {
         return eWS_FLUSH;
     }
@@ -282,7 +286,9 @@ unsigned __stdcall CGQThread::QThreadEntry(void *pParam)
     }
     auto *pThread = static_cast<CGQThread *>(pParam);
     LONG const eKind = pThread->m_eKind;
+    t_pWorksFor = pThread;
     unsigned const nResult = pThread->RunLoop();
+    t_pWorksFor = nullptr;
     SetEvent(pThread->m_hDone);
     // The destructor waits for exactly this event: from here on the object may be gone.
     if (eKind == eTK_BEGINTHREADEX) {

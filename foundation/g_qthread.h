@@ -39,6 +39,9 @@ enum EGThreadKind : LONG { eTK_BEGINTHREADEX = 0, eTK_AFXTHREAD = 1 };
 /// What the worker is to do when it has worked a node: see "How it ends".
 enum EGRunState : LONG { eRS_RUNNING = 0, eRS_STOPPING = 1, eRS_ABORTING = 2 };
 
+/// What the compiler knows a thread mutex by; it takes no room.
+class PLAT_CAPABILITY("thread mutex") CGThreadMutexName {};
+
 /// A queue with a worker thread.
 class CGQThread : public CGQueue {
 public:
@@ -75,8 +78,8 @@ public:
 
     /// @{
     /// The thread mutex, recursive for its owner. Comes before the queue mutex.
-    void LockThread();
-    void UnlockThread();
+    void LockThread() PLAT_ACQUIRE(m_threadMutex);
+    void UnlockThread() PLAT_RELEASE(m_threadMutex);
     /// @}
 
     /// @{
@@ -126,6 +129,7 @@ private:
     LONG DoWait();
     LONG DoWork(CWorkerRun &run);
 
-    bool m_fDeliver = true; // guarded by m_hThreadMutex: nodes are handed to ProcessEntry
-    bool m_fEnded = false;  // the worker has been waited for
+    [[no_unique_address]] CGThreadMutexName m_threadMutex; // m_hThreadMutex
+    bool m_fDeliver PLAT_GUARDED_BY(m_threadMutex) = true; // nodes are handed to ProcessEntry
+    bool m_fEnded = false;                                 // the worker has been waited for
 };

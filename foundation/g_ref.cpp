@@ -1,5 +1,7 @@
 #include "foundation/g_ref.h"
 
+#include "platform/check.h"
+
 CGReference::CGReference()
 {
     Init(/*fReport=*/1, nullptr);
@@ -52,6 +54,7 @@ LONG CGReference::AddRef()
 LONG CGReference::Release()
 {
     LONG const cRef = InterlockedDecrement(&m_cRef);
+    PLAT_CHECK(cRef >= 0);
     if (cRef != 0) {
         return cRef;
     }

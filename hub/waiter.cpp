@@ -22,7 +22,7 @@ CHubWaiter::~CHubWaiter()
 
 void CHubWaiter::Wake()
 {
-    std::lock_guard const lock(m_mx);
+    CPlatGuard const lock(m_mx);
     if (!m_bWoken) {
         m_bWoken = true;
         PlatReadinessSet(m_nReadiness, true);
@@ -42,7 +42,7 @@ CHubWaiter::Ready CHubWaiter::Wait(int nDescriptor, bool bRead, bool bWrite, mil
         return {};
     }
     if (fds[0].revents) {
-        std::lock_guard const lock(m_mx);
+        CPlatGuard const lock(m_mx);
         m_bWoken = false;
         PlatReadinessSet(m_nReadiness, false);
     }

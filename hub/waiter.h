@@ -2,9 +2,9 @@
 /// @file
 /// CHubWaiter: waiting for a library's descriptor in a way that another thread can end.
 #include "platform/base.h"
+#include "platform/lock.h"
 
 #include <chrono>
-#include <mutex>
 
 /// One thread waits, any thread wakes it.
 class CHubWaiter {
@@ -29,6 +29,6 @@ public:
 
 private:
     LONG_PTR const m_nReadiness;
-    std::mutex m_mx; // a leaf; guards whether m_nReadiness is set
-    bool m_bWoken = false;
+    CPlatMutex m_mx; // a leaf; of whether m_nReadiness is set, too
+    bool m_bWoken PLAT_GUARDED_BY(m_mx) = false;
 };

@@ -1,6 +1,6 @@
 #include "session/event_text.h"
 
-#include "dolrtl/QOMADolC.h"
+#include "capi/qoma_notify.h"
 #include "session/subscriptions.h"
 
 #include <array>
@@ -11,40 +11,6 @@
 namespace {
 
 using Json = EventJson;
-
-struct ResultName {
-    DWORD dwResult;
-    char const *pszName;
-};
-
-// Where a number means one thing to the agent and another to the access library, both are said.
-constexpr std::array kResultNames{
-    ResultName{0, "no error"},
-    ResultName{eDR_REFUSED, "the device refused"},
-    ResultName{8, "not enough memory"},
-    ResultName{eDR_BAD_ANSWER, "the device's answer makes no sense"},
-    ResultName{eDR_WRONG_LENGTH, "too long for the device"},
-    ResultName{29, "the job could not be written whole"},
-    ResultName{eDR_DEVICE_FAILED, "the device failed"},
-    ResultName{50, "not supported over this link"},
-    ResultName{51, "not subscribed"},
-    ResultName{87, "invalid parameter"},
-    ResultName{110, "the target could not be opened"},
-    ResultName{eDR_TIMEOUT, "no answer from the device in time"},
-    ResultName{eDR_BUSY, "another host holds it"},
-    ResultName{eDR_NO_SUCH_OBJECT, "the device has no such object"},
-    ResultName{eDR_BAD_ADDRESS, "bad address"},
-    ResultName{eDR_CONNECT_REFUSED, "nothing listens at that address and port"},
-    ResultName{eDR_NOT_STARTED, "the link was not started"},
-    ResultName{eDR_UNREACHABLE, "no way to the device"},
-    ResultName{eDR_LINK_LOST, "the link is lost"},
-    ResultName{1247, "already connected"},
-    ResultName{eDR_VERSION_MISMATCH, "the device speaks another version of the protocol"},
-    ResultName{1307, "a device of another product line"},
-    ResultName{eDR_WRONG_TYPE, "wrong data type for the object"},
-    ResultName{eDR_DEVICE_FULL, "the panel takes no more entries"},
-    ResultName{2250, "not connected"},
-};
 
 constexpr std::array kStateNames{"waiting",    "connected",  "lost",
                                  "incomplete", "restarting", "back"};
@@ -91,12 +57,10 @@ std::string TimeText(std::chrono::system_clock::time_point tp)
 
 std::string ResultText(DWORD dwResult)
 {
-    char const *pszName = "a code of the access library";
-    for (auto const &name : kResultNames) {
-        if (name.dwResult == dwResult) {
-            pszName = name.pszName;
-        }
-    }
+    // That one can be said more exactly here.
+    bool const bNotOverLink = dwResult == ERROR_NOT_SUPPORTED;
+    char const *const pszName = bNotOverLink ? "not supported over this link"
+                                             : qoma_strerror(static_cast<qoma_result>(dwResult));
     return std::string(pszName) + " (" + std::to_string(dwResult) + ")";
 }
 

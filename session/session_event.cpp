@@ -1,5 +1,6 @@
 #include "session/session_event.h"
 
+#include "platform/check.h"
 #include "session/option_text.h"
 
 #include <algorithm>
@@ -50,6 +51,7 @@ void CEventQueue::Put(SessionEvent event)
             m_events.pop_front();
             ++m_cDropped;
         }
+        PLAT_CHECK(m_events.size() <= m_cLimit);
     }
     m_cv.notify_all();
 }

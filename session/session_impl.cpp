@@ -2,6 +2,7 @@
 
 #include "devlink/link_stream.h"
 #include "dolrtl/QOMADolC.h"
+#include "platform/check.h"
 #include "session/listener.h"
 #include "session/option_text.h"
 
@@ -272,6 +273,7 @@ std::optional<SessionTime> CSessionImpl::Step()
 // when the next one is due.
 SessionTime CSessionImpl::DoWhatIsDue()
 {
+    PLAT_CHECK(m_bConnected || !m_bReachable);
     SessionTime const now = SessionClock::now();
     if (m_bReconnected.exchange(false)) {
         Reconnected();
@@ -307,6 +309,7 @@ SessionTime CSessionImpl::DoWhatIsDue()
 
 void CSessionImpl::Connect()
 {
+    PLAT_CHECK(!m_bReachable);
     m_bReconnected = false;
     ForgetSequences();
     char const *const pszAddress =

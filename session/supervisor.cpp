@@ -1,5 +1,7 @@
 #include "session/supervisor.h"
 
+#include "platform/check.h"
+
 #include <system_error>
 
 CSupervisor::CSupervisor(std::size_t cMaxThreads) : m_cMaxThreads(cMaxThreads)
@@ -14,6 +16,7 @@ CSupervisor::~CSupervisor()
     {
         CPlatWaitGuard lock(m_mx);
         m_cv.wait(lock.Native(), [this]() PLAT_REQUIRES(m_mx) { return m_work.empty(); });
+        PLAT_CHECK(m_due.empty());
         m_bEnding = true;
     }
     m_cv.notify_all();
@@ -69,6 +72,7 @@ void CSupervisor::RunThread()
 void CSupervisor::RunStep(CSupervised const *pKey)
 {
     Entry &entry = m_work.at(pKey);
+    PLAT_CHECK(!entry.bRunning && m_cWaiting > 0);
     m_due.erase({entry.tpDue, pKey});
     entry.bRunning = true;
     entry.bWoken = false;
@@ -85,6 +89,7 @@ void CSupervisor::RunStep(CSupervised const *pKey)
         SetDue(entry, entry.bWoken ? SessionClock::now() : *next);
         return;
     }
+    PLAT_CHECK(!m_due.contains({entry.tpDue, pKey})); // nothing made it due while it ran
     auto pWork = std::move(entry.pWork);
     m_work.erase(pKey);
     m_cv.notify_all();

@@ -1,5 +1,7 @@
 #include "web/web_tasks.h"
 
+#include "platform/check.h"
+
 #include <algorithm>
 #include <chrono>
 #include <system_error>
@@ -72,10 +74,12 @@ void CWebTasks::Work()
             break;
         }
     }
+    PLAT_CHECK(m_cRunning > 0);
     --m_cRunning;
     auto const it = std::find_if(m_threads.begin(), m_threads.end(), [](std::thread const &thread) {
         return thread.get_id() == std::this_thread::get_id();
     });
+    PLAT_CHECK(it != m_threads.end());
     m_ended.splice(m_ended.end(), m_threads, it);
     m_cv.notify_all();
 }
@@ -108,6 +112,7 @@ std::shared_ptr<void> CWebTasks::BeginStream()
     return std::shared_ptr<void>(this, [](void *p) {
         auto *const pTasks = static_cast<CWebTasks *>(p);
         CPlatGuard const lock2(pTasks->m_mx);
+        PLAT_CHECK(pTasks->m_cStreams > 0);
         --pTasks->m_cStreams;
     });
 }

@@ -97,12 +97,14 @@ TEST_F(CEvtMgrTest, Line)
         "\n[$M\\Custom Category\\64]\n\"Short Name\"=\"c\"\n\"Long Name\"=\"Cust\"\n"
         "\n[$M\\Custom Category\\1]\n\"Long Name\"=\"hidden\"\n\"Display Long Name\"=dword:0\n"
         "\n[$M\\File]\n\"File Name\"=\"$LOG\"\n\"State\"=dword:1\n");
-    CCategory *&pBase = g_pEvtMgr->m_pBaseCategory;
-    auto line = [&](std::uint64_t base, std::uint64_t custom, LONG nLevel) {
-        pHandler->OpenLogFile(eOF_TRUNCATE);
-        pHandler->WriteEvent("hello", base, custom, nLevel);
-        return ReadLog();
-    };
+    CGQueueGuard const guard(*pHandler->m_pEvtMgr);
+    CCategory *&pBase = pHandler->m_pEvtMgr->m_pBaseCategory;
+    auto line = [&](std::uint64_t base, std::uint64_t custom, LONG nLevel)
+                    PLAT_REQUIRES(pHandler->m_pEvtMgr) {
+                        pHandler->OpenLogFile(eOF_TRUNCATE);
+                        pHandler->WriteEvent("hello", base, custom, nLevel);
+                        return ReadLog();
+                    };
     EXPECT_EQ(line(8, 0, 2), "[UNKWN]: I Infohello\r\n");
     EXPECT_EQ(line(8, 1ull << 63, 2), "[UNKWN]: Ic InfoCusthello\r\n");
     EXPECT_EQ(line(0x20, 1, 0), "[UNKWN]:  ERR hello\r\n"); // forced; the custom name is not

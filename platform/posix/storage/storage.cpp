@@ -1,56 +1,24 @@
 #include "platform/storage.h"
 
 #include "platform/file.h"
-#include "platform/posix/error.h"
-#include "platform/posix/files/fileobject.h"
 #include "platform/posix/storage/storage_check.h"
+#include "platform/posix/storage/storage_file.h"
+#include "platform/posix/storage/storage_record.h"
 #include "platform/posix/storage/storage_tree.h"
 
 #include <algorithm>
-#include <cerrno>
-#include <climits>
-#include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <cwchar>
-#include <fcntl.h>
 #include <memory>
 #include <new>
 #include <string>
-#include <sys/stat.h>
-#include <sys/statvfs.h>
-#include <unistd.h>
 
 namespace {
 
 constexpr DWORD kdwAccessMask = STGM_READ | STGM_WRITE | STGM_READWRITE;
 constexpr std::size_t kcchMaxName = 31;                     // characters of a stream's name
-constexpr std::uint64_t kcbReserveStep = 1024 * 1024;       // bytes
 constexpr std::uint64_t kcbMaxContents = kcbMaxStorageFile; // with all that the file adds to them
 constexpr OLECHAR kszTypeStream[] = L"\1CompObj";
-
-// Structured storage has Win32's low error numbers under its own roof.
-HRESULT StorageError(DWORD dwError)
-{
-    switch (dwError) {
-    case ERROR_SUCCESS:
-        return S_OK;
-    case ERROR_FILE_NOT_FOUND:
-    case ERROR_PATH_NOT_FOUND:
-    case ERROR_ACCESS_DENIED:
-    case ERROR_SHARING_VIOLATION:
-    case ERROR_FILE_EXISTS:
-    case ERROR_DISK_FULL:
-        return static_cast<HRESULT>(0x80030000u | dwError);
-    case ERROR_WRITE_PROTECT:
-    case ERROR_CANT_RESOLVE_FILENAME:
-        return STG_E_ACCESSDENIED;
-    case ERROR_FILENAME_EXCED_RANGE:
-        return STG_E_INVALIDNAME;
-    default:
-        return STG_E_WRITEFAULT;
-    }
-}
 
 bool CanRead(DWORD dwMode)
 {
@@ -94,186 +62,6 @@ std::string FileNameFromWide(OLECHAR const *pszName)
     }
     return strName;
 }
-
-// The real place of a file that exists, so that a link keeps pointing to what we replace.
-std::string ResolvedName(std::string const &strName)
-{
-    std::unique_ptr<char, decltype(&std::free)> const psz(::realpath(strName.c_str(), nullptr),
-                                                          &std::free);
-    return psz ? psz.get() : strName;
-}
-
-// The file under a storage, held open with nothing shared, and the one beside it that will take its
-// place. Both are found by their folder's descriptor, wherever that folder is moved to. The name of the
-// second follows from the first, and is a short one: whoever holds the first exclusively is the only one of
-// this user's who uses it, and what a killed process left there is cleared away.
-class CStorageFile {
-public:
-    CStorageFile() = default;
-    ~CStorageFile() { Close(); }
-    CStorageFile(CStorageFile const &) = delete;
-    CStorageFile &operator=(CStorageFile const &) = delete;
-
-    void Close()
-    {
-        DropAside();
-        if (m_fPlaceholder && PlatIsSameFile(m_target.m_fd, m_strName.c_str(), m_fdFolder)) {
-            ::unlinkat(m_fdFolder, m_strName.c_str(), 0);
-        }
-        m_fPlaceholder = false;
-        CloseTarget();
-    }
-
-    int Get() const { return m_target.m_fd; }
-
-    HRESULT Open(std::string const &strName, DWORD dwAccess, DWORD dwDisposition)
-    {
-        // Whoever had the file before us may have put another one in its place between our open and our
-        // taking of the share mode; then that one is the file.
-        constexpr int kcTries = 100;
-        for (int i = 0; i < kcTries; ++i) {
-            DWORD const dwError = PlatOpenFile(strName.c_str(), dwAccess, /*dwShare=*/0,
-                                               dwDisposition, 0, 0666, &m_target);
-            if (dwError != ERROR_SUCCESS) {
-                return StorageError(dwError);
-            }
-            if (!m_target.m_fDisk) {
-                return STG_E_ACCESSDENIED;
-            }
-            if (!OpenFolder(ResolvedName(strName))) {
-                return STG_E_ACCESSDENIED;
-            }
-            if (PlatIsSameFile(m_target.m_fd, m_strName.c_str(), m_fdFolder)) {
-                m_fPlaceholder = !m_target.m_fExisted;
-                return S_OK;
-            }
-            CloseTarget();
-        }
-        return STG_E_SHAREVIOLATION;
-    }
-
-    // Makes the file beside, if it is not there yet, and room in it for cb bytes.
-    HRESULT Reserve(std::uint64_t cb)
-    {
-        HRESULT const hr = OpenAside();
-        if (FAILED(hr) || cb <= m_cbReserved) {
-            return hr;
-        }
-        std::uint64_t const cbAhead = (cb / kcbReserveStep + 1) * kcbReserveStep;
-        return Allocate(cbAhead) || Allocate(cb) ? S_OK : STG_E_MEDIUMFULL;
-    }
-
-    // The new contents take the place of the old ones.
-    HRESULT Replace(CStorageNode const &root)
-    {
-        HRESULT hr = OpenAside();
-        if (SUCCEEDED(hr)) {
-            hr = StorageSave(m_fdAside, root);
-        }
-        if (FAILED(hr)) {
-            return hr;
-        }
-        // Not what another user, whom no share mode keeps out, may have put there.
-        if (!PlatIsSameFile(m_fdAside, m_strAside.c_str(), m_fdFolder) ||
-            ::renameat(m_fdFolder, m_strAside.c_str(), m_fdFolder, m_strName.c_str()) != 0) {
-            return STG_E_ACCESSDENIED;
-        }
-        ::close(m_fdAside);
-        m_fdAside = -1;
-        m_fPlaceholder = false;
-        return S_OK;
-    }
-
-private:
-    // strName is that of the open target.
-    bool OpenFolder(std::string const &strName)
-    {
-        std::size_t const nSlash = strName.find_last_of('/');
-        std::size_t const nBase = nSlash == std::string::npos ? 0 : nSlash + 1;
-        m_strName = strName.substr(nBase);
-        std::string const strFolder = nBase == 0 ? "." : strName.substr(0, nBase);
-        m_fdFolder = ::open(strFolder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
-        return m_fdFolder >= 0;
-    }
-
-    void CloseTarget()
-    {
-        if (m_fdFolder >= 0) {
-            ::close(m_fdFolder);
-            m_fdFolder = -1;
-        }
-        if (m_target.m_fd >= 0) {
-            PlatCloseFile(m_target.m_fd);
-            m_target = {};
-        }
-    }
-
-    HRESULT OpenAside()
-    {
-        if (m_fdAside >= 0) {
-            return S_OK;
-        }
-        struct stat st;
-        if (::fstat(m_target.m_fd, &st) != 0) {
-            return STG_E_ACCESSDENIED;
-        }
-        char szAside[40];
-        std::snprintf(szAside, sizeof szAside, ".%llx.aside",
-                      static_cast<unsigned long long>(st.st_ino));
-        m_strAside = szAside;
-        ::unlinkat(m_fdFolder, szAside, 0);
-        m_fdAside = ::openat(m_fdFolder, szAside, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-        if (m_fdAside < 0) {
-            return StorageError(PlatErrorFromErrno(errno));
-        }
-        if (::fchmod(m_fdAside, st.st_mode & 07777) != 0) {
-            DropAside();
-            return STG_E_ACCESSDENIED;
-        }
-        return S_OK;
-    }
-
-    void DropAside()
-    {
-        if (m_fdAside < 0) {
-            return;
-        }
-        if (PlatIsSameFile(m_fdAside, m_strAside.c_str(), m_fdFolder)) {
-            ::unlinkat(m_fdFolder, m_strAside.c_str(), 0);
-        }
-        ::close(m_fdAside);
-        m_fdAside = -1;
-    }
-
-    // Reserves behind the end, for the library counts from where the file ends. A file system that can't
-    // do that is asked how much room it has; what it does not tell (a quota) is found out at the end.
-    bool Allocate(std::uint64_t cb)
-    {
-        if (cb > PlatFileSizeLimit()) {
-            return false;
-        }
-        int nResult;
-        do {
-            nResult = ::fallocate(m_fdAside, FALLOC_FL_KEEP_SIZE, 0, static_cast<off_t>(cb));
-        } while (nResult != 0 && errno == EINTR);
-        struct statvfs st;
-        bool const fRoom =
-            nResult == 0 || (errno == EOPNOTSUPP && ::fstatvfs(m_fdAside, &st) == 0 &&
-                             cb <= std::uint64_t{st.f_bavail} * st.f_frsize);
-        if (fRoom) {
-            m_cbReserved = cb;
-        }
-        return fRoom;
-    }
-
-    std::string m_strName;  // in the folder
-    std::string m_strAside; // likewise
-    COpenedFile m_target;
-    int m_fdFolder = -1;
-    int m_fdAside = -1;
-    bool m_fPlaceholder = false; // the target was made by us and nothing is in it yet
-    std::uint64_t m_cbReserved = 0;
-};
 
 // What a storage and its streams have in common; lives as long as any of them.
 struct StorageState {
@@ -600,84 +388,14 @@ HRESULT OpenDocfile(OLECHAR const *pszName, DWORD dwMode, IStorage **ppStorage)
 
 thread_local ULONG t_cOleInitialized = 0;
 
-// The record that names a file's kind: header with the class, then the user type, the clipboard format
-// and the program, first in the old character set and, behind a mark, once more in UTF-16. Texts have
-// their length in front, in characters with the terminator; 0 for none.
-class CTypeRecord {
-public:
-    CTypeRecord(CLSID const &clsid, CLIPFORMAT cf, OLECHAR const *pszUserType)
-    {
-        Dword(0xFFFE0001u);
-        Dword(0x00000A03u);
-        Dword(0xFFFFFFFFu);
-        m_str.append(reinterpret_cast<char const *>(&clsid), sizeof clsid);
-        AsciiText(pszUserType);
-        Format(cf);
-        Dword(0);
-        Dword(0x71B239F4u);
-        WideText(pszUserType);
-        Format(cf);
-        Dword(0);
-    }
-
-    std::string m_str;
-
-private:
-    void Word(std::uint32_t w)
-    {
-        m_str += static_cast<char>(w & 0xFF);
-        m_str += static_cast<char>(w >> 8 & 0xFF);
-    }
-    void Dword(std::uint32_t dw)
-    {
-        Word(dw & 0xFFFF);
-        Word(dw >> 16);
-    }
-    void Format(CLIPFORMAT cf)
-    {
-        if (cf == 0) {
-            Dword(0);
-            return;
-        }
-        Dword(0xFFFFFFFFu); // a number follows, one of the system's own formats
-        Dword(cf);
-    }
-    void AsciiText(OLECHAR const *psz)
-    {
-        Dword(static_cast<std::uint32_t>(std::wcslen(psz) + 1));
-        for (; *psz != L'\0'; ++psz) {
-            m_str += *psz < 0x80 ? static_cast<char>(*psz) : '?';
-        }
-        m_str += '\0';
-    }
-    void WideText(OLECHAR const *psz)
-    {
-        std::string strUnits;
-        std::swap(strUnits, m_str);
-        for (; *psz != L'\0'; ++psz) {
-            auto const nChar = static_cast<std::uint32_t>(*psz);
-            if (nChar > 0xFFFF) {
-                Word(0xD7C0 + (nChar >> 10));
-                Word(0xDC00 + (nChar & 0x3FF));
-            } else {
-                Word(nChar);
-            }
-        }
-        Word(0);
-        std::swap(strUnits, m_str);
-        Dword(static_cast<std::uint32_t>(strUnits.size() / 2));
-        m_str += strUnits;
-    }
-};
-
 HRESULT WriteRecord(CStorage &storage, CLIPFORMAT cf, OLECHAR const *pszUserType)
 {
-    CTypeRecord const record(storage.GetClass(), cf, pszUserType);
+    std::string const strRecord = StorageTypeRecord(storage.GetClass(), cf, pszUserType);
     IStream *pStream = nullptr;
     HRESULT hr = storage.CreateStream(
         kszTypeStream, STGM_CREATE | STGM_SHARE_EXCLUSIVE | STGM_WRITE, 0, 0, &pStream);
     if (SUCCEEDED(hr)) {
-        hr = pStream->Write(record.m_str.data(), static_cast<ULONG>(record.m_str.size()), nullptr);
+        hr = pStream->Write(strRecord.data(), static_cast<ULONG>(strRecord.size()), nullptr);
         pStream->Release();
     }
     return hr;

@@ -1,0 +1,100 @@
+#pragma once
+
+// The receiving side of a window: who sends, and the loop that hands on what came. What goes over the socket is
+// said here, too.
+
+#include "platform/window.h"
+
+#include <cstdint>
+#include <memory>
+#include <poll.h>
+#include <string>
+#include <sys/un.h>
+#include <thread>
+#include <unistd.h>
+#include <utility>
+#include <vector>
+
+inline constexpr std::uint32_t kdwWindowMagic = 0x314D5751; // "QWM1"
+
+struct MessageHeaderType {
+    std::uint32_t dwMagic;
+    std::uint32_t cbData;
+    std::uint64_t dwData;
+};
+static_assert(sizeof(MessageHeaderType) == 16);
+
+class CDescriptor {
+public:
+    CDescriptor() = default;
+    explicit CDescriptor(int fd) : m_fd(fd) {}
+    CDescriptor(CDescriptor &&other) noexcept : m_fd(other.Detach()) {}
+    CDescriptor &operator=(CDescriptor &&other) noexcept
+    {
+        Reset(other.Detach());
+        return *this;
+    }
+    ~CDescriptor() { Reset(); }
+
+    bool IsOpen() const { return m_fd >= 0; }
+    int Get() const { return m_fd; }
+    int Detach()
+    {
+        int const fd = m_fd;
+        m_fd = -1;
+        return fd;
+    }
+    void Reset(int fd = -1)
+    {
+        if (m_fd >= 0) {
+            ::close(m_fd);
+        }
+        m_fd = fd;
+    }
+
+private:
+    int m_fd = -1;
+};
+
+// Of the window whose files have this path.
+sockaddr_un WindowSocket(std::string const &strPath);
+bool IsOwnUser(int fdSocket);
+
+class CPeer; // one process that sends to our window
+
+// The receiving side. All but Close belongs to the thread that made it.
+class CViewer {
+public:
+    CViewer(PlatCopyDataFn pfnCopyData, void *pContext);
+    ~CViewer();
+    CViewer(CViewer const &) = delete;
+    CViewer &operator=(CViewer const &) = delete;
+
+    DWORD Open(std::string const &strPath);
+    // Until Close. 0 or a Win32 error.
+    DWORD Run();
+    // Never taken back, so it does not matter whether the loop runs already.
+    void Close();
+    // Senders that wait see the end of their connections.
+    void Shutdown();
+
+    bool IsOwnThread() const { return std::this_thread::get_id() == m_idThread; }
+    LRESULT Call(COPYDATASTRUCT const *pData) { return m_pfnCopyData(m_pContext, pData); }
+
+private:
+    std::vector<pollfd> PollRecords() const;
+    void ServePeers(std::vector<pollfd> const &aPoll);
+    void AcceptPeer();
+    std::string LockPath() const { return m_strPath + ".lock"; }
+    DWORD OwnTitle();
+
+    std::string m_strPath;
+    PlatCopyDataFn const m_pfnCopyData;
+    void *const m_pContext;
+    std::thread::id const m_idThread = std::this_thread::get_id();
+    CDescriptor m_fdOwner;
+    CDescriptor m_fdWake;
+    CDescriptor m_fdListen;
+    std::vector<std::unique_ptr<CPeer>> m_apPeers;
+    bool m_fPaused = false;
+};
