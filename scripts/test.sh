@@ -9,7 +9,7 @@ if [[ $# -gt 0 && $1 != -* ]]; then
     preset=$1
     shift
 fi
-groups=(tests)
+groups=(tests hub office)
 [[ $preset == @(clang|asan) ]] && groups+=("$preset")
 scripts/setup.sh "${groups[@]}"
 scripts/build.sh "$preset"

@@ -35,3 +35,8 @@ std::string CSession::AdvertisedAddress()
 {
     return ::AdvertisedAddress(m_pImpl->Agent());
 }
+
+SessionHealth CSession::Health() const
+{
+    return m_pImpl->Health();
+}

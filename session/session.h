@@ -6,6 +6,7 @@
 
 #include "session/session_event.h"
 
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -27,6 +28,14 @@ struct SessionOptions {
 
     bool
     operator==(SessionOptions const &) const = default; ///< the same device, heard in the same way
+};
+
+/// What a session has asked of its agent's listener, over a network link, since it began.
+struct SessionHealth {
+    std::uint64_t cEchoes = 0;       ///< checks that were echoed
+    std::uint64_t cEchoesMissed = 0; ///< checks that were not
+    std::uint64_t cHeard = 0;        ///< checks that came through to the agent's callback thread
+    std::uint64_t cSilenced = 0; ///< times that the link was started anew for the listener's sake
 };
 
 /// What every session waits for in the background, and how it goes about it:
@@ -74,6 +83,9 @@ public:
     /// What the device is told, as "a.b.c.d:port" or the local link's text; empty when that cannot be
     /// found out.
     std::string AdvertisedAddress();
+
+    /// As it stands now.
+    SessionHealth Health() const;
 
 private:
     std::shared_ptr<CSessionImpl> const m_pImpl;

@@ -186,6 +186,7 @@ void CSessionImpl::Hear(CallbackType eType, CallbackDataType const &data)
                               {},
                               ""};
     if (notification.strOption == m_strProbe) {
+        ++m_cHeard;
         return;
     }
     ReadOption(notification, m_options.rgstrOption);
@@ -376,6 +377,7 @@ void CSessionImpl::RestartIfSilenced()
         strHow = std::move(m_silencing->strHow);
         m_tpLastRestart = SessionClock::now();
     }
+    ++m_cSilenced;
     Tell(eSL_RESTARTING, 0, strHow);
     Unsubscribe(SessionClock::now() + kTakeBackLimit);
     m_agent.Shutdown();
@@ -495,7 +497,11 @@ void CSessionImpl::CheckListener()
     if (m_wListenerPort != 0 && EchoComes({kLoopback, m_wListenerPort}, m_strProbe, kEchoLimit)) {
         m_bHasEchoed = true;
         m_cEchoesMissed = 0;
-    } else if (ToldPort() == WORD{0}) {
+        ++m_cEchoes;
+        return;
+    }
+    ++m_cMissed;
+    if (ToldPort() == WORD{0}) {
         Silence("its port is closed, as an empty datagram from anybody does it");
     } else if (m_bHasEchoed && ++m_cEchoesMissed == kMissedLimit) {
         Silence("no datagram to it is echoed any more");

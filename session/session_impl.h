@@ -47,6 +47,7 @@ public:
     void End(SessionTime tpTakeBack);
     bool WaitForEnd(SessionTime tpEnd);
     CNotifyAgent &Agent() { return m_agent; }
+    SessionHealth Health() const { return {m_cEchoes, m_cMissed, m_cHeard, m_cSilenced}; }
 
 private:
     struct PanelEntry {
@@ -92,6 +93,12 @@ private:
     DWORD const m_dwId;             // in the agent's word for us, which is too narrow for a pointer
     std::string const m_strProbe;   // the datagram to our own port
     std::string const m_strAddress; // of the device, for people
+
+    // For Health.
+    std::atomic<std::uint64_t> m_cEchoes{0};
+    std::atomic<std::uint64_t> m_cMissed{0};
+    std::atomic<std::uint64_t> m_cHeard{0};
+    std::atomic<std::uint64_t> m_cSilenced{0};
 
     std::atomic<bool> m_bReconnected{false}; // the agent has restarted the link by itself
 

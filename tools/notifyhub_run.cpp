@@ -1,0 +1,154 @@
+#include "tools/notifyhub_run.h"
+
+#include "hub/hub.h"
+#include "hub/service.h"
+#include "platform/console.h"
+#include "platform/lock.h"
+#include "tools/notifyhub_output.h"
+
+#include <algorithm>
+#include <atomic>
+#include <condition_variable>
+#include <cstdlib>
+#include <thread>
+
+using std::chrono::milliseconds;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// How often the status line is looked at, and whether the hub lives.
+constexpr milliseconds kLook{2000};
+// So long the end may take; then the process goes as it is. What is in the journal is safe.
+constexpr std::chrono::seconds kEndLimit{12};
+
+// What signals ask for.
+class CRequests {
+public:
+    enum What { eNOTHING, eRELOAD, eEND };
+
+    void Ask(What eWhat)
+    {
+        {
+            CPlatGuard const lock(m_mutex);
+            m_eAsked = std::max(m_eAsked, eWhat);
+        }
+        m_cv.notify_all();
+    }
+    What WaitUntil(Clock::time_point tpEnd)
+    {
+        CPlatWaitGuard lock(m_mutex);
+        while (m_eAsked == eNOTHING &&
+               m_cv.wait_until(lock.Native(), tpEnd) != std::cv_status::timeout) {
+        }
+        What const eAsked = m_eAsked;
+        if (eAsked != eEND) {
+            m_eAsked = eNOTHING;
+        }
+        return eAsked;
+    }
+
+private:
+    CPlatMutex m_mutex;
+    std::condition_variable m_cv;
+    What m_eAsked PLAT_GUARDED_BY(m_mutex) = eNOTHING;
+};
+
+CRequests &Requests()
+{
+    static CRequests *const s_pRequests =
+        new CRequests; // a signal may come while the process's statics go
+    return *s_pRequests;
+}
+
+BOOL WINAPI OnConsole(DWORD dwEvent)
+{
+    Requests().Ask(dwEvent == CTRL_BREAK_EVENT ? CRequests::eRELOAD : CRequests::eEND);
+    return TRUE;
+}
+
+std::unique_ptr<CHubSink> MakeSink(HubSinkSettings const &settings, HubSinkHost const &host)
+{
+    if (auto const *const pPrint = std::get_if<HubPrintSettings>(&settings.kind)) {
+        return std::make_unique<CPrintSink>(*pPrint);
+    }
+    return MakeHubSink(settings, host);
+}
+
+class CHubRun {
+public:
+    explicit CHubRun(std::string strFile)
+        : m_strFile(std::move(strFile)), m_hub(PrintHubLog, MakeSink),
+          m_feed(CService::FeedPeriod())
+    {
+    }
+
+    int Run(HubSettings const &settings)
+    {
+        std::string strError;
+        if (!m_hub.Start(settings, &strError)) {
+            PrintHubLog(eHL_ERROR, strError);
+            return eHX_CANNOT_KEEP;
+        }
+        PrintHubLog(eHL_NOTICE, "ready, journal " + settings.journal.strFile);
+        m_service.Ready(HubStatusLine(m_hub.Status()));
+        for (auto eAsked = CRequests::eNOTHING; eAsked != CRequests::eEND;) {
+            eAsked = Requests().WaitUntil(Clock::now() + m_feed.value_or(kLook));
+            if (eAsked == CRequests::eRELOAD) {
+                Reload();
+            }
+            if (m_feed && m_hub.Lives()) {
+                m_service.Feed();
+            }
+            m_service.Status(HubStatusLine(m_hub.Status()));
+        }
+        return End();
+    }
+
+private:
+    void Reload()
+    {
+        if (m_strFile.empty()) {
+            PrintHubLog(eHL_NOTICE, "there are no settings to read again");
+            return;
+        }
+        m_service.Reloading();
+        std::string strError;
+        if (auto const settings = ReadHubSettings(m_strFile, &strError)) {
+            m_hub.Apply(*settings);
+            PrintHubLog(eHL_NOTICE, "the settings have been read again");
+        } else {
+            PrintHubLog(eHL_ERROR, strError + "; the settings stay as they were");
+        }
+        m_service.Ready(HubStatusLine(m_hub.Status()));
+    }
+
+    int End()
+    {
+        m_service.Stopping();
+        // Whatever waits for whom, the process ends; a thread that it would have to wait for goes with it.
+        std::thread([] {
+            std::this_thread::sleep_for(kEndLimit);
+            std::_Exit(eHX_DONE);
+        }).detach();
+        if (!m_hub.End()) {
+            std::_Exit(eHX_DONE);
+        }
+        PrintHubLog(eHL_NOTICE, "ended");
+        return eHX_DONE;
+    }
+
+    std::string const m_strFile;
+    CHub m_hub;
+    CService m_service;
+    std::optional<milliseconds> const m_feed;
+};
+
+} // namespace
+
+int RunHub(HubSettings const &settings, std::string const &strFile)
+{
+    SetConsoleCtrlHandler(OnConsole, TRUE);
+    return CHubRun(strFile).Run(settings);
+}

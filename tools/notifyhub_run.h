@@ -1,0 +1,10 @@
+#pragma once
+/// @file
+/// A run of notifyhub: the hub until somebody ends it.
+#include "hub/settings.h"
+
+#include <string>
+
+/// Runs the hub with the settings, which came from the file; empty for none, and then there is nothing to read again
+/// at SIGHUP. The exit code.
+int RunHub(HubSettings const &settings, std::string const &strFile);
