@@ -16,14 +16,14 @@ constexpr std::int64_t kPruneAtOnce = 2000;
 
 // The last place survives the events: no place is ever given twice.
 constexpr char kTables[] = R"(
-CREATE TABLE IF NOT EXISTS events(
-    place INTEGER PRIMARY KEY AUTOINCREMENT, time INTEGER NOT NULL, type TEXT NOT NULL,
-    device TEXT NOT NULL, text TEXT NOT NULL, id TEXT NOT NULL, envelope TEXT NOT NULL);
-CREATE INDEX IF NOT EXISTS events_by_time ON events(time);
-CREATE TABLE IF NOT EXISTS sinks(
-    name TEXT PRIMARY KEY, place INTEGER NOT NULL, epoch INTEGER NOT NULL) WITHOUT ROWID;
-CREATE TABLE IF NOT EXISTS given_up(
-    sink TEXT NOT NULL, place INTEGER NOT NULL, time INTEGER NOT NULL, why TEXT NOT NULL);
+    CREATE TABLE IF NOT EXISTS events(
+        place INTEGER PRIMARY KEY AUTOINCREMENT, time INTEGER NOT NULL, type TEXT NOT NULL,
+        device TEXT NOT NULL, text TEXT NOT NULL, id TEXT NOT NULL, envelope TEXT NOT NULL);
+    CREATE INDEX IF NOT EXISTS events_by_time ON events(time);
+    CREATE TABLE IF NOT EXISTS sinks(
+        name TEXT PRIMARY KEY, place INTEGER NOT NULL, epoch INTEGER NOT NULL) WITHOUT ROWID;
+    CREATE TABLE IF NOT EXISTS given_up(
+        sink TEXT NOT NULL, place INTEGER NOT NULL, time INTEGER NOT NULL, why TEXT NOT NULL);
 )";
 
 std::int64_t NumberOf(std::chrono::system_clock::time_point tp)

@@ -1,6 +1,7 @@
 #include "tools/notifyhub_run.h"
 
 #include "hub/hub.h"
+#include "hub/metrics.h"
 #include "hub/service.h"
 #include "platform/console.h"
 #include "platform/lock.h"
@@ -91,6 +92,7 @@ public:
             PrintHubLog(eHL_ERROR, strError);
             return eHX_CANNOT_KEEP;
         }
+        ServeMetrics(settings);
         PrintHubLog(eHL_NOTICE, "ready, journal " + settings.journal.strFile);
         m_service.Ready(HubStatusLine(m_hub.Status()));
         for (auto eAsked = CRequests::eNOTHING; eAsked != CRequests::eEND;) {
@@ -107,6 +109,28 @@ public:
     }
 
 private:
+    // Where the settings want it; what cannot be had is no reason not to hear devices.
+    void ServeMetrics(HubSettings const &settings)
+    {
+        if (settings.metrics == m_metrics) {
+            return;
+        }
+        m_pMetrics.reset();
+        m_metrics = settings.metrics;
+        if (!m_metrics) {
+            return;
+        }
+        std::string strError;
+        m_pMetrics =
+            std::make_unique<CHubMetricsServer>(*m_metrics, [this] { return m_hub.Status(); });
+        if (m_pMetrics->Start(&strError)) {
+            PrintHubLog(eHL_NOTICE, "metrics at " + m_pMetrics->Url() + "metrics");
+        } else {
+            PrintHubLog(eHL_ERROR, "no metrics: " + strError);
+            m_pMetrics.reset();
+        }
+    }
+
     void Reload()
     {
         if (m_strFile.empty()) {
@@ -117,6 +141,7 @@ private:
         std::string strError;
         if (auto const settings = ReadHubSettings(m_strFile, &strError)) {
             m_hub.Apply(*settings);
+            ServeMetrics(*settings);
             PrintHubLog(eHL_NOTICE, "the settings have been read again");
         } else {
             PrintHubLog(eHL_ERROR, strError + "; the settings stay as they were");
@@ -127,6 +152,7 @@ private:
     int End()
     {
         m_service.Stopping();
+        m_pMetrics.reset();
         // Whatever waits for whom, the process ends; a thread that it would have to wait for goes with it.
         std::thread([] {
             std::this_thread::sleep_for(kEndLimit);
@@ -143,6 +169,8 @@ private:
     CHub m_hub;
     CService m_service;
     std::optional<milliseconds> const m_feed;
+    std::optional<HubListenSettings> m_metrics; // as it is served, or could not be
+    std::unique_ptr<CHubMetricsServer> m_pMetrics;
 };
 
 } // namespace
