@@ -116,6 +116,7 @@ DWORD CDolRtl::ReadTrap(unsigned char *pBuffer, DWORD cbBuffer, DWORD *pcbOut, u
                         unsigned short *pwTrapId)
 {
     CDolScript &script = *CDolScript::s_pScript;
+    script.m_fnOnCall("ReadTrap");
     std::lock_guard const lock(script.m_lock);
     if (script.m_traps.empty()) {
         return ERROR_FILE_NOT_FOUND;
@@ -149,7 +150,10 @@ DWORD CClient::OnNotify(CallbackType eType, CallbackDataType *pData)
     for (char const *psz : {pData->strOption, pData->strSenderAddress}) {
         strLine += std::string(" [") + psz + "]";
     }
-    s_pClient->Locked([&] { s_pClient->m_lines.push_back(strLine); });
+    s_pClient->Locked([&] {
+        s_pClient->m_lines.push_back(strLine);
+        s_pClient->m_strSenderName = pData->strSenderName;
+    });
     s_pClient->m_fnOnNotify();
     --s_pClient->m_cInside;
     return 4711; // nobody looks at it

@@ -62,7 +62,8 @@ public:
     // Calls the link's callback on this thread, as the library's would; nothing without a link.
     void Raise(DWORD dwEvent);
 
-    std::function<void(std::string const &)> m_fnOnCall = [](auto &) {}; // run inside each call
+    // Run inside each call, "ReadTrap" too.
+    std::function<void(std::string const &)> m_fnOnCall = [](auto &) {};
     std::string m_strDeviceId = "Norvale VelluMax 3";
     std::atomic<int> m_cLive{0};         // links that exist
     std::atomic<bool> m_bRaising{false}; // a thread is inside the callback
@@ -88,6 +89,7 @@ public:
     Lines Wait(std::size_t cLines); // until there are as many; takes them
 
     std::function<void()> m_fnOnNotify = [] {}; // run inside the callback, after recording
+    std::string m_strSenderName;                // of the last one; read after Wait
 private:
     static inline CClient *s_pClient = nullptr;
     std::atomic<int> m_cInside{0};
@@ -102,6 +104,7 @@ struct CNotifyAgentProbe {
     std::atomic<SOCKET> &socket = a.m_socket;
     std::atomic<DWORD> &dwLastKickSeq = a.m_dwLastKickSeq;
     std::atomic<CCallbackQThread *> &pCallbackQThread = a.m_pCallbackQThread;
+    std::atomic<CDolRtl *> &pDolRtl = a.m_pDolRtl;
 
     Counts Traps() const // select, feeder, button, fax
     {

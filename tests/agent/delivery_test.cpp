@@ -42,6 +42,31 @@ TEST_F(AgentTest, AnEchoToTheAgentItselfIsNotAnsweredInItsTurn)
     }
 }
 
+// The first sender has a name, the second one mostly none.
+TEST_F(AgentTest, ASendersNameIsItsOwn)
+{
+    Connect(1);
+    auto const NameOf = [](DWORD dwAddress) -> std::string {
+        hostent const *const pEntry =
+            ws::gethostbyaddr(reinterpret_cast<char const *>(&dwAddress), 4, AF_INET);
+        return pEntry != nullptr ? pEntry->h_name : "";
+    };
+    for (char const *pszSender : {"127.0.0.1", "127.0.0.99"}) {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = ws::inet_addr(pszSender);
+        NameOf(address.sin_addr.s_addr); // a look-up that takes its time is given up: for now
+        SOCKET const s = ws::socket(AF_INET, SOCK_DGRAM, 0);
+        EXPECT_EQ(ws::bind(s, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
+        address.sin_addr.s_addr = ws::inet_addr("127.0.0.1");
+        address.sin_port = ws::htons(m_probe.wPort);
+        ws::sendto(s, "x", 1, 0, reinterpret_cast<sockaddr *>(&address), sizeof address);
+        ws::closesocket(s);
+        EXPECT_EQ(m_client.Wait(1), Lines{std::string("0 7 0 0 [x] [") + pszSender + "]"});
+        EXPECT_EQ(m_client.m_strSenderName, NameOf(ws::inet_addr(pszSender)));
+    }
+}
+
 TEST_F(AgentTest, WhatTheQueueDoesNotTakeIsReleased)
 {
     Connect(0);

@@ -23,6 +23,12 @@ TEST_F(AgentTest, TheDiscoveryJobNamesTheAgentToTheLetter)
                   std::string("\x1B%-12345X@PJL SELECT=\"\x01\x15TYPE=<ECHO>;NETADDR=") +
                       (bNetwork ? "10.1.2.3:1037" : "LINK0") + ";SRVQ=" + std::to_string(dw) +
                       ";\"\x1B%-12345X");
+        EXPECT_EQ(m_agent.InitiateSrvQDiscovery(&dw, dir.File("none").c_str()),
+                  DWORD{ERROR_OPEN_FAILED});
+        EXPECT_EQ(dw, 0u);
+        EXPECT_EQ(m_agent.InitiateSrvQDiscovery(&dw, nullptr), DWORD{ERROR_INVALID_PARAMETER});
+        EXPECT_EQ(m_agent.InitiateSrvQDiscovery(nullptr, strTarget.c_str()),
+                  DWORD{ERROR_INVALID_PARAMETER});
         m_agent.Shutdown();
     }
 }
@@ -37,7 +43,6 @@ TEST_F(AgentTest, ADiscoveryTargetThatTakesNothingHoldsUpTheOtherOperationsForAB
     Connect(0);
     DWORD dw = 99999;
     EXPECT_EQ(m_agent.InitiateSrvQDiscovery(&dw, strTarget.c_str()), DWORD{ERROR_OPEN_FAILED});
-    EXPECT_EQ(dw, 0u);
     CPlatFifo reader;
     ASSERT_TRUE(reader.Open(strTarget.c_str()));
     Fill(strTarget, std::string(65536, 'x')); // all that it holds

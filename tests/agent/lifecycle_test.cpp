@@ -1,5 +1,6 @@
 #include "agent/dol_callback.h"
 #include "platform/probe.h"
+#include "platform/sync.h"
 #include "tests/agent/agent_fixture.h"
 
 namespace {
@@ -104,6 +105,25 @@ TEST_F(AgentTest, TheCallbackMayCallTheAgentWhileShutdownWaitsForIt)
     EXPECT_LT(m_client.Wait(1).size(), 100u) << "what is queued is dropped";
 }
 
+// A client's own drain: nothing but the agent knows that it is inside the link.
+TEST_F(AgentTest, ShutdownWaitsForADrain)
+{
+    Connect(0);
+    std::atomic<bool> bInside{false};
+    m_script.m_fnOnCall = [&](std::string const &strLine) {
+        if (strLine == "ReadTrap") {
+            bInside = true;
+            EXPECT_TRUE(WaitFor([&] { return m_probe.pDolRtl == nullptr; }));
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            EXPECT_EQ(m_script.m_cLive, 1) << "the link is gone while it is read";
+        }
+    };
+    std::thread client([&] { EXPECT_EQ(m_agent.ReadTraps(), 0u); });
+    EXPECT_TRUE(WaitFor([&] { return bInside.load(); }));
+    EXPECT_EQ(m_agent.Shutdown(), 0u);
+    client.join();
+}
+
 TEST_F(AgentTest, CopiesBorrowAndOnlyTheOwnerEnds)
 {
     DWORD const cHandles = PlatHandleCount();
@@ -122,10 +142,14 @@ TEST_F(AgentTest, CopiesBorrowAndOnlyTheOwnerEnds)
         m_script.Push(7, "\6");
         EXPECT_EQ(std::make_unique<CNotifyAgent>(copy)->ReadTraps(),
                   0u); // told in the source's name
+        EXPECT_NE(WaitForSingleObject(CNotifyAgentProbe{source}.hMutex, 0), WAIT_FAILED)
+            << "the copy that has gone closed it";
+        ReleaseMutex(CNotifyAgentProbe{source}.hMutex);
         bAllowed = true;
         EXPECT_EQ(m_client.Wait(2), Lines(2, "4 0 0 0 [] []"));
         EXPECT_EQ(copy.Shutdown(), 0u);
         EXPECT_EQ(copy.Shutdown(), kNotConnected);
+        EXPECT_EQ(CNotifyAgentProbe{copy}.wPort, 0); // it is the source's
         EXPECT_EQ(m_script.Take(), (Lines{"delete", "Trap 1.3.7.2.1/1 7"}));
         EXPECT_EQ(source.Shutdown(), 0u);
         EXPECT_EQ(assigned.Add(nullptr, eNF_FAX_UPLOAD, nullptr), kNotConnected);

@@ -47,6 +47,10 @@ TEST_F(SubscriptionTest, TheFirstRegistersAndTheLastEndsTheRegistration)
     Expect(Add(eNF_SCANNER_BUTTON | eNF_FAX_UPLOAD), 0, {"Trap 1.3.7.2.1/1 7"}, {0, 0, 2, 1});
     Expect(Delete(eNF_ADF | eNF_SCANNER_BUTTON), 51, {}, {0, 0, 2, 1});
     Expect(m_probe.UISelectOption(), 0, {"Get 1.2.2.1.38/4 "}, {0, 0, 2, 1});
+    Expect(Add(eNF_FAX_UPLOAD), 0, {}, {0, 0, 2, 2});
+    Expect(Delete(eNF_SCANNER_BUTTON), 0, {}, {0, 0, 1, 2});
+    Expect(Delete(eNF_SCANNER_BUTTON), 0, {"UnTrap 1.2.2.2.7"}, {0, 0, 0, 2});
+    Expect(Delete(eNF_FAX_UPLOAD), 0, {}, {0, 0, 0, 1});
     m_agent.Shutdown();
     Connect(0);
     Expect(Add(eNF_FAX_UPLOAD), 0, {"Trap 1.3.7.2.1/1 7"}, {0, 0, 0, 1});

@@ -346,7 +346,7 @@ protected:
         }
         std::string const strTrace = m_dir.File("trace.log");
         Reg(m_strOn + m_strAppend +
-            "\n[$B\\4]\n\"Long Name\"=\"x\"\n\n[$M\\TraceDeck]\n\"State\"=dword:1\n" +
+            "\n[$B\\4]\n\"Long Name\"=\"x\"\n\n[$M\\TD]\n\"State\"=dword:1\n" +
             "\n[SOFTWARE\\Norvale\\TraceDeck]\n\"Title\"=\"" + m_strTitle +
             "\"\n\"Path\"=\"/bin/true\"\n\"Auto Start\"=dword:1\n\"Level Mask\"=dword:1\n\"Module "
             "Mask\"=dword:1\n\"DebugFilePath\"=\"" +
@@ -408,6 +408,25 @@ TEST_F(ManagerFaults, EachAllocationMayFail)
         EXPECT_TRUE(m_dwInstalled == eGE_OK || m_dwInstalled == eGE_OUT_OF_MEMORY);
     }
     EXPECT_EQ(g_cEvtMgrs, 0);
+}
+
+// ---- A worker
+
+// With one lock less it would spin, or share its list with posters as it likes.
+TEST(WorkerFaults, WithoutItsLocksOrItsThreadThereIsNone)
+{
+    class CWorker : public CGQThread {
+    public:
+        CWorker() : CGQThread("worker", eTK_BEGINTHREADEX, -1, -1, 0) {}
+        using CGQThread::m_hThread;
+    };
+    int cWithout = 0;
+    unsigned const cFaults = FailEachCall([&](std::string_view) {
+        CWorker const worker;
+        cWithout += worker.m_hThread == INVALID_HANDLE_VALUE ? 1 : 0;
+    });
+    // All but the close of handles and two events, of which nobody waits for one, and the other gives no life.
+    EXPECT_EQ(cWithout, CountOfCalls() != 0 ? 5 : 0) << cFaults;
 }
 
 // ---- The link to a device

@@ -1,5 +1,6 @@
 #include "foundation/g_os.h"
 #include "tests/support/guards.h"
+#include "tests/support/reg_file.h"
 
 TEST(GMem, AllocAndFree_MoveTheCountersTogether)
 {
@@ -33,4 +34,23 @@ TEST(GMutexAndGEvent, Named_AreSharedByNameAndClosedOnceByVariable)
     EXPECT_EQ(GEventClose(&hFirst), eGE_OK);
     EXPECT_EQ(GEventClose(&hFirst), eGE_EVENT_CLOSE);
     EXPECT_EQ(GEventClose(&hSecond), eGE_OK);
+}
+
+TEST(GReg, EnumeratedKeysAreOpenedByTheirNumber)
+{
+    CTempDir const dir;
+    CRegFile reg(dir.File("test.reg"));
+    reg.Write("\n[A]\n\n[A\\first]\n\"n\"=dword:7\n");
+    HKEY hKey = nullptr;
+    HKEY hFirst = nullptr;
+    ASSERT_EQ(RegOpenKeyExA(HKEY_LOCAL_MACHINE, "A", 0, KEY_READ, &hKey), 0);
+    char szName[6] = "";
+    DWORD cch = sizeof szName;
+    EXPECT_EQ(GRegOpenEnumKey(hKey, &hFirst, 0, szName, &cch), 0);
+    EXPECT_EQ(std::string(szName, cch), "first");
+    EXPECT_EQ(RegQueryValueExA(hFirst, "n", nullptr, nullptr, nullptr, nullptr), 0);
+    EXPECT_EQ(RegCloseKey(hFirst), 0);
+    EXPECT_EQ(GRegOpenEnumKey(hKey, &hFirst, 1, szName, &(cch = sizeof szName)),
+              LONG{ERROR_NO_MORE_ITEMS});
+    EXPECT_EQ(RegCloseKey(hKey), 0);
 }

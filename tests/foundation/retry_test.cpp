@@ -2,19 +2,46 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <type_traits>
+#include <vector>
+
 namespace {
+
+using Words = std::vector<std::uintptr_t>;
 
 // Doubles of the services: each fails s_cFailures times with s_dwError, then succeeds.
 int s_cFailures;
 DWORD s_dwError;
 int s_cCalls;
 int s_cSleeps;
+Words s_arguments; // of the last call
+
+template <class T>
+std::uintptr_t WordOf(T const &argument)
+{
+    if constexpr (std::is_same_v<T, GUID>) {
+        return argument.Data1;
+    } else if constexpr (std::is_pointer_v<T>) {
+        return reinterpret_cast<std::uintptr_t>(argument);
+    } else {
+        return static_cast<std::uintptr_t>(argument);
+    }
+}
 
 template <auto nSuccess, auto nFailure, class... Args>
-auto WINAPI Failing(Args...)
+auto WINAPI Failing(Args... arguments)
 {
+    s_arguments = {WordOf(arguments)...};
     SetLastError(s_dwError);
     return ++s_cCalls <= s_cFailures ? nFailure : nSuccess;
+}
+
+// A pointer that is only handed on.
+template <class T>
+T *At(std::uintptr_t nAddress)
+{
+    return reinterpret_cast<T *>(nAddress);
 }
 
 DWORD CountedSleep(DWORD dwMilliseconds)
@@ -45,11 +72,17 @@ TEST(GRetry, Wrappers_TryTenTimesAndOnlyForTheirReason)
         s_cFailures = c.cFailures;
         s_dwError = c.dwError;
         s_cCalls = s_cSleeps = 0;
-        LONG const nResult = c.chCall == 'c' ? RetryCoCreateInstance({}, nullptr, 0, {}, nullptr)
-                             : c.chCall == 'e'
-                                 ? RetryEnumJobs(nullptr, 0, 0, 0, nullptr, 0, nullptr, nullptr)
-                             : c.chCall == 'o' ? RetryOpenPrinter(nullptr, nullptr, nullptr)
-                                               : RetryPostThreadMessage(0, 0, 0, 0);
+        LONG const nResult =
+            c.chCall == 'c' ? RetryCoCreateInstance({1, 0, 0, {}}, At<IUnknown>(2), 3,
+                                                    {4, 0, 0, {}}, At<void *>(5))
+            : c.chCall == 'e'
+                ? RetryEnumJobs(At<void>(1), 2, 3, 4, At<BYTE>(5), 6, At<DWORD>(7), At<DWORD>(8))
+            : c.chCall == 'o'
+                ? RetryOpenPrinter(At<char>(1), At<HANDLE>(2), At<PRINTER_DEFAULTSA>(3))
+                : RetryPostThreadMessage(1, 2, 3, 4);
+        Words const all{1, 2, 3, 4, 5, 6, 7, 8};
+        EXPECT_TRUE(std::equal(s_arguments.begin(), s_arguments.end(), all.begin()))
+            << testing::PrintToString(s_arguments);
         EXPECT_EQ(nResult, c.nResult) << &c - aCases;
         EXPECT_EQ(s_cCalls, c.cCalls) << &c - aCases;
         EXPECT_EQ(s_cSleeps, c.cSleeps) << &c - aCases;
