@@ -72,7 +72,9 @@ TEST_F(CEvtMgrTest, LineThatADeadWriterCutIsEnded)
     cut(); // by a process that nobody was there to see
     pHandler->OpenLogFile(eOF_APPEND);
     Site("three");
-    EXPECT_EQ(ReadLog(), "[T]: one\r\ncut\r\n[T]: two\r\ncut\r\n[T]: three\r\n");
+    DieWithTheMutex(hMutex); // behind a whole line
+    Site("four");
+    EXPECT_EQ(ReadLog(), "[T]: one\r\ncut\r\n[T]: two\r\ncut\r\n[T]: three\r\n[T]: four\r\n");
 }
 
 // There is room for 6 bytes of a line or for 1, and none for its end.

@@ -1,6 +1,9 @@
 // Category table, filter and line format.
 
+#include "platform/process.h"
 #include "tests/evtmgr/evtmgr_fixture.h"
+#include "tests/support/viewer.h"
+#include "trace/g_trace.h"
 
 namespace {
 
@@ -25,6 +28,9 @@ TEST_F(CEvtMgrTest, TableTakesWhatTheRegistryHasAndKeepsTheRest)
     CCategory table("table");
     Reg("\n[t]\n\"Display Level\"=dword:7\n\n[t\\5]\n\"Long Name\"=\"five\"\n\"Display Long "
         "Name\"=dword:0\n"
+        "\n[t\\63]\n\"Long Name\"=hex:" +
+        ReplaceAll(std::string(1023, 'a'), "a", "61,") +
+        "61\n\"Display Short Name\"=dword:0\n"
         "\n[t\\64]\n\"Short Name\"=\"s64\"\n\"Long Name\"=hex:61,62,63\n");
     EXPECT_EQ(table.Load("t"), 0u);
     Reg("\n[t\\64]\n\"Short Name\"=\"" + std::string(1024, 'x') + "\"\n"); // one byte too long
@@ -33,6 +39,8 @@ TEST_F(CEvtMgrTest, TableTakesWhatTheRegistryHasAndKeepsTheRest)
     EXPECT_EQ(table.m_fDisplayLevel, 7);
     EXPECT_STREQ(table.m_Rows[5].m_strLongName.m_pszText, "five");
     EXPECT_EQ(table.m_Rows[5].m_fDisplayLongName, 0);
+    EXPECT_EQ(table.m_Rows[63].m_fDisplayShortName, 0);
+    EXPECT_EQ(std::string(table.m_Rows[63].m_strLongName.m_pszText), std::string(1023, 'a'));
     EXPECT_STREQ(table.m_Rows[64].m_strShortName.m_pszText, "s64");
     EXPECT_STREQ(table.m_Rows[64].m_strLongName.m_pszText, "abc"); // had no terminator
 }
@@ -89,6 +97,28 @@ TEST_F(CEvtMgrTest, HandlerThatNoReloadHasSeen)
     pOwn->AddRef(); // the list gives up two
 }
 
+TEST_F(CEvtMgrTest, ViewerHearsWhileItsHandlerIsOn)
+{
+    std::string const strTitle = "events " + std::to_string(GetCurrentProcessId());
+    CViewer viewer(strTitle);
+    std::string const strViewer =
+        "\n[SOFTWARE\\Norvale\\TraceDeck]\n\"Title\"=\"" + strTitle + "\"\n";
+    Install(ReplaceAll(ReplaceAll(m_strOn, "\\File]", "\\TD]"), "\"File Name\"=\"$LOG\"\n", "") +
+            strViewer);
+    auto const report = [](char const *psz) { g_pEvtMgr->Report(eEB_INFO, 0, 1, "%s", psz); };
+    report("not connected");
+    TdConnect();
+    report("heard");
+    Reg("\n[$M\\TD]\n\"State\"=dword:0\n" + strViewer + "\"Time Stamp\"=dword:1\n");
+    LoadParameters();
+    EXPECT_EQ(g_fTdTimeStamp, 1u) << "a reload is the viewer's, too";
+    report("off");
+    EXPECT_EQ(
+        viewer.Messages(),
+        (std::vector{std::string("[T]: heard\0", 11),
+                     std::string("[T]: LoadParameters: BEGIN Loading new parameters\0", 50)}));
+}
+
 TEST_F(CEvtMgrTest, Line)
 {
     CGFileEvtHandler *pHandler = Install(
@@ -96,6 +126,7 @@ TEST_F(CEvtMgrTest, Line)
         "\n[$B\\6]\n\"Long Name\"=\"ERR \"\n\"Display Long Name\"=dword:0\n"
         "\n[$M\\Custom Category\\64]\n\"Short Name\"=\"c\"\n\"Long Name\"=\"Cust\"\n"
         "\n[$M\\Custom Category\\1]\n\"Long Name\"=\"hidden\"\n\"Display Long Name\"=dword:0\n"
+        "\"Short Name\"=\"h\"\n\"Display Short Name\"=dword:0\n"
         "\n[$M\\File]\n\"File Name\"=\"$LOG\"\n\"State\"=dword:1\n");
     CGQueueGuard const guard(*pHandler->m_pEvtMgr);
     CCategory *&pBase = pHandler->m_pEvtMgr->m_pBaseCategory;

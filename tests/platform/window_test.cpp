@@ -2,9 +2,7 @@
 
 #include "tests/platform/role.h"
 #include "tests/support/reg_file.h"
-
-#include <future>
-#include <mutex>
+#include "tests/support/viewer.h"
 
 namespace {
 
@@ -14,45 +12,6 @@ LRESULT Send(HWND hWnd, std::string const &str, ULONG_PTR dwData = 0)
     COPYDATASTRUCT data = {dwData, static_cast<DWORD>(strCopy.size()), strCopy.data()};
     return SendMessageA(hWnd, WM_COPYDATA, 0, reinterpret_cast<LPARAM>(&data));
 }
-
-// A viewer on a thread of its own that answers the length of a message and keeps it.
-class CViewer {
-public:
-    explicit CViewer(std::string strTitle)
-    {
-        std::promise<HWND> made;
-        m_thread = std::thread([&] {
-            HWND const hWnd = PlatCreateViewerWindow(strTitle.c_str(), OnCopyData, this);
-            made.set_value(hWnd);
-            EXPECT_TRUE(PlatRunViewerWindow(hWnd));
-            PlatDestroyViewerWindow(hWnd);
-        });
-        m_hWnd = made.get_future().get();
-    }
-    ~CViewer()
-    {
-        PlatCloseViewerWindow(m_hWnd);
-        m_thread.join();
-    }
-    std::vector<std::string> Messages()
-    {
-        std::lock_guard const lock(m_mutex);
-        return m_astr;
-    }
-    HWND m_hWnd;
-
-private:
-    static LRESULT OnCopyData(void *pContext, COPYDATASTRUCT const *pData)
-    {
-        auto *pThis = static_cast<CViewer *>(pContext);
-        std::lock_guard const lock(pThis->m_mutex);
-        pThis->m_astr.emplace_back(static_cast<char const *>(pData->lpData), pData->cbData);
-        return static_cast<LRESULT>(pData->cbData + pData->dwData);
-    }
-    std::mutex m_mutex;
-    std::vector<std::string> m_astr;
-    std::thread m_thread;
-};
 
 // Wine's queue takes less than Windows's.
 std::string Large()

@@ -3,8 +3,10 @@
 #include "trace/g_trace.h"
 
 #include "platform/fifo.h"
+#include "platform/process.h"
 #include "tests/support/guards.h"
 #include "tests/support/reg_file.h"
+#include "tests/support/viewer.h"
 
 #include <algorithm>
 #include <thread>
@@ -17,6 +19,7 @@ protected:
     CTraceTest()
     {
         g_TdMode = 0;
+        g_hTdWindow = nullptr;
         g_fTdAutoStart = g_fTdTimeStamp = g_fTdExeName = 0;
         TdSetCurrent(2, 1);
     }
@@ -117,6 +120,20 @@ TEST_F(CTraceTest, LinesInTheFile)
     EXPECT_TRUE(str.ends_with("}[M1] E: \"" + std::string(g_szTdExeName) + "\" 42\r\n")) << str;
 }
 
+TEST_F(CTraceTest, LineToTheDebugger)
+{
+    if (!kIsPosix) {
+        GTEST_SKIP() << "what a debugger takes is not seen from here";
+    }
+    Reg(m_strOn);
+    TdLoadSettings(eTM_DEBUGGER);
+    PlatSetDebugOutput(true);
+    testing::internal::CaptureStderr();
+    TdLog("text");
+    PlatSetDebugOutput(false);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "[M1] E: text\r\n");
+}
+
 TEST_F(CTraceTest, FileThatIsAPipeThatNobodyReads)
 {
     if (!kIsPosix) {
@@ -132,6 +149,45 @@ TEST_F(CTraceTest, FileThatIsAPipeThatNobodyReads)
         TdLog("%d", n);
     }
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+}
+
+// Its window comes some time after its program was started. Who connects meanwhile starts no second one.
+TEST_F(CTraceTest, ViewerIsStartedOnceAndTakesLines)
+{
+    if (!kIsPosix) {
+        GTEST_SKIP() << "a script is no program there";
+    }
+    std::string const strProgram = m_dir.File("program"), strStarted = m_dir.File("started");
+    Fill(strProgram, "#!/bin/sh\necho once >>" + strStarted + "\n");
+    std::filesystem::permissions(strProgram, std::filesystem::perms::owner_all);
+    std::string const strTitle = "trace " + std::to_string(GetCurrentProcessId());
+    std::string const strViewer =
+        "\"Title\"=\"" + strTitle + "\"\n\"Path\"=\"" + strProgram + "\"\n";
+    Reg(strViewer + m_strOn);
+    TdConnect();
+    EXPECT_EQ(g_TdMode, std::uint64_t{eTM_VIEWER}) << "not tried again, and no program started";
+    g_TdMode = 0;
+    Reg(strViewer + "\"Auto Start\"=dword:1\n" + m_strOn);
+    std::unique_ptr<CViewer> pViewer;
+    std::thread other([&] {
+        EXPECT_TRUE(WaitFor([&] { return Contents(strStarted) == "once\n"; }));
+        g_TdMode = 0; // as if the connection had not begun
+        TdConnect();
+        pViewer = std::make_unique<CViewer>(strTitle);
+    });
+    TdConnect();
+    other.join();
+    EXPECT_EQ(Contents(strStarted), "once\n");
+    TdLog("text");
+    EXPECT_EQ(pViewer->Messages(), std::vector{std::string("[M1] E: text\0", 13)});
+    EXPECT_EQ(TakeFile(), "");
+
+    // Where lines go to a file, nobody looks for a viewer.
+    g_TdMode = 0;
+    g_hTdWindow = nullptr;
+    Reg(strViewer + "\"DebugFile\"=dword:1\n" + m_strOn);
+    TdConnect();
+    EXPECT_EQ(g_hTdWindow, nullptr);
 }
 
 TEST_F(CTraceTest, ViewerThatCannotBeStartedIsToldOnce)
