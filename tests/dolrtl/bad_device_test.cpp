@@ -217,6 +217,21 @@ TEST(BadDevice, OneThatIsOnlyALureIsLookedForLessAndLessOften)
     EXPECT_GE(steady_clock::now() - start, std::chrono::milliseconds(100 + 200 + 400 + 800));
 }
 
+// It hangs up on whoever looks for it.
+TEST(BadDevice, OneThatDoesNotAnswerIsLookedForLessAndLessOften)
+{
+    std::atomic<int> cLooks{0};
+    CBadDevice device({[&](LinkFrame const &) {
+        ++cLooks;
+        return LinkBytes();
+    }});
+    CTestClient client;
+    auto const start = steady_clock::now();
+    EXPECT_EQ(client.InitLocal(device.dwPort), eDR_LINK_LOST);
+    ASSERT_TRUE(WaitFor([&] { return cLooks == 5; }));
+    EXPECT_GE(steady_clock::now() - start, std::chrono::milliseconds(100 + 200 + 400 + 800));
+}
+
 // What a device sends is not held at its full length for as long as nobody reads it.
 TEST(BadDevice, TrapsThatWaitTakeNoMoreThanValuesCanHave)
 {

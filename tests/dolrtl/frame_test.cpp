@@ -21,6 +21,25 @@ std::vector<LinkFrame> Decode(LinkBytes const &bytes, std::size_t cbPiece)
 
 } // namespace
 
+TEST(LinkDecoder, EndsWithALengthThatNoFrameHas)
+{
+    for (DWORD const cbBody : {DWORD{0}, DWORD{4}, kLinkMaxBody + 1, ~DWORD{0}}) {
+        LinkBytes const frame = EncodeLinkFrame({eLK_PING, 7, {}});
+        CLinkDecoder decoder;
+        decoder.Feed(frame.data(), frame.size());
+        LinkBytes const length = CLinkWriter().Word32(cbBody).Take();
+        decoder.Feed(length.data(), length.size());
+        decoder.Feed(frame.data(), frame.size());
+        LinkFrame next;
+        EXPECT_TRUE(decoder.Next(&next));
+        EXPECT_FALSE(decoder.IsGarbage());
+        EXPECT_FALSE(decoder.Next(&next));
+        EXPECT_TRUE(decoder.IsGarbage()) << cbBody;
+        decoder.Feed(frame.data(), frame.size());
+        EXPECT_FALSE(decoder.Next(&next));
+    }
+}
+
 TEST(LinkDecoder, FindsFramesInPiecesOfAnySize)
 {
     LinkBytes stream;

@@ -1,6 +1,8 @@
 // The access library against a well-behaved device, and against one that is told to misbehave.
 
 #include "device/soft_device.h"
+#include "devlink/link_protocol.h"
+#include "devlink/link_stream.h"
 #include "tests/dolrtl/dolrtl_fixture.h"
 
 #include <atomic>
@@ -45,6 +47,63 @@ TEST_F(Link, ObjectsAreChecked)
     device->SetFeeder(true);
     EXPECT_EQ(client.SetWord(g_button, 1), eDR_OK); // its answer would come behind the trap
     EXPECT_EQ(client.Read(), std::nullopt);
+}
+
+TEST_F(Link, BadArgumentsAreRefused)
+{
+    CTestClient client(dwPort);
+    CDolRtl &dol = *client.dol;
+    unsigned char ab[8] = "???????";
+    DWORD cb = 99;
+    unsigned short wId = 0;
+    std::vector<DWORD> results;
+    for (auto const &[pOid, cbOid] :
+         {std::pair<unsigned char *, DWORD>{nullptr, 5}, {ab, 0}, {ab, 15}}) {
+        results.insert(results.end(), {dol.Get(pOid, cbOid, 4), dol.Set(pOid, cbOid, 4, ab, 1),
+                                       dol.Trap(pOid, cbOid, 4, 1), dol.UnTrap(pOid, cbOid)});
+    }
+    auto const Set = [&](void *pValue, DWORD cbValue) {
+        return dol.Set(g_addOption.Oid(), 5, 4, pValue, cbValue);
+    };
+    results.insert(results.end(),
+                   {Set(nullptr, 1), Set(ab, 0), Set(ab, kLinkMaxValue + 1),
+                    dol.GetDeviceId(nullptr, 8, &cb), dol.GetDeviceId(ab, 0, &cb),
+                    dol.GetDeviceId(ab, 8, nullptr), dol.ReadTrap(nullptr, 8, &cb, ab, &wId),
+                    dol.ReadTrap(ab, 8, nullptr, ab, &wId), dol.ReadTrap(ab, 8, &cb, nullptr, &wId),
+                    dol.ReadTrap(ab, 8, &cb, ab, nullptr)});
+    EXPECT_EQ(results, std::vector<DWORD>(22, eDR_INVALID_ARGUMENT));
+    EXPECT_EQ(cb, 0u);
+    EXPECT_EQ(dol.GetDeviceId(ab, 7, &cb), eDR_OK); // cut, with its end
+    EXPECT_EQ(cb, 6u);
+    EXPECT_TRUE(ab[5] != '?' && ab[6] == '\0' && ab[7] == '\0');
+}
+
+// The request is done once.
+TEST_F(Link, GarbageBehindARequestEndsTheLink)
+{
+    std::atomic<int> cDone{0};
+    SoftDeviceConfig config;
+    config.onFrame = [&](DeviceFrame const &frame) {
+        cDone += frame.fFromClient && frame.frame.dwNumber == 1 ? 1 : 0;
+    };
+    std::string strError;
+    CSoftDevice own(config);
+    ASSERT_TRUE(own.Start(&strError)) << strError;
+    LinkTime const deadline = LinkClock::now() + std::chrono::seconds(30);
+    CSocketLibrary library;
+    ASSERT_TRUE(library.Start());
+    CLinkStream stream;
+    ASSERT_EQ(stream.Connect({0x7F000001, own.Port()}, deadline), 0);
+    CLinkWriter hello;
+    hello.Word32(kLinkMagic).Word16(kLinkVersion).Byte(eLU_LOCAL).Byte(0);
+    ASSERT_TRUE(stream.Send(EncodeLinkFrame({eLK_HELLO, 0, hello.Take()}), deadline));
+    LinkFrame frame;
+    ASSERT_EQ(stream.Receive(&frame, deadline), eRX_FRAME);
+    LinkBytes request = EncodeLinkFrame({eLK_GET_DEVICE_ID, 1, {}});
+    request.insert(request.end(), {1, 0, 0, 0}); // a length that no frame has
+    ASSERT_TRUE(stream.Send(request, deadline));
+    EXPECT_EQ(stream.Receive(&frame, deadline), eRX_CLOSED);
+    EXPECT_EQ(cDone, 1);
 }
 
 // Bursts that come while the callback runs must lead to another call of it, whatever other threads do.
@@ -126,6 +185,10 @@ TEST_F(Link, LocalClientsHaveAddressesOfTheirOwn)
     CTestClient bad;
     ASSERT_EQ(bad.Init("a;NETADDR=", dwPort, eLT_LOCAL), eDR_OK);
     EXPECT_EQ(std::string(bad.dol->GetAddress()).find(';'), std::string::npos);
+    CTestClient longest;
+    EXPECT_EQ(longest.Init(std::string(256, 'x').c_str(), dwPort, eLT_LOCAL), eDR_BAD_ADDRESS);
+    ASSERT_EQ(longest.Init(std::string(255, 'x').c_str(), dwPort, eLT_LOCAL), eDR_OK);
+    EXPECT_EQ(std::string(longest.dol->GetAddress()).find('x'), std::string::npos) << "too long";
 }
 
 TEST_F(Link, InitSaysWhatIsWrong)
@@ -133,6 +196,8 @@ TEST_F(Link, InitSaysWhatIsWrong)
     CTestClient client;
     EXPECT_EQ(client.SetWord(g_button, 1), eDR_NOT_STARTED);
     EXPECT_EQ(client.Init("127.0.0.1", 65536, eLT_NETWORK), eDR_BAD_ADDRESS);
+    EXPECT_EQ(client.Init("", dwPort, eLT_NETWORK), eDR_BAD_ADDRESS);
+    EXPECT_EQ(client.Init("127.0.0.1", dwPort, 5), eDR_INVALID_ARGUMENT);
     EXPECT_EQ(client.Init("localhost", dwPort, eLT_NETWORK), eDR_OK) << "none of these counted";
     EXPECT_STREQ(client.dol->GetAddress(), "localhost");
     EXPECT_EQ(client.Init("127.0.0.1", dwPort, eLT_NETWORK), eDR_ALREADY_STARTED);
