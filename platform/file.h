@@ -40,9 +40,6 @@ inline constexpr DWORD INVALID_SET_FILE_POINTER = 0xFFFFFFFFu;
 inline constexpr DWORD FILE_TYPE_UNKNOWN = 0;
 inline constexpr DWORD FILE_TYPE_DISK = 1;
 inline constexpr DWORD FILE_TYPE_CHAR = 2;
-inline constexpr DWORD FILE_TYPE_PIPE = 3;
-
-inline constexpr DWORD HANDLE_FLAG_INHERIT = 1;
 
 struct OVERLAPPED;
 
@@ -61,20 +58,20 @@ struct OVERLAPPED;
 ///   means nothing: names can be removed and given to other files at any time.
 /// - It takes up to one second where a file server has the file, or where another process of the user's was
 ///   stopped while it opened this very file, and then fails with ERROR_SHARING_VIOLATION.
-/// - No handle reaches a child process by its number; see CreateProcessA.
+/// - No handle reaches a child process.
 HANDLE CreateFileA(char const *pszName, DWORD dwAccess, DWORD dwShare,
                    SECURITY_ATTRIBUTES *pSecurity, DWORD dwDisposition, DWORD dwFlags,
                    HANDLE hTemplate);
 
-/// As Win32: a success with 0 bytes is the end of a file; at the end of a pipe made by CreatePipe it is
-/// a failure with ERROR_BROKEN_PIPE. Except: no overlapped operation (ERROR_INVALID_PARAMETER).
+/// As Win32: a success with 0 bytes is the end of a file. Except: no overlapped operation
+/// (ERROR_INVALID_PARAMETER).
 BOOL ReadFile(HANDLE hFile, void *pBuffer, DWORD cb, DWORD *pcbRead, OVERLAPPED *pOverlapped);
 
 /// As Win32, ERROR_DISK_FULL (also at this process's limit of a file's size, which raises no signal) and
 /// ERROR_NO_DATA (a pipe that nobody reads any more) among the errors. All bytes are written or the call
 /// fails; *pcbWritten then tells how many went out before. Except: no overlapped operation
 /// (ERROR_INVALID_PARAMETER). A FIFO that was opened for writing alone and takes nothing for 2 seconds is
-/// ERROR_TIMEOUT, unless SetHandleInformation has made it one that children inherit.
+/// ERROR_TIMEOUT.
 BOOL WriteFile(HANDLE hFile, void const *pBuffer, DWORD cb, DWORD *pcbWritten,
                OVERLAPPED *pOverlapped);
 
@@ -87,12 +84,9 @@ BOOL PlatAppendFile(HANDLE hFile, void const *pBuffer, DWORD cb, DWORD *pcbWritt
 /// front of the file, ERROR_INVALID_PARAMETER for an unknown method.
 DWORD SetFilePointer(HANDLE hFile, LONG nDistance, LONG *pnHigh, DWORD dwMethod);
 
-/// As Win32: FILE_TYPE_DISK for a regular file, FILE_TYPE_PIPE for what CreatePipe made, FILE_TYPE_UNKNOWN
-/// with the last error for what is no file. Except: anything else is FILE_TYPE_CHAR, FIFOs among it.
+/// As Win32: FILE_TYPE_DISK for a regular file, FILE_TYPE_UNKNOWN with the last error for what is no file.
+/// Except: anything else is FILE_TYPE_CHAR, FIFOs among it.
 DWORD GetFileType(HANDLE hFile);
-
-/// As Win32, except: dwMask must be HANDLE_FLAG_INHERIT, and the handle one of a file or pipe.
-BOOL SetHandleInformation(HANDLE hObject, DWORD dwMask, DWORD dwFlags);
 
 inline constexpr int _O_RDONLY = 0;
 inline constexpr int _O_WRONLY = 1;

@@ -1,10 +1,9 @@
 #pragma once
 
 /// @file
-/// Processes: starting, waiting for and ending them, pipes to them, and what a process knows of itself.
+/// Processes: starting a program, commands with all that they start, and what a process knows of itself.
 
 #include "platform/base.h"
-#include "platform/thread.h" // STILL_ACTIVE
 
 #include <cstddef>
 #include <memory>
@@ -29,7 +28,7 @@ struct STARTUPINFOA {
     DWORD dwXCountChars;
     DWORD dwYCountChars;
     DWORD dwFillAttribute;
-    DWORD dwFlags; ///< 0 or STARTF_USESTDHANDLES
+    DWORD dwFlags; ///< must be 0
     WORD wShowWindow;
     WORD cbReserved2;
     BYTE *lpReserved2;
@@ -45,20 +44,10 @@ struct PROCESS_INFORMATION {
     DWORD dwThreadId;
 };
 
-inline constexpr DWORD STARTF_USESTDHANDLES = 0x100;
-inline constexpr DWORD CREATE_NEW_PROCESS_GROUP = 0x200;
-
-inline constexpr DWORD STD_INPUT_HANDLE = static_cast<DWORD>(-10);
-inline constexpr DWORD STD_OUTPUT_HANDLE = static_cast<DWORD>(-11);
-inline constexpr DWORD STD_ERROR_HANDLE = static_cast<DWORD>(-12);
-
-/// As Win32: both handles of *pInfo can be waited on and must be closed; the program is looked for on
-/// PATH only when there is no pszProgram; the command line is taken apart by the rules of the runtime
-/// (quotes, backslashes before quotes). Except:
-/// - The child gets its three standard streams and no other handle, whatever fInherit says. With
-///   STARTF_USESTDHANDLES, which needs fInherit, each of the three is an inheritable handle
-///   (ERROR_INVALID_HANDLE otherwise) or null for none; without it they are our own.
-/// - dwFlags is 0 or CREATE_NEW_PROCESS_GROUP, no security descriptors; else ERROR_INVALID_PARAMETER.
+/// As Win32: both handles of *pInfo can be waited on and must be closed. Except:
+/// - There are a program and nothing else: no command line, flags, environment, folder or security descriptors,
+///   and nothing in the startup record (ERROR_INVALID_PARAMETER otherwise).
+/// - The child gets our three standard streams and no other handle, whatever fInherit says.
 /// - "hThread" and dwThreadId stand for the process once more.
 /// - The child starts with no signal blocked or ignored.
 BOOL CreateProcessA(char const *pszProgram, char *pszCommandLine,
@@ -66,39 +55,16 @@ BOOL CreateProcessA(char const *pszProgram, char *pszCommandLine,
                     BOOL fInherit, DWORD dwFlags, void *pEnvironment, char const *pszDirectory,
                     STARTUPINFOA *pStartup, PROCESS_INFORMATION *pInfo);
 
-/// As Win32, except: an exit code has 8 bits here; a process that a signal ended has 128 plus its
-/// number, and one that TerminateProcess ended the code given there.
-BOOL GetExitCodeProcess(HANDLE hProcess, DWORD *pdwExitCode);
-
-/// As Win32: ends the process at once; ERROR_ACCESS_DENIED when it has ended already.
-BOOL TerminateProcess(HANDLE hProcess, UINT nExitCode);
-
 DWORD GetCurrentProcessId();
-
-/// As Win32, for CTRL_C_EVENT and CTRL_BREAK_EVENT (console.h) to a group that a process started with
-/// CREATE_NEW_PROCESS_GROUP leads. Except: that group hears CTRL_C_EVENT too.
-BOOL GenerateConsoleCtrlEvent(DWORD dwCtrlEvent, DWORD dwProcessGroupId);
-
-/// As Win32: two file handles, read with ReadFile, written with WriteFile, closed with CloseHandle.
-/// cbBuffer is not acted on.
-BOOL CreatePipe(HANDLE *phRead, HANDLE *phWrite, SECURITY_ATTRIBUTES *pSecurity, DWORD cbBuffer);
-
-/// As Win32: an inheritable handle of the process's own stream, which closing does not close.
-HANDLE GetStdHandle(DWORD dwWhich);
 
 /// As Win32, for the process's own program file only: hModule must be null (else 0 with
 /// ERROR_MOD_NOT_FOUND).
 DWORD GetModuleFileNameA(HMODULE hModule, char *pszBuffer, DWORD cch);
 
-/// There is no debugger to tell: the text goes to the standard error stream if PlatSetDebugOutput asked
-/// for it, else nowhere. Keeps the last error and errno.
-void OutputDebugStringA(char const *pszText);
+/// There is no debugger to tell.
+inline void OutputDebugStringA(char const *) {}
 
 #endif
-
-/// Switches whether OutputDebugStringA writes to the standard error stream; off at the start. On
-/// Windows nothing changes, the debugger gets the text.
-void PlatSetDebugOutput(bool fOn);
 
 /// One variable of a command's environment.
 struct PlatEnvType {

@@ -105,8 +105,6 @@ std::string QuotedArgument(std::string const &str)
 
 } // namespace
 
-void PlatSetDebugOutput(bool) {}
-
 class CPlatCommandImpl {
 public:
     BOOL Start(char const *pszCommand, PlatEnvType const *pVariables, std::size_t cVariables)

@@ -41,12 +41,9 @@ TEST_F(CEvtMgrTest, LinesOfManyProcessesAreWholeAndOnce)
                              strTag + ' ' + std::to_string(kcLines) + ' ' + m_reg.m_strPath);
     }
     int cKills = 0;
-    auto hasEnded = [](CRoleProcess const &writer) {
-        return WaitForSingleObject(writer.m_info.hProcess, 0) == WAIT_OBJECT_0;
-    };
-    while (!std::ranges::all_of(writers, hasEnded)) {
+    while (!std::ranges::all_of(writers, [](CRoleProcess &writer) { return writer.HasEnded(); })) {
         CRoleProcess victim("write-lines", "victim 1073741824 " + m_reg.m_strPath);
-        WaitForSingleObject(victim.m_info.hProcess, static_cast<DWORD>(10 + cKills++ * 7 % 60));
+        victim.HasEnded(static_cast<DWORD>(10 + cKills++ * 7 % 60));
         victim.Kill();
     }
     EXPECT_EQ(CountLines(ReadLog()), wanted);
@@ -87,10 +84,9 @@ TEST_F(CEvtMgrTest, LineThatAFullDiskCutIsEnded)
     for (std::string const strEnd : {"[T]:\r\n", "\n"}) {
         std::string const strFull = std::string(8192 - 2 - strEnd.size(), 'x') + "\r\n";
         std::ofstream(m_strLog, std::ios::binary) << strFull;
-        CRoleProcess writer(StartProgram("/bin/sh -c \"trap '' XFSZ; ulimit -f 16; exec '" +
-                                         OwnProgram() + "' --role write-lines 'w 3 " +
-                                         m_reg.m_strPath + "'\""));
-        EXPECT_EQ(writer.ExitCode(), 0u);
+        EXPECT_EQ(RunCommand("trap '' XFSZ; ulimit -f 16; exec '" + OwnProgram() +
+                             "' --role write-lines 'w 3 " + m_reg.m_strPath + "'"),
+                  0u);
         EXPECT_EQ(ReadLog(), strFull + strEnd);
     }
 }
@@ -105,20 +101,13 @@ TEST_F(CEvtMgrTest, LogThatIsAPipeIsNotReadAndHoldsNobodyUp)
     CTestHandle const hMutex(CreateMutexA(nullptr, FALSE, "/dev/stdout"));
     DieWithTheMutex(hMutex);
     constexpr int kcLines = 8000;
-    HANDLE hRead = nullptr, hWrite = nullptr;
-    ASSERT_TRUE(CreatePipe(&hRead, &hWrite, nullptr, 0));
-    CTestHandle const hLog(hRead);
-    CRoleProcess writer(StartProgram("\"" + OwnProgram() + "\" --role write-lines \"w " +
-                                         std::to_string(kcLines) + ' ' + m_reg.m_strPath + '"',
-                                     hWrite));
-    EXPECT_EQ(WaitForSingleObject(writer.m_info.hProcess, 20000), DWORD{WAIT_OBJECT_0});
-    TerminateProcess(writer.m_info.hProcess, 1);
-    std::string strLog;
-    char szPart[4096];
-    for (DWORD cb = 0; ReadFile(hLog, szPart, sizeof szPart, &cb, nullptr) && cb != 0;) {
-        strLog.append(szPart, cb);
-    }
-    int const cWhole = CountLines(strLog)["w"];
+    std::string const strDone = m_strLog + ".done";
+    EXPECT_EQ(RunCommand("{ '" + OwnProgram() + "' --role write-lines 'w " +
+                         std::to_string(kcLines) + ' ' + m_reg.m_strPath + "'; : >'" + strDone +
+                         "'; } | { until [ -e '" + strDone + "' ]; do sleep 0.05; done; cat >'" +
+                         m_strLog + "'; }"),
+              0u);
+    int const cWhole = CountLines(ReadLog())["w"];
     EXPECT_TRUE(cWhole > 1000 && cWhole < kcLines) << cWhole;
 }
 

@@ -1,7 +1,5 @@
 #include "tests/platform/role.h"
 
-#include "platform/file.h"
-
 #include <cstring>
 #include <map>
 
@@ -27,46 +25,45 @@ std::string OwnProgram()
     return szProgram;
 }
 
-PROCESS_INFORMATION StartProgram(std::string strLine, HANDLE hOut, DWORD dwFlags)
+CRoleProcess::CRoleProcess(char const *pszRole, std::string const &strArgument)
+    : CRoleProcess({OwnProgram(), "--role", pszRole, strArgument})
 {
-    STARTUPINFOA startup{};
-    startup.cb = sizeof startup;
-    startup.dwFlags = hOut != nullptr ? STARTF_USESTDHANDLES : 0;
-    startup.hStdOutput = hOut;
-    EXPECT_TRUE(!hOut || SetHandleInformation(hOut, HANDLE_FLAG_INHERIT, HANDLE_FLAG_INHERIT));
-    PROCESS_INFORMATION info{};
-    EXPECT_TRUE(CreateProcessA(nullptr, strLine.data(), nullptr, nullptr, hOut != nullptr, dwFlags,
-                               nullptr, nullptr, &startup, &info))
-        << strLine << ": " << GetLastError();
-    EXPECT_TRUE(!hOut || CloseHandle(hOut));
-    return info;
 }
 
-CRoleProcess::CRoleProcess(char const *pszRole, std::string const &strArgument)
-    : CRoleProcess(
-          StartProgram("\"" + OwnProgram() + "\" --role " + pszRole + " \"" + strArgument + "\""))
+CRoleProcess::CRoleProcess(std::vector<std::string> const &arguments)
 {
+    std::vector<char const *> apsz;
+    for (std::string const &str : arguments) {
+        apsz.push_back(str.c_str());
+    }
+    EXPECT_TRUE(m_command.StartProgram(apsz.data(), apsz.size(), nullptr, 0))
+        << arguments[0] << ": " << GetLastError();
 }
 
 CRoleProcess::~CRoleProcess()
 {
-    TerminateProcess(m_info.hProcess, 1);
-    CloseHandle(m_info.hThread);
-    CloseHandle(m_info.hProcess);
+    if (!HasEnded()) {
+        m_command.End(0);
+    }
 }
 
-void CRoleProcess::Kill()
+void CRoleProcess::End(DWORD dwMilliseconds)
 {
-    EXPECT_TRUE(TerminateProcess(m_info.hProcess, 1));
+    EXPECT_FALSE(HasEnded());
+    m_command.End(dwMilliseconds);
     ExitCode();
+}
+
+bool CRoleProcess::HasEnded(DWORD dwMilliseconds)
+{
+    m_fEnded = m_fEnded || m_command.Wait(dwMilliseconds, &m_dwExitCode);
+    return m_fEnded;
 }
 
 DWORD CRoleProcess::ExitCode()
 {
-    DWORD dwCode = STILL_ACTIVE;
-    EXPECT_EQ(WaitForSingleObject(m_info.hProcess, kdwLimit), DWORD{WAIT_OBJECT_0});
-    GetExitCodeProcess(m_info.hProcess, &dwCode);
-    return dwCode;
+    EXPECT_TRUE(HasEnded(kdwLimit));
+    return m_dwExitCode;
 }
 
 int main(int argc, char **argv)

@@ -18,23 +18,26 @@ struct CTestRole {
 // Where this program lies.
 std::string OwnProgram();
 
-// Starts a command line, with its output in the given file, which it closes.
-PROCESS_INFORMATION StartProgram(std::string strLine, HANDLE hOut = nullptr, DWORD dwFlags = 0);
-
 // A program, mostly this one in a role, ended at the latest with the block.
 class CRoleProcess {
 public:
     CRoleProcess(char const *pszRole, std::string const &strArgument);
-    explicit CRoleProcess(PROCESS_INFORMATION const &info) : m_info(info) {}
+    explicit CRoleProcess(std::vector<std::string> const &arguments);
     ~CRoleProcess();
     CRoleProcess(CRoleProcess const &) = delete;
     CRoleProcess &operator=(CRoleProcess const &) = delete;
 
-    void Kill();
+    // Asks it to end, as far as the system knows that, and has it ended in any case.
+    void End(DWORD dwMilliseconds);
+    void Kill() { End(0); }
+    bool HasEnded(DWORD dwMilliseconds = 0);
     // Waits for its end.
     DWORD ExitCode();
 
-    PROCESS_INFORMATION const m_info;
+private:
+    CPlatCommand m_command;
+    bool m_fEnded = false;
+    DWORD m_dwExitCode = STILL_ACTIVE;
 };
 
 // How long a wait may take that a broken build alone lets run out, in milliseconds.

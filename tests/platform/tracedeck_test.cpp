@@ -13,15 +13,14 @@ TEST(TraceDeckTest, ShowsLinesSafelyAndKeepsThemInAFile)
         GTEST_SKIP() << "tracedeck has not been built";
     }
     CTempDir const dir;
-    auto const start = [&](std::string const &strArguments) {
-        HANDLE const hOut = CreateFileA(dir.File("out").c_str(), GENERIC_WRITE, 3, nullptr,
-                                        OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
-        return StartProgram("\"" + path.string() + "\" " + strArguments, hOut,
-                            CREATE_NEW_PROCESS_GROUP);
-    };
     std::string const strTitle = UniqueName("deck");
     Fill(dir.File("log"), "before\n");
-    CRoleProcess deck(start("--title \"" + strTitle + "\" --out \"" + dir.File("log") + "\""));
+    std::vector<std::string> const line{path.string(), "--title", strTitle, "--out",
+                                        dir.File("log")};
+    std::vector<std::string> const shell{"/bin/sh", "-c", R"(exec "$@" >"$0")", dir.File("out")};
+    std::vector<std::string> shown = shell;
+    shown.insert(shown.end(), line.begin(), line.end());
+    CRoleProcess deck(kIsPosix ? shown : line);
     HWND hWnd = nullptr;
     ASSERT_TRUE(
         WaitFor([&] { return (hWnd = FindWindowA(nullptr, strTitle.c_str())) != nullptr; }));
@@ -41,11 +40,11 @@ TEST(TraceDeckTest, ShowsLinesSafelyAndKeepsThemInAFile)
         EXPECT_EQ(Contents(dir.File("out")), strShown);
     }
 
-    EXPECT_EQ(CRoleProcess(start("--title \"" + strTitle + "\"")).ExitCode(), 1u) << "in use";
+    EXPECT_EQ(CRoleProcess({path.string(), "--title", strTitle}).ExitCode(), 1u) << "in use";
     if (kIsPosix) {
-        EXPECT_TRUE(GenerateConsoleCtrlEvent(CTRL_C_EVENT, deck.m_info.dwProcessId));
+        deck.End(kdwLimit);
     } else {
-        PlatCloseViewerWindow(hWnd); // there may be no console to send Ctrl-C through
+        PlatCloseViewerWindow(hWnd); // there may be no console to send a request through
     }
     EXPECT_EQ(deck.ExitCode(), 0u);
     EXPECT_EQ(FindWindowA(nullptr, strTitle.c_str()), nullptr);

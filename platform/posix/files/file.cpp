@@ -307,9 +307,7 @@ DWORD DispositionFromFlags(int nFlags)
 
 CFileObject::~CFileObject()
 {
-    if (m_fOwned) {
-        PlatCloseFile(m_fd);
-    }
+    PlatCloseFile(m_fd);
 }
 
 DWORD PlatNotFoundError(char const *pszName)
@@ -396,8 +394,8 @@ HANDLE CreateFileA(char const *pszName, DWORD dwAccess, DWORD dwShare,
         return FailOpen(dwError);
     }
     auto const eType = opened.m_fDisk ? CFileObject::eFT_DISK : CFileObject::eFT_DEVICE;
-    std::unique_ptr<CFileObject> pFile(new (std::nothrow) CFileObject(
-        opened.m_fd, dwAccess, eType, /*fOwned=*/true, /*fInherit=*/false));
+    std::unique_ptr<CFileObject> pFile(new (std::nothrow)
+                                           CFileObject(opened.m_fd, dwAccess, eType));
     if (!pFile) {
         PlatCloseFile(opened.m_fd);
     }
@@ -428,9 +426,6 @@ BOOL ReadFile(HANDLE hFile, void *pBuffer, DWORD cb, DWORD *pcbRead, OVERLAPPED 
         ssize_t const cbNow = ReadRetried(file->m_fd, pb + *pcbRead, cb - *pcbRead);
         if (cbNow < 0) {
             return PlatFailErrno(), FALSE;
-        }
-        if (cbNow == 0 && file->m_eType == CFileObject::eFT_PIPE) {
-            return SetLastError(ERROR_BROKEN_PIPE), FALSE;
         }
         *pcbRead += static_cast<DWORD>(cbNow);
         if (cbNow == 0 || file->m_eType != CFileObject::eFT_DISK) {
@@ -499,27 +494,7 @@ DWORD GetFileType(HANDLE hFile)
     if (!file) {
         return FILE_TYPE_UNKNOWN;
     }
-    if (file->m_eType == CFileObject::eFT_DISK) {
-        return FILE_TYPE_DISK;
-    }
-    return file->m_eType == CFileObject::eFT_PIPE ? FILE_TYPE_PIPE : FILE_TYPE_CHAR;
-}
-
-BOOL SetHandleInformation(HANDLE hObject, DWORD dwMask, DWORD dwFlags)
-{
-    CHandleRef<CFileObject> const file(hObject);
-    if (!file) {
-        return FALSE;
-    }
-    if (dwMask != HANDLE_FLAG_INHERIT || (dwFlags & ~HANDLE_FLAG_INHERIT) != 0) {
-        return SetLastError(ERROR_INVALID_PARAMETER), FALSE;
-    }
-    // A child that gets it as a stream of its own expects one that waits.
-    if (dwFlags != 0 && file->m_fOwned && !MakeBlocking(file->m_fd)) {
-        return PlatFailErrno(), FALSE;
-    }
-    file->m_fInherit = dwFlags != 0;
-    return TRUE;
+    return file->m_eType == CFileObject::eFT_DISK ? FILE_TYPE_DISK : FILE_TYPE_CHAR;
 }
 
 int _open(char const *pszName, int nFlags, int nMode)

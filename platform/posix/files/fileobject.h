@@ -2,7 +2,6 @@
 
 #include "platform/base.h"
 #include "platform/posix/kernel/handle.h"
-#include <atomic>
 #include <fcntl.h>
 #include <sys/resource.h>
 
@@ -14,24 +13,19 @@ public:
 
     enum EType {
         eFT_DISK,   ///< a regular file: transfers go on until they are complete
-        eFT_DEVICE, ///< a device, a FIFO, a stream of the process: one read gives what is there
-        eFT_PIPE,   ///< made by CreatePipe
+        eFT_DEVICE, ///< a device or a FIFO: one read gives what is there
     };
 
-    /// @{
-    /// Owns fd unless it is one of the process's three streams (fOwned false).
-    CFileObject(int fd, DWORD dwAccess, EType eType, bool fOwned, bool fInherit)
-        : m_fd(fd), m_dwAccess(dwAccess), m_eType(eType), m_fOwned(fOwned), m_fInherit(fInherit)
+    /// Owns fd.
+    CFileObject(int fd, DWORD dwAccess, EType eType)
+        : m_fd(fd), m_dwAccess(dwAccess), m_eType(eType)
     {
     }
     ~CFileObject() override;
-    /// @}
 
     int const m_fd;
     DWORD const m_dwAccess; ///< GENERIC_READ, GENERIC_WRITE
     EType const m_eType;
-    bool const m_fOwned;
-    std::atomic<bool> m_fInherit; ///< may become a standard stream of a child
 };
 
 struct COpenedFile {
