@@ -7,14 +7,12 @@
 #include "session/option_text.h"
 
 #include <array>
-#include <climits>
 #include <cstdlib>
 #include <map>
 #include <random>
 
 namespace {
 
-using std::chrono::milliseconds;
 using std::chrono::seconds;
 
 constexpr seconds kHeartbeatPeriod{4};
@@ -24,13 +22,7 @@ constexpr seconds kListenerPeriod{10};
 constexpr DWORD kLoopback = 0x7F000001; // it listens at every address of this machine
 constexpr seconds kEchoLimit{1};
 constexpr unsigned kMissedLimit = 3;
-constexpr milliseconds kFirstPause{500};
 constexpr seconds kTakeBackLimit{1};
-// A restart drops what the agent has queued: datagrams that come in one go are let through first.
-constexpr milliseconds kRestartDelay{250};
-constexpr seconds kCalmAfterRestart{60}; // so long without another one, and the pauses begin anew
-// The device counts all its datagrams, not only ours. Between two of ours it does not send so many.
-constexpr DWORD kLargestStep = 1000000;
 
 struct PlainSubscription {
     DWORD dwFlag;
@@ -127,7 +119,6 @@ CSessionImpl::CSessionImpl(CSupervisor &supervisor, SessionOptions options,
                            std::shared_ptr<CEventQueue> pEvents, DWORD dwId)
     : m_supervisor(supervisor), m_options(std::move(options)), m_pEvents(std::move(pEvents)),
       m_dwId(dwId), m_strProbe(ProbeText()), m_strAddress(AddressText(m_options)),
-      m_connectPause(kFirstPause), m_subscribePause(kFirstPause), m_restartPause(kFirstPause),
       m_agent(&CSessionImpl::OnNotification, dwId)
 {
     for (std::string const &strOption : m_options.rgstrOption) {
@@ -193,7 +184,7 @@ void CSessionImpl::Hear(CallbackType eType, CallbackDataType const &data)
     if (eType == eCT_SELECT_NOTIFY && !m_options.bLocal) {
         JudgeSequence(notification);
     } else if (eType == eCT_LINK_RECOVERED) {
-        ForgetSequences();
+        m_silencing.Forget();
         Tell(eSL_LOST, eDR_LINK_LOST); // unless that was noticed before
         m_bReconnected = true;
         m_supervisor.Wake(this);
@@ -202,21 +193,14 @@ void CSessionImpl::Hear(CallbackType eType, CallbackDataType const &data)
         {m_options.strDevice, std::chrono::system_clock::now(), std::move(notification)});
 }
 
-// What reaches us has passed the agent's filter, which from now on holds back everything that has no
-// higher number.
 void CSessionImpl::JudgeSequence(Notification const &notification)
 {
     DWORD const dwSequence = notification.sequence.value_or(0);
     if (dwSequence == 0) {
         return;
     }
-    {
-        CPlatGuard const lock(m_mx);
-        bool const bStep = m_dwLastSequence == 0 || dwSequence - m_dwLastSequence <= kLargestStep;
-        if (bStep && dwSequence < INT_MAX && IsOurs(notification)) {
-            m_dwLastSequence = dwSequence;
-            return;
-        }
+    if (!m_silencing.Hides(dwSequence, IsOurs(notification))) {
+        return;
     }
     Silence("a datagram of " + notification.strSenderAddress +
             " with KICKSEQ=" + ClauseOf(notification.strOption, "KICKSEQ=").value_or("") +
@@ -234,39 +218,23 @@ bool CSessionImpl::IsOurs(Notification const &notification) const
 
 void CSessionImpl::Silence(std::string strHow)
 {
-    {
-        CPlatGuard const lock(m_mx);
-        if (m_silencing) {
-            return;
-        }
-        SessionTime const now = SessionClock::now();
-        bool const bCalm =
-            m_tpLastRestart == SessionTime{} || now - m_tpLastRestart > kCalmAfterRestart;
-        if (bCalm) {
-            m_restartPause.Reset();
-        }
-        m_silencing = {std::move(strHow), bCalm ? now + kRestartDelay : m_restartPause.Next()};
+    if (m_silencing.Note(std::move(strHow))) {
+        m_supervisor.Wake(this);
     }
-    m_supervisor.Wake(this);
 }
 
 // ---- The steps
 
 std::optional<SessionTime> CSessionImpl::Step()
 {
-    bool bEnd = false;
-    {
-        CPlatGuard const lock(m_mx);
-        bEnd = m_bEndAsked;
-    }
-    if (bEnd) {
+    if (IsEnding()) {
         Finish();
         return std::nullopt;
     }
     try {
         return DoWhatIsDue();
     } catch (std::bad_alloc const &) {
-        return SessionClock::now() + kFirstPause; // perhaps there is memory then
+        return SessionClock::now() + CGrowingPause::kFirst; // perhaps there is memory then
     }
 }
 
@@ -279,13 +247,7 @@ SessionTime CSessionImpl::DoWhatIsDue()
     if (m_bReconnected.exchange(false)) {
         Reconnected();
     }
-    std::optional<SessionTime> tpRestart;
-    {
-        CPlatGuard const lock(m_mx);
-        if (m_silencing) {
-            tpRestart = m_silencing->tpRestart;
-        }
-    }
+    std::optional<SessionTime> const tpRestart = m_silencing.RestartAt();
     bool const bAsks = m_bConnected && m_bAsks;
     bool const bWatches = m_bReachable && !m_options.bLocal;
     if (m_bConnected && tpRestart && *tpRestart <= now) {
@@ -312,7 +274,7 @@ void CSessionImpl::Connect()
 {
     PLAT_CHECK(!m_bReachable);
     m_bReconnected = false;
-    ForgetSequences();
+    m_silencing.Forget();
     char const *const pszAddress =
         m_options.strAddress.empty() ? nullptr : m_options.strAddress.c_str();
     DWORD const dwResult = m_agent.Init(pszAddress, m_options.dwPort, m_options.bLocal ? 0 : 1);
@@ -358,27 +320,14 @@ void CSessionImpl::BeginLink()
     m_tpListener = now;
 }
 
-// The agent's filter has begun anew.
-void CSessionImpl::ForgetSequences()
-{
-    CPlatGuard const lock(m_mx);
-    m_silencing.reset();
-    m_dwLastSequence = 0;
-}
-
 void CSessionImpl::RestartIfSilenced()
 {
-    std::string strHow;
-    {
-        CPlatGuard const lock(m_mx);
-        if (!m_silencing) {
-            return;
-        }
-        strHow = std::move(m_silencing->strHow);
-        m_tpLastRestart = SessionClock::now();
+    std::optional<std::string> const strHow = m_silencing.BeginRestart();
+    if (!strHow) {
+        return;
     }
     ++m_cSilenced;
-    Tell(eSL_RESTARTING, 0, strHow);
+    Tell(eSL_RESTARTING, 0, *strHow);
     Unsubscribe(SessionClock::now() + kTakeBackLimit);
     m_agent.Shutdown();
     m_bReachable = false;

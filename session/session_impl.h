@@ -5,34 +5,15 @@
 // Everything that can wait for the device happens in a step. The callback only looks, queues and wakes: one
 // that entered a locked operation of the agent while Shutdown waits for its thread would get nothing done.
 
+#include "session/growing_pause.h"
 #include "session/session.h"
+#include "session/silencing.h"
 #include "session/supervisor.h"
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <memory>
-
-/// Pauses between tries: each is twice as long as the one before it, up to a limit.
-class CGrowingPause {
-public:
-    explicit CGrowingPause(std::chrono::milliseconds first) : m_first(first), m_next(first) {}
-
-    /// When the next try is due.
-    SessionTime Next()
-    {
-        auto const pause = m_next;
-        m_next = std::min(m_next * 2, kLongest);
-        return SessionClock::now() + pause;
-    }
-    void Reset() { m_next = m_first; }
-
-private:
-    static constexpr std::chrono::milliseconds kLongest{30000};
-    std::chrono::milliseconds const m_first;
-    std::chrono::milliseconds m_next;
-};
 
 class CSessionImpl : public CSupervised {
 public:
@@ -56,11 +37,6 @@ private:
         bool bPlaced = false;
         bool bMayBeThere = false; // placed, or the answer to that did not come
     };
-    struct Silencing { // of the listener
-        std::string strHow;
-        SessionTime tpRestart; // when the link is to be started anew
-    };
-
     static DWORD OnNotification(CallbackType eType, CallbackDataType *pData);
     void Hear(CallbackType eType, CallbackDataType const &data);
     void JudgeSequence(Notification const &notification);
@@ -71,7 +47,6 @@ private:
     void Connect();
     void Reconnected();
     void BeginLink();
-    void ForgetSequences();
     void RestartIfSilenced();
     void Subscribe();
     DWORD Place(PanelEntry &entry);
@@ -100,6 +75,7 @@ private:
     std::atomic<std::uint64_t> m_cHeard{0};
     std::atomic<std::uint64_t> m_cSilenced{0};
 
+    CSilencing m_silencing;
     std::atomic<bool> m_bReconnected{false}; // the agent has restarted the link by itself
 
     // The step's own.
@@ -125,10 +101,6 @@ private:
     bool m_bEndAsked PLAT_GUARDED_BY(m_mx) = false;
     bool m_bEnded PLAT_GUARDED_BY(m_mx) = false;
     SessionTime m_tpTakeBack PLAT_GUARDED_BY(m_mx);
-    std::optional<Silencing> m_silencing PLAT_GUARDED_BY(m_mx);
-    CGrowingPause m_restartPause PLAT_GUARDED_BY(m_mx);
-    SessionTime m_tpLastRestart PLAT_GUARDED_BY(m_mx);
-    DWORD m_dwLastSequence PLAT_GUARDED_BY(m_mx) = 0; // of a pick of ours, since the last connect
     bool m_bEverUp PLAT_GUARDED_BY(m_mx) = false;
     std::optional<LinkStateType> m_told PLAT_GUARDED_BY(m_mx); // the state told last
     DWORD m_dwTold PLAT_GUARDED_BY(m_mx) = 0;                  // and why
