@@ -86,7 +86,8 @@ class EndTest(MonitorTest):
                     time.sleep(2)
                 self.assertEqual(0, self.assert_ends(client, end))
                 self.assertEqual(1, len(client.all()), "nothing is handed out any more")
-                self.assertIn("7 notifications that waited are dropped", client.lines["err"][-1])
+                # An echo says that the agent has it; the last ones may still be on their way to the queue.
+                self.assertRegex(client.lines["err"][-1], "[1-7] notifications that waited are dropped")
 
     @unittest.skipIf("TSAN_OPTIONS" in os.environ, "ThreadSanitizer's own end waits for the thread that is inside a write")
     def test_a_mute_device_and_a_reader_that_reads_nothing_hold_up_nothing(self):
