@@ -120,20 +120,6 @@ TEST_F(CTraceTest, LinesInTheFile)
     EXPECT_TRUE(str.ends_with("}[M1] E: \"" + std::string(g_szTdExeName) + "\" 42\r\n")) << str;
 }
 
-TEST_F(CTraceTest, LineToTheDebugger)
-{
-    if (!kIsPosix) {
-        GTEST_SKIP() << "what a debugger takes is not seen from here";
-    }
-    Reg(m_strOn);
-    TdLoadSettings(eTM_DEBUGGER);
-    PlatSetDebugOutput(true);
-    testing::internal::CaptureStderr();
-    TdLog("text");
-    PlatSetDebugOutput(false);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "[M1] E: text\r\n");
-}
-
 TEST_F(CTraceTest, FileThatIsAPipeThatNobodyReads)
 {
     if (!kIsPosix) {
