@@ -285,6 +285,33 @@ std::string CSoftDevice::Finish(DWORD dwMilliseconds)
     return fReceived ? "" : "a client has not received all";
 }
 
+// ---- For who answers in its place
+
+void CSoftDevice::SendFrame(DWORD dwLink, LinkFrame const &frame)
+{
+    CPlatGuard const lock(m_pImpl->m_mx);
+    if (CDeviceLink *const pLink = m_pImpl->FindLink(dwLink); pLink && IsUp(*pLink)) {
+        m_pImpl->ReportFrame(*pLink, frame, /*fFromClient=*/false);
+        pLink->Post(EncodeLinkFrame(frame), LinkTime::min());
+        m_pImpl->Wake();
+    }
+}
+
+void CSoftDevice::SendDatagram(LinkAddress const &to, std::string const &strBytes)
+{
+    CPlatGuard const lock(m_pImpl->m_mx);
+    m_pImpl->SendDatagram(to, strBytes);
+}
+
+void CSoftDevice::DropLink(DWORD dwLink)
+{
+    CPlatGuard const lock(m_pImpl->m_mx);
+    if (CDeviceLink *const pLink = m_pImpl->FindLink(dwLink)) {
+        m_pImpl->DropLink(*pLink, "dropped");
+        m_pImpl->Wake();
+    }
+}
+
 // ---- Misbehaviour
 
 void CSoftDevice::CutLinks(DWORD dwMilliseconds)

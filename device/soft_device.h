@@ -19,8 +19,15 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
+
+/// An answer, and how long after its request it goes.
+struct DeviceReply {
+    LinkFrame frame;                    ///< as it goes
+    std::chrono::milliseconds delay{0}; ///< from now
+};
 
 /// What the device is to be.
 struct SoftDeviceConfig {
@@ -40,6 +47,9 @@ struct SoftDeviceConfig {
     std::function<void(DeviceFrame const &)> onFrame;
     std::function<void(DeviceDatagram const &)> onDatagram;
     /// @}
+    /// Answers all requests of the link of that number in the device's place, if it is set; nothing is no
+    /// answer. Under the device's lock, too.
+    std::function<std::optional<DeviceReply>(DWORD dwLink, LinkFrame const &request)> onRequest;
 };
 
 /// A link that stands.
@@ -123,6 +133,15 @@ public:
     /// served any more from here on. Empty, or what has not arrived within dwMilliseconds, in one line.
     /// Stop is the only call that makes sense after it.
     std::string Finish(DWORD dwMilliseconds);
+
+    // ---- For who answers in its place
+
+    /// @{
+    /// Sends so, once. A link of that number that stands no more is passed over.
+    void SendFrame(DWORD dwLink, LinkFrame const &frame);
+    void SendDatagram(LinkAddress const &to, std::string const &strBytes);
+    void DropLink(DWORD dwLink); ///< ends it
+    /// @}
 
     // ---- Misbehaviour
 

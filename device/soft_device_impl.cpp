@@ -236,8 +236,8 @@ LinkTime CSoftDeviceImpl::OnTime(LinkTime now)
         m_acceptAgain = LinkTime::max();
         m_pLoop->Change(m_place, m_listener.Get(), kListener, /*fRead=*/true, /*fWrite=*/false);
     }
+    LinkTime const links = ServeLinks(now); // their frames have been told of before
     LinkTime const kicks = m_kicks.Run(now);
-    LinkTime const links = ServeLinks(now);
     m_cvPanel.notify_all(); // some datagrams may have been given up, some links have ended
     return std::min({kicks, links, m_acceptAgain});
 }

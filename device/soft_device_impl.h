@@ -38,6 +38,9 @@ public:
     std::size_t Publish(ObjectChange const &change, Fields const &fields = {}) PLAT_REQUIRES(m_mx);
     void Kick(LinkAddress const &to, std::string const &strText, DWORD dwPick = 0)
         PLAT_REQUIRES(m_mx);
+    void SendDatagram(LinkAddress const &to, std::string const &strDatagram) PLAT_REQUIRES(m_mx);
+    void ReportFrame(CDeviceLink const &link, LinkFrame const &frame, bool fFromClient,
+                     DeviceFrameFate eFate = eFF_SENT) PLAT_REQUIRES(m_mx);
 
     SoftDeviceConfig const m_config;
     CPlatMutex
@@ -68,8 +71,6 @@ private:
     LinkTime ServeLinks(LinkTime now) PLAT_REQUIRES(m_mx);
     void ReadLink(CDeviceLink &link) PLAT_REQUIRES(m_mx);
     void OnFrame(CDeviceLink &link, LinkFrame const &frame) PLAT_REQUIRES(m_mx);
-    void ReportFrame(CDeviceLink const &link, LinkFrame const &frame, bool fFromClient,
-                     DeviceFrameFate eFate = eFF_SENT) PLAT_REQUIRES(m_mx);
     void ReportDatagram(LinkAddress const &peer, std::string const &strBytes, bool fFromClient)
         PLAT_REQUIRES(m_mx);
 
@@ -90,7 +91,6 @@ private:
 
     bool SendTrap(CDeviceLink &link, int nRow, LinkBytes const &value, Fields const &fields = {})
         PLAT_REQUIRES(m_mx);
-    void SendDatagram(LinkAddress const &to, std::string const &strDatagram) PLAT_REQUIRES(m_mx);
     void ReceiveEcho() PLAT_REQUIRES(m_mx);
     void OnFind(DiscoveryFind const &find);
     void AnswerJob(DiscoveryJob const &job) PLAT_REQUIRES(m_mx);

@@ -136,6 +136,14 @@ void CSoftDeviceImpl::Answer(CDeviceLink &link, LinkFrame const &request, DWORD 
 
 void CSoftDeviceImpl::Request(CDeviceLink &link, LinkFrame const &frame)
 {
+    if (m_config.onRequest) {
+        link.lastRequest = LinkClock::now();
+        if (auto const reply = m_config.onRequest(link.Id(), frame)) {
+            ReportFrame(link, reply->frame, /*fFromClient=*/false);
+            link.Post(EncodeLinkFrame(reply->frame), LinkClock::now() + reply->delay);
+        }
+        return;
+    }
     CLinkReader reader(frame.payload);
     if (frame.kind == eLK_PING) {
         return Answer(link, frame, eLR_OK);

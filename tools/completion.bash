@@ -7,7 +7,7 @@ _qoma()
     [[ ${COMP_WORDS[1]} == doctor ]] && under=doctor
     COMPREPLY=()
     case $before in
-    --registry | --discover | --script | --print-path | --out | --junit | --control | --record)
+    --registry | --discover | --script | --print-path | --out | --junit | --control | --record | --replay)
         mapfile -t COMPREPLY < <(compgen -f -- "$word")
         return
         ;;

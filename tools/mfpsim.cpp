@@ -1,13 +1,14 @@
 // mfpsim: the software device as a process. Its panel is at the terminal, in a script and at a socket.
 //
-// Exit codes: 0 done, 1 the device could not start, a line of the script failed or a command that was told
-// was refused, 2 bad usage.
+// Exit codes: 0 done, 1 the device could not start, a line of the script failed, a client departed from the tape or
+// a command that was told was refused, 2 bad usage.
 #include "device/soft_device.h"
 #include "platform/console.h"
 #include "tools/mfpsim_control.h"
 #include "tools/mfpsim_fleet.h"
 #include "tools/mfpsim_output.h"
 #include "tools/mfpsim_record.h"
+#include "tools/mfpsim_replay.h"
 #include "tools/mfpsim_scenario.h"
 #include "tools/mfpsim_terminal.h"
 #include "tools/mfpsim_web.h"
@@ -22,6 +23,8 @@
 
 namespace {
 
+constexpr char kFleetFirst[] = "127.0.1.1";
+
 struct Options {
     SoftDeviceConfig config;
     std::string strScript;
@@ -30,9 +33,12 @@ struct Options {
     std::string strWeb;
     std::string strRecord;
     std::string strMask = kMaskAll;
+    std::string strReplay;
+    double dSpeed = 1;
     bool fJson = false;
     unsigned nPort = kLinkDefaultPort;
     unsigned cFleet = 1;
+    bool fListenGiven = false;
     unsigned cDrop = 0;
     unsigned cRepeat = 0;
     unsigned cReorder = 0;
@@ -89,6 +95,17 @@ void AddOptions(CLI::App &app, Options &options)
         ->check(TapeMaskProblem)
         ->option_text("PARTS")
         ->capture_default_str();
+    auto *const pReplay =
+        app.add_option("--replay", options.strReplay,
+                       "be the device of this tape again, for clients that do what those on it "
+                       "did, and end with it")
+            ->check(CLI::ExistingFile);
+    for (char const *pszOther : {"--fleet", "--model", "--print-path", "--script"}) {
+        pReplay->excludes(app.get_option(pszOther));
+    }
+    app.add_option("--speed", options.dSpeed, "so many times as fast as it was")
+        ->check(CLI::Range(0.01, 1000.0))
+        ->needs(pReplay);
     app.add_flag("--json", options.fJson, "print everything as JSON, one object a line");
     app.add_option("--drop", options.cDrop, "do not send the first N datagrams");
     app.add_option("--repeat", options.cRepeat, "send the first N datagrams twice");
@@ -212,8 +229,32 @@ void TellPlaces(CSimOutput &output, CSimFleet const &fleet)
     }
 }
 
+// All has been played: clients still hear it to the end.
+void EndReplay(CSimulation &simulation, CSimOutput &output, CReplay &replay)
+{
+    output.Answer(CCommandSession(simulation).Execute("quit"));
+    for (std::string const &strLine : replay.Remarks()) {
+        output.Tell(strLine);
+    }
+    output.Tell("the tape has been played");
+    simulation.Quit();
+}
+
 int Run(Options options)
 {
+    CReplay replay;
+    bool const fReplay = !options.strReplay.empty();
+    if (fReplay) {
+        std::string strProblem;
+        if (!replay.Load(options.strReplay, options.dSpeed, &strProblem)) {
+            std::cerr << "mfpsim: " << Showable(strProblem) << std::endl;
+            return eXC_FAILED;
+        }
+        options.cFleet = replay.DeviceCount();
+        if (options.cFleet > 1 && !options.fListenGiven) {
+            options.config.strListen = kFleetFirst;
+        }
+    }
     CScenario scenario;
     std::string strError;
     if (!options.strScript.empty() && !scenario.Load(options.strScript, &strError)) {
@@ -237,6 +278,9 @@ int Run(Options options)
         if (fRecord) {
             recorder.Event(n, event);
         }
+        if (fReplay) {
+            replay.Event(n, event);
+        }
     };
     if (fWeb || fRecord) {
         ears.onFrame = [&](std::size_t n, DeviceFrame const &frame) {
@@ -248,9 +292,19 @@ int Run(Options options)
             }
         };
     }
-    if (fRecord) {
+    if (fRecord || fReplay) {
         ears.onDatagram = [&](std::size_t n, DeviceDatagram const &datagram) {
-            recorder.Datagram(n, datagram);
+            if (fRecord) {
+                recorder.Datagram(n, datagram);
+            }
+            if (fReplay) {
+                replay.Datagram(n, datagram);
+            }
+        };
+    }
+    if (fReplay) {
+        ears.onRequest = [&](std::size_t n, DWORD dwLink, LinkFrame const &request) {
+            return replay.Request(n, dwLink, request);
         };
     }
     CSimFleet fleet(options.config, options.cFleet, ears);
@@ -280,11 +334,18 @@ int Run(Options options)
 
     CSimTerminal terminal(simulation, editor, fEdit, output);
     int nExit = 0;
+    if (fReplay) {
+        replay.Start(fleet.Devices(), [&] { EndReplay(simulation, output, replay); });
+    }
     if (!options.strScript.empty() && !RunScript(simulation, output, scenario, options)) {
         nExit = eXC_FAILED;
         simulation.Quit();
     }
     simulation.WaitForQuit();
+    replay.Stop();
+    if (replay.HasDeparted()) {
+        nExit = eXC_FAILED;
+    }
     web.Stop();
     fleet.Stop();
     terminal.End(nExit);
@@ -304,8 +365,9 @@ int main(int argc, char **argv)
         return *nExitCode;
     }
     options.config.wPort = static_cast<WORD>(options.nPort);
-    if (options.cFleet > 1 && app.count("--listen") == 0) {
-        options.config.strListen = "127.0.1.1";
+    options.fListenGiven = app.count("--listen") > 0;
+    if (options.cFleet > 1 && !options.fListenGiven) {
+        options.config.strListen = kFleetFirst;
     }
     if (options.cFleet > 1 && !options.config.strPrintPath.empty()) {
         std::cerr << "mfpsim: a fleet has no print path" << std::endl;

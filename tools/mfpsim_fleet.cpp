@@ -44,6 +44,11 @@ void CSimFleet::Make(SoftDeviceConfig config, std::size_t nDevice)
             m_ears.onDatagram(nDevice, datagram);
         };
     }
+    if (m_ears.onRequest) {
+        config.onRequest = [this, nDevice](DWORD dwLink, LinkFrame const &request) {
+            return m_ears.onRequest(nDevice, dwLink, request);
+        };
+    }
     if (m_cDevices > 1) {
         config.strListen = Address(config.strListen, nDevice);
         config.strModel += Numbered(" No. %u", nDevice);

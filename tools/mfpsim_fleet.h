@@ -19,6 +19,8 @@ public:
         std::function<void(std::size_t, DeviceEvent const &)> onEvent;
         std::function<void(std::size_t, DeviceFrame const &)> onFrame;
         std::function<void(std::size_t, DeviceDatagram const &)> onDatagram;
+        /// Answers in its place, see SoftDeviceConfig.
+        std::function<std::optional<DeviceReply>(std::size_t, DWORD, LinkFrame const &)> onRequest;
     };
 
     /// One device as config says, or cDevices at its address and those behind it, with numbers behind its name

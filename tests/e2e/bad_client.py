@@ -1,6 +1,6 @@
 """A client of a device that does one thing wrong, for the scenarios that must notice.
 
-usage: bad_client.py PORT good|mute|forgetful|slow
+usage: bad_client.py PORT good|mute|forgetful|slow [ENTRY]
 """
 import select
 import socket
@@ -44,10 +44,10 @@ def connect(port, subscribe, text):
     return link
 
 
-def main(port, manner):
+def main(port, manner, entry="Paper Archive"):
     listener = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
     listener.bind(("127.0.0.1", 0))
-    text = f"Paper Archive;NETADDR=127.0.0.1:{listener.getsockname()[1]};SWINST=1;".encode()
+    text = f"{entry};NETADDR=127.0.0.1:{listener.getsockname()[1]};SWINST=1;".encode()
     link = connect(port, True, text)
     while True:
         ready, _, _ = select.select([listener, link.socket], [], [], 4)
@@ -66,6 +66,6 @@ def main(port, manner):
 
 if __name__ == "__main__":
     try:
-        main(int(sys.argv[1]), sys.argv[2])
+        main(int(sys.argv[1]), *sys.argv[2:])
     except OSError:
         pass  # the device has gone, and so do we

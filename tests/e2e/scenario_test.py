@@ -12,6 +12,12 @@ from programs import Device, RoadTest
 HERE = pathlib.Path(__file__).parent
 
 
+def bad_client(test, device, *arguments):
+    """Starts a client that is bad in that manner, or good."""
+    client = subprocess.Popen([sys.executable, HERE / "bad_client.py", str(device.port), *arguments])
+    test.addCleanup(client.wait, 30)
+
+
 class ScenarioTest(RoadTest):
     def run_script(self, text, *arguments):
         """The exit code of a script, and what it said on the standard error."""
@@ -33,10 +39,7 @@ class ScenarioTest(RoadTest):
 
     def test_our_client_passes_and_three_bad_ones_fail_where_they_are_bad(self):
         def bad(manner):
-            def start(device):
-                client = subprocess.Popen([sys.executable, HERE / "bad_client.py", str(device.port), manner])
-                self.addCleanup(client.wait, 30)
-            return start
+            return lambda device: bad_client(self, device, manner)
 
         for name, start, failure, case in (
                 ("ours", lambda device: self.client(device, "--option", "Paper Archive", ready=False), None, None),
