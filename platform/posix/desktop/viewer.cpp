@@ -38,9 +38,9 @@ bool IsOwnUser(int fdSocket)
 }
 
 // One process that sends to our window: the message of it that is under way.
-class CPeer {
+class CViewerPeer {
 public:
-    explicit CPeer(CDescriptor fd) : m_fd(std::move(fd)) {}
+    explicit CViewerPeer(CDescriptor fd) : m_fd(std::move(fd)) {}
     int Get() const { return m_fd.Get(); }
 
     // Takes what has come, and hands on at most one message. False if the peer is to be dropped.
@@ -110,17 +110,17 @@ private:
     std::vector<char> m_ab;
 };
 
-CViewer::CViewer(PlatCopyDataFn pfnCopyData, void *pContext)
+CViewerWindow::CViewerWindow(PlatCopyDataFn pfnCopyData, void *pContext)
     : m_pfnCopyData(pfnCopyData), m_pContext(pContext)
 {
 }
 
-CViewer::~CViewer()
+CViewerWindow::~CViewerWindow()
 {
     Shutdown();
 }
 
-void CViewer::Shutdown()
+void CViewerWindow::Shutdown()
 {
     m_apPeers.clear();
     if (!m_fdListen.IsOpen()) {
@@ -133,7 +133,7 @@ void CViewer::Shutdown()
     ::flock(m_fdOwner.Get(), LOCK_UN);
 }
 
-DWORD CViewer::Open(std::string const &strPath)
+DWORD CViewerWindow::Open(std::string const &strPath)
 {
     m_strPath = strPath;
     DWORD const dwError = OwnTitle();
@@ -155,7 +155,7 @@ DWORD CViewer::Open(std::string const &strPath)
     return NO_ERROR;
 }
 
-DWORD CViewer::Run()
+DWORD CViewerWindow::Run()
 {
     for (;;) {
         std::vector<pollfd> aPoll = PollRecords();
@@ -174,12 +174,12 @@ DWORD CViewer::Run()
     }
 }
 
-void CViewer::Close()
+void CViewerWindow::Close()
 {
     (void)::eventfd_write(m_fdWake.Get(), 1);
 }
 
-std::vector<pollfd> CViewer::PollRecords() const
+std::vector<pollfd> CViewerWindow::PollRecords() const
 {
     std::vector<pollfd> aPoll = {{m_fdWake.Get(), POLLIN, 0},
                                  {m_fPaused ? -1 : m_fdListen.Get(), POLLIN, 0}};
@@ -189,7 +189,7 @@ std::vector<pollfd> CViewer::PollRecords() const
     return aPoll;
 }
 
-void CViewer::ServePeers(std::vector<pollfd> const &aPoll)
+void CViewerWindow::ServePeers(std::vector<pollfd> const &aPoll)
 {
     for (std::size_t i = 0; i < m_apPeers.size(); ++i) {
         if (aPoll[i + 2].revents != 0 && !m_apPeers[i]->OnReadable(m_pfnCopyData, m_pContext)) {
@@ -199,7 +199,7 @@ void CViewer::ServePeers(std::vector<pollfd> const &aPoll)
     std::erase(m_apPeers, nullptr);
 }
 
-void CViewer::AcceptPeer()
+void CViewerWindow::AcceptPeer()
 {
     CDescriptor fd(::accept4(m_fdListen.Get(), nullptr, nullptr, SOCK_CLOEXEC));
     if (!fd.IsOpen()) {
@@ -208,13 +208,13 @@ void CViewer::AcceptPeer()
     }
     // One too many is sent away, not left at the door, where it would wait for its answer.
     if (IsOwnUser(fd.Get()) && m_apPeers.size() < kcMaxPeers) {
-        m_apPeers.push_back(std::make_unique<CPeer>(std::move(fd)));
+        m_apPeers.push_back(std::make_unique<CViewerPeer>(std::move(fd)));
     }
 }
 
 // Who holds this lock owns the title; it goes with its process, however that ends, and what lies at
 // the socket's path is then a leftover.
-DWORD CViewer::OwnTitle()
+DWORD CViewerWindow::OwnTitle()
 {
     for (;;) {
         m_fdOwner.Reset(::open(LockPath().c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));

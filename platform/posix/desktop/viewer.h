@@ -60,15 +60,15 @@ private:
 sockaddr_un WindowSocket(std::string const &strPath);
 bool IsOwnUser(int fdSocket);
 
-class CPeer; // one process that sends to our window
+class CViewerPeer; // one process that sends to our window
 
 // The receiving side. All but Close belongs to the thread that made it.
-class CViewer {
+class CViewerWindow {
 public:
-    CViewer(PlatCopyDataFn pfnCopyData, void *pContext);
-    ~CViewer();
-    CViewer(CViewer const &) = delete;
-    CViewer &operator=(CViewer const &) = delete;
+    CViewerWindow(PlatCopyDataFn pfnCopyData, void *pContext);
+    ~CViewerWindow();
+    CViewerWindow(CViewerWindow const &) = delete;
+    CViewerWindow &operator=(CViewerWindow const &) = delete;
 
     DWORD Open(std::string const &strPath);
     // Until Close. 0 or a Win32 error.
@@ -95,6 +95,6 @@ private:
     CDescriptor m_fdOwner;
     CDescriptor m_fdWake;
     CDescriptor m_fdListen;
-    std::vector<std::unique_ptr<CPeer>> m_apPeers;
+    std::vector<std::unique_ptr<CViewerPeer>> m_apPeers;
     bool m_fPaused = false;
 };

@@ -101,13 +101,13 @@ public:
         : m_strPath(std::move(strPath)), m_fd(std::move(fd))
     {
     }
-    CWindow(std::string strPath, std::shared_ptr<CViewer> pViewer)
+    CWindow(std::string strPath, std::shared_ptr<CViewerWindow> pViewer)
         : m_strPath(std::move(strPath)), m_pViewer(std::move(pViewer))
     {
     }
 
     std::string const m_strPath;
-    std::shared_ptr<CViewer> const m_pViewer;
+    std::shared_ptr<CViewerWindow> const m_pViewer;
 
     // Whether the window still exists, without a word to it.
     bool IsAlive()
@@ -204,7 +204,7 @@ CWindows &Windows()
     return *s_pWindows;
 }
 
-std::shared_ptr<CViewer> ViewerOf(HWND hWnd)
+std::shared_ptr<CViewerWindow> ViewerOf(HWND hWnd)
 {
     std::shared_ptr<CWindow> const pWindow = Windows().Get(hWnd);
     return pWindow ? pWindow->m_pViewer : nullptr;
@@ -240,7 +240,7 @@ HWND CreateViewer(char const *pszTitle, PlatCopyDataFn pfnCopyData, void *pConte
     if (dwError != NO_ERROR) {
         return FailWindow(dwError);
     }
-    auto pViewer = std::make_shared<CViewer>(pfnCopyData, pContext);
+    auto pViewer = std::make_shared<CViewerWindow>(pfnCopyData, pContext);
     dwError = pViewer->Open(strPath);
     if (dwError != NO_ERROR) {
         return FailWindow(dwError);
@@ -322,7 +322,7 @@ HWND PlatCreateViewerWindow(char const *pszTitle, PlatCopyDataFn pfnCopyData, vo
 
 BOOL PlatRunViewerWindow(HWND hWnd)
 {
-    std::shared_ptr<CViewer> const pViewer = ViewerOf(hWnd);
+    std::shared_ptr<CViewerWindow> const pViewer = ViewerOf(hWnd);
     if (pViewer == nullptr) {
         return SetLastError(ERROR_INVALID_WINDOW_HANDLE), FALSE;
     }
@@ -340,14 +340,14 @@ BOOL PlatRunViewerWindow(HWND hWnd)
 
 void PlatCloseViewerWindow(HWND hWnd)
 {
-    if (std::shared_ptr<CViewer> const pViewer = ViewerOf(hWnd)) {
+    if (std::shared_ptr<CViewerWindow> const pViewer = ViewerOf(hWnd)) {
         pViewer->Close();
     }
 }
 
 void PlatDestroyViewerWindow(HWND hWnd)
 {
-    if (std::shared_ptr<CViewer> const pViewer = ViewerOf(hWnd)) {
+    if (std::shared_ptr<CViewerWindow> const pViewer = ViewerOf(hWnd)) {
         pViewer->Shutdown();
         Windows().Remove(hWnd);
     }
