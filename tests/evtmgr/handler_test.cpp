@@ -100,7 +100,7 @@ TEST_F(CEvtMgrTest, HandlerThatNoReloadHasSeen)
 TEST_F(CEvtMgrTest, ViewerHearsWhileItsHandlerIsOn)
 {
     std::string const strTitle = "events " + std::to_string(GetCurrentProcessId());
-    CViewer viewer(strTitle);
+    CTestViewer viewer(strTitle);
     std::string const strViewer =
         "\n[SOFTWARE\\Norvale\\TraceDeck]\n\"Title\"=\"" + strTitle + "\"\n";
     Install(ReplaceAll(ReplaceAll(m_strOn, "\\File]", "\\TD]"), "\"File Name\"=\"$LOG\"\n", "") +

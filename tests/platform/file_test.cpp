@@ -4,6 +4,8 @@
 
 #include "tests/platform/role.h"
 
+#include <csignal>
+
 namespace {
 
 constexpr DWORD kadwAccess[] = {GENERIC_READ, GENERIC_WRITE, GENERIC_READ | GENERIC_WRITE};
@@ -130,6 +132,7 @@ TEST(FileTest, AppendsBehindAnyPlace)
     LONG nHigh = 1;
     DWORD cb = 0;
     char sz[3] = "";
+    SetLastError(0xDEADBEEF);
     EXPECT_EQ(SetFilePointer(file, -1, &nHigh, FILE_BEGIN), INVALID_SET_FILE_POINTER);
     EXPECT_EQ(GetLastError(), DWORD{NO_ERROR}) << "a position that looks like a failure";
     EXPECT_TRUE(WriteFile(file, "a", 1, &cb, nullptr));
@@ -137,6 +140,7 @@ TEST(FileTest, AppendsBehindAnyPlace)
     EXPECT_TRUE(PlatAppendFile(file, "b", 1, &cb)); // behind 8 GiB, most of them a hole
     nHigh = -1;
     EXPECT_EQ(SetFilePointer(file, -2, &nHigh, FILE_CURRENT), 0xFFFFFFFFu);
+    EXPECT_EQ(nHigh, 1);
     EXPECT_TRUE(ReadFile(file, sz, sizeof sz, &cb, nullptr));
     EXPECT_STREQ(sz, "ab");
 }
@@ -179,5 +183,89 @@ TEST(FileTest, AFifoThatNobodyReadsHoldsUpNobodyForLong)
     EXPECT_TRUE(WriteFile(writer, strMore.data(), 65536, &cb, nullptr));
     slow.join();
     reader.Close();
+    std::signal(/*SIGPIPE=*/13, SIG_DFL); // whoever ran before may have it ignored
     EXPECT_FAILS(WriteFile(writer, "d", 1, &cb, nullptr), ERROR_NO_DATA); // and no signal
+}
+
+TEST(FileTest, ManyMayOpenItAtOnce)
+{
+    CTempDir const dir;
+    std::string const strName = dir.File("file");
+    std::atomic<int> cRefused{0};
+    std::vector<std::thread> threads;
+    for (int nThread = 0; nThread < 6; ++nThread) {
+        threads.emplace_back([&] {
+            for (int n = 0; n < 300; ++n) {
+                HANDLE const hFile = Open(strName, GENERIC_WRITE, 3, OPEN_ALWAYS);
+                cRefused += hFile == INVALID_HANDLE_VALUE || !CloseHandle(hFile) ? 1 : 0;
+            }
+        });
+    }
+    for (std::thread &thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(cRefused, 0);
+}
+
+TEST(FileTest, WhatIsNotSupportedIsRefused)
+{
+    if (!kIsPosix) {
+        GTEST_SKIP() << "there it is";
+    }
+    CTempDir const dir;
+    std::string const strName = dir.File("file");
+    struct {
+        DWORD dwAccess, dwShare, dwDisposition, dwFlags;
+    } const aOpens[] = {{0, 3, OPEN_ALWAYS, 0},
+                        {GENERIC_READ | 1, 3, OPEN_ALWAYS, 0},
+                        {GENERIC_READ, 8, OPEN_ALWAYS, 0},
+                        {GENERIC_READ, 3, 0, 0},
+                        {GENERIC_READ, 3, TRUNCATE_EXISTING + 1, 0},
+                        {GENERIC_READ, 3, TRUNCATE_EXISTING, 0},
+                        {GENERIC_READ, 3, OPEN_ALWAYS, 0x40000000}};
+    for (auto const &c : aOpens) {
+        SetLastError(0xDEADBEEF);
+        EXPECT_EQ(CreateFileA(strName.c_str(), c.dwAccess, c.dwShare, nullptr, c.dwDisposition,
+                              c.dwFlags, nullptr),
+                  INVALID_HANDLE_VALUE)
+            << &c - aOpens;
+        EXPECT_EQ(GetLastError(), DWORD{ERROR_INVALID_PARAMETER}) << &c - aOpens;
+    }
+    EXPECT_FALSE(std::filesystem::exists(strName));
+    COpened const writer(strName, GENERIC_WRITE, CREATE_NEW);
+    COpened const reader(strName, GENERIC_READ, OPEN_EXISTING);
+    char ch = 'x';
+    auto *const pOverlapped = reinterpret_cast<OVERLAPPED *>(&ch);
+    DWORD cb = 99;
+    EXPECT_FAILS(ReadFile(writer, &ch, 1, &cb, nullptr), ERROR_ACCESS_DENIED);
+    EXPECT_FAILS(WriteFile(reader, &ch, 1, &cb, nullptr), ERROR_ACCESS_DENIED);
+    EXPECT_EQ(cb, 0u);
+    EXPECT_FAILS(ReadFile(reader, &ch, 1, nullptr, nullptr), ERROR_INVALID_PARAMETER);
+    EXPECT_FAILS(ReadFile(reader, &ch, 1, &cb, pOverlapped), ERROR_INVALID_PARAMETER);
+    EXPECT_FAILS(WriteFile(writer, &ch, 1, nullptr, nullptr), ERROR_INVALID_PARAMETER);
+    EXPECT_FAILS(WriteFile(writer, &ch, 1, &cb, pOverlapped), ERROR_INVALID_PARAMETER);
+    for (int const nFlags : {_O_RDWR, _O_BINARY | 3, _O_BINARY | _O_TRUNC, _O_BINARY | 0x10}) {
+        EXPECT_EQ(_open(strName.c_str(), nFlags), -1) << nFlags;
+        EXPECT_EQ(errno, EINVAL) << nFlags;
+    }
+
+    struct {
+        LONG nDistance, nHigh; // 99: a null pointer
+        DWORD dwMethod, dwError;
+    } const aMoves[] = {{0, 99, 3, ERROR_INVALID_PARAMETER},
+                        {-1, 99, FILE_BEGIN, ERROR_NEGATIVE_SEEK},
+                        {-6, 99, FILE_END, ERROR_NEGATIVE_SEEK},
+                        {-6, -1, FILE_CURRENT, ERROR_NEGATIVE_SEEK},
+                        {-1, 0x7FFFFFFF, FILE_CURRENT, ERROR_INVALID_PARAMETER}};
+    EXPECT_TRUE(WriteFile(writer, "abcde", 5, &cb, nullptr));
+    EXPECT_EQ(SetFilePointer(writer, -3, nullptr, FILE_END), 2u);
+    for (auto const &c : aMoves) {
+        LONG nHigh = c.nHigh;
+        SetLastError(0xDEADBEEF);
+        EXPECT_EQ(SetFilePointer(writer, c.nDistance, c.nHigh == 99 ? nullptr : &nHigh, c.dwMethod),
+                  INVALID_SET_FILE_POINTER);
+        EXPECT_EQ(GetLastError(), c.dwError) << &c - aMoves;
+        EXPECT_EQ(SetFilePointer(writer, 0, nullptr, FILE_CURRENT), 2u)
+            << "a failure moves nothing";
+    }
 }

@@ -142,6 +142,18 @@ TEST_P(MutexTest, OutlivesItsHandleForOwnerAndWaiter)
     EXPECT_EQ(ExitCodeOf(hWaiter), kdwAbandoned);
 }
 
+TEST(Mutex, AbandonedWithoutAWaiterItLeavesNothingToThoseMadeLater)
+{
+    CTestHandle hLeft(CreateMutexA(nullptr, FALSE, nullptr));
+    EXPECT_EQ(OnOtherThread([&] { return WaitForSingleObject(hLeft, 0); }), kdwTaken);
+    hLeft.Close();
+    for (int n = 0; n < 5000; ++n) { // one of them in its very place
+        CTestHandle const hNew(CreateMutexA(nullptr, FALSE, nullptr));
+        ASSERT_EQ(WaitForSingleObject(hNew, 0), kdwTaken) << n;
+        ASSERT_TRUE(ReleaseMutex(hNew));
+    }
+}
+
 TEST(Event, StatesAfterEachCall)
 {
     for (int n = 0; n < 8; ++n) {
@@ -270,6 +282,34 @@ TEST(Named, ManyHandlesAreOneObjectThatGoesWithTheLast)
     EXPECT_FAILS(OpenMutexA(MUTEX_ALL_ACCESS, FALSE, strName.c_str()), ERROR_FILE_NOT_FOUND);
 }
 
+TEST(Named, AHandleAllowsWhatItWasOpenedFor)
+{
+    std::string const strName = UniqueName("rights");
+    CTestHandle const hAll(CreateEventA(nullptr, TRUE, TRUE, strName.c_str()));
+    CTestHandle const hMutex(CreateMutexA(nullptr, FALSE, (strName + "m").c_str()));
+    struct {
+        DWORD dwAccess;
+        bool fWait, fSet;
+    } const aCases[] = {{SYNCHRONIZE, true, false},     {EVENT_MODIFY_STATE, false, true},
+                        {GENERIC_EXECUTE, true, false}, {GENERIC_WRITE, false, true},
+                        {GENERIC_ALL, true, true},      {MAXIMUM_ALLOWED, true, true}};
+    for (auto const &c : aCases) {
+        CTestHandle const hEvent(OpenEventA(c.dwAccess, FALSE, strName.c_str()));
+        CTestHandle const hAgain(OpenMutexA(c.dwAccess, FALSE, (strName + "m").c_str()));
+        SetLastError(NO_ERROR);
+        EXPECT_EQ(ResetEvent(hEvent), c.fSet) << c.dwAccess;
+        EXPECT_EQ(SetEvent(hEvent), c.fSet) << c.dwAccess;
+        EXPECT_EQ(GetLastError(), c.fSet ? NO_ERROR : DWORD{ERROR_ACCESS_DENIED}) << c.dwAccess;
+        SetLastError(NO_ERROR);
+        for (HANDLE const hObject : {HANDLE(hEvent), HANDLE(hAgain)}) {
+            EXPECT_EQ(WaitForSingleObject(hObject, 0), c.fWait ? kdwTaken : WAIT_FAILED)
+                << c.dwAccess;
+        }
+        EXPECT_EQ(GetLastError(), c.fWait ? NO_ERROR : DWORD{ERROR_ACCESS_DENIED}) << c.dwAccess;
+    }
+    EXPECT_FAILS(OpenEventA(0, FALSE, strName.c_str()), ERROR_ACCESS_DENIED);
+}
+
 // Whoever closes it, and although its owner lives on.
 TEST(Named, AMutexThatIsOwnedGoesWithItsLastHandleToo)
 {
@@ -384,4 +424,21 @@ TEST(Processes, AKilledOwnersMutexIsAbandonedAndThenGoneWithItsLastHandle)
     CTestHandle const hNew(CreateMutexA(nullptr, FALSE, (strName + "m").c_str()));
     EXPECT_EQ(GetLastError(), DWORD{NO_ERROR});
     EXPECT_EQ(WaitElsewhere(hNew), kdwTaken);
+}
+
+TEST(Processes, WhatAKilledOneLeftIsSweptByALaterOne)
+{
+    if (!kIsPosix) {
+        GTEST_SKIP() << "the system does it";
+    }
+    std::string const strName = UniqueName("swept");
+    CTestHandle const hTaken(CreateEventA(nullptr, FALSE, FALSE, (strName + "e").c_str()));
+    CRoleProcess left("hold-mutex", strName);
+    ASSERT_EQ(WaitForSingleObject(hTaken, kdwLimit), kdwTaken);
+    left.Kill();
+    EXPECT_EQ(CRoleProcess("hold-mutex", UniqueName("later")).ExitCode(), 1u); // nobody hears it
+    std::string const strFile = strName.substr(strName.rfind(' ') + 1) + "m";
+    EXPECT_EQ(
+        RunCommand("[ -z \"$(find /dev/shm /tmp/qoma-* -name '*" + strFile + "' 2>/dev/null)\" ]"),
+        0u);
 }

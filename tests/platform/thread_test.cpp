@@ -47,6 +47,28 @@ TEST(Thread, SuspendedRunsAtTheResume)
     EXPECT_EQ(ExitCodeOf(hThread), 7u);
 }
 
+TEST(Thread, KeepsItsPriorityAndTheSystemHearsOfIt)
+{
+    CTestHandle const hEvent(CreateEventA(nullptr, TRUE, FALSE, nullptr));
+    unsigned idThread = 0;
+    CTestHandle const hThread(StartThread(&SetGivenEvent, hEvent, CREATE_SUSPENDED, &idThread));
+    for (int const nPriority : {THREAD_PRIORITY_TIME_CRITICAL, THREAD_PRIORITY_HIGHEST,
+                                THREAD_PRIORITY_LOWEST, THREAD_PRIORITY_IDLE}) {
+        EXPECT_TRUE(SetThreadPriority(hThread, nPriority));
+        EXPECT_EQ(GetThreadPriority(hThread), nPriority);
+    }
+    if (kIsPosix) {
+        EXPECT_FAILS(SetThreadPriority(hThread, THREAD_PRIORITY_HIGHEST + 1),
+                     ERROR_INVALID_PARAMETER);
+        EXPECT_FAILS(SetThreadPriority(hThread, THREAD_PRIORITY_LOWEST - 1),
+                     ERROR_INVALID_PARAMETER);
+        std::string const strStat = "/proc/$PPID/task/" + std::to_string(idThread) + "/stat";
+        EXPECT_EQ(RunCommand("[ $(cut -d ' ' -f 19 " + strStat + ") = 19 ]"), 0u);
+    }
+    EXPECT_EQ(ResumeThread(hThread), 1u);
+    ExitCodeOf(hThread);
+}
+
 TEST(Thread, EndThreadGivesTheCodeAndUnwindsNothing)
 {
     std::atomic<int> aEnds[2]{};

@@ -47,7 +47,7 @@ CTestRole const g_stuck("stuck-viewer", [](std::string const &strFile) {
 TEST(WindowTest, MessagesOfEverySizePassBetweenProcesses)
 {
     std::string const strTitle = UniqueName("Window");
-    CViewer viewer(strTitle);
+    CTestViewer viewer(strTitle);
     EXPECT_EQ(CRoleProcess("send-messages", strTitle).ExitCode(), 0u);
     EXPECT_EQ(viewer.Messages(), (std::vector<std::string>{"", "a line", Large()}));
 }
@@ -56,7 +56,7 @@ TEST(WindowTest, ManySendersAtOnceLoseNothing)
 {
     constexpr int kcSenders = 6;
     constexpr int kcMessages = 200;
-    CViewer viewer(UniqueName("Window"));
+    CTestViewer viewer(UniqueName("Window"));
     std::vector<std::thread> senders;
     for (int i = 0; i < kcSenders; ++i) {
         senders.emplace_back([&viewer, i] {
@@ -82,7 +82,7 @@ TEST(WindowTest, TitlesAreWholeAndGoWithTheirWindow)
     std::string const strTitle = UniqueName("Window");
     HWND hGone;
     {
-        CViewer const viewer(strTitle);
+        CTestViewer const viewer(strTitle);
         hGone = viewer.m_hWnd;
         EXPECT_EQ(FindWindowA(nullptr, ReplaceAll(strTitle, "Win", "wIN").c_str()), hGone);
         EXPECT_EQ(FindWindowA(nullptr, (strTitle + " ").c_str()), nullptr);
@@ -126,7 +126,7 @@ TEST(WindowTest, AViewerThatDiesReleasesItsSendersAndItsTitle)
     stuck.Kill();
     sender.join();
     EXPECT_EQ(FindWindowA(nullptr, strTitle.c_str()), nullptr);
-    CViewer viewer(strTitle); // in the place of what the killed one left
+    CTestViewer viewer(strTitle); // in the place of what the killed one left
     EXPECT_EQ(Send(FindWindowA(nullptr, strTitle.c_str()), "abc"), 3);
     EXPECT_EQ(Send(hDead, "x"), 0);
     EXPECT_EQ(viewer.Messages(), std::vector<std::string>{"abc"});
@@ -138,7 +138,7 @@ TEST(WindowTest, GarbageAtTheSocketDisturbsNobody)
         GTEST_SKIP() << "needs a local socket and python3 to write to it";
     }
     std::string const strTitle = UniqueName("window");
-    CViewer viewer(strTitle);
+    CTestViewer viewer(strTitle);
     // Peers that talk nonsense are closed; those that stop half-way wait, and hold up nobody.
     DWORD const dwExit = RunCommand(R"(python3 -c '
 import os, socket, struct

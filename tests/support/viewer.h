@@ -13,9 +13,9 @@
 #include <vector>
 
 // A viewer on a thread of its own that answers the length of a message and keeps it.
-class CViewer {
+class CTestViewer {
 public:
-    explicit CViewer(std::string strTitle)
+    explicit CTestViewer(std::string strTitle)
     {
         std::promise<HWND> made;
         m_thread = std::thread([&] {
@@ -26,7 +26,7 @@ public:
         });
         m_hWnd = made.get_future().get();
     }
-    ~CViewer()
+    ~CTestViewer()
     {
         PlatCloseViewerWindow(m_hWnd);
         m_thread.join();
@@ -41,7 +41,7 @@ public:
 private:
     static LRESULT OnCopyData(void *pContext, COPYDATASTRUCT const *pData)
     {
-        auto *pThis = static_cast<CViewer *>(pContext);
+        auto *pThis = static_cast<CTestViewer *>(pContext);
         std::lock_guard const lock(pThis->m_mutex);
         pThis->m_astr.emplace_back(static_cast<char const *>(pData->lpData), pData->cbData);
         return static_cast<LRESULT>(pData->cbData + pData->dwData);

@@ -154,12 +154,12 @@ TEST_F(CTraceTest, ViewerIsStartedOnceAndTakesLines)
     EXPECT_EQ(g_TdMode, std::uint64_t{eTM_VIEWER}) << "not tried again, and no program started";
     g_TdMode = 0;
     Reg(strViewer + "\"Auto Start\"=dword:1\n" + m_strOn);
-    std::unique_ptr<CViewer> pViewer;
+    std::unique_ptr<CTestViewer> pViewer;
     std::thread other([&] {
         EXPECT_TRUE(WaitFor([&] { return Contents(strStarted) == "once\n"; }));
         g_TdMode = 0; // as if the connection had not begun
         TdConnect();
-        pViewer = std::make_unique<CViewer>(strTitle);
+        pViewer = std::make_unique<CTestViewer>(strTitle);
     });
     TdConnect();
     other.join();
