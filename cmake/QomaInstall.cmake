@@ -23,6 +23,9 @@ set_target_properties(${programs} PROPERTIES INSTALL_RPATH $ORIGIN/${from_bin})
 
 # All of it is there, or nothing is installed. The list of what was installed may be root's, from the last time.
 set(handed_out ${modules} ${programs})
+if(TARGET notifyhub)
+  list(APPEND handed_out notifyhub)
+endif()
 foreach(target ${handed_out})
   list(APPEND built $<TARGET_FILE:${target}>)
 endforeach()
@@ -112,6 +115,7 @@ if(NOT WIN32)
     install(FILES tools/completion.bash DESTINATION share/bash-completion/completions RENAME ${program})
   endforeach()
   file(GLOB pages CONFIGURE_DEPENDS RELATIVE ${CMAKE_CURRENT_SOURCE_DIR} docs/man/*)
+  list(REMOVE_ITEM pages docs/man/notifyhub.1)
   foreach(file docs/debian/changelog ${pages})
     get_filename_component(name ${file} NAME)
     set(packed ${CMAKE_BINARY_DIR}/install/${name}.gz)
@@ -129,6 +133,28 @@ if(NOT WIN32)
   set(python_doc_dir share/doc/python3-qoma)
   install(FILES docs/debian/copyright ${CMAKE_BINARY_DIR}/install/changelog.gz DESTINATION ${python_doc_dir} COMPONENT python)
   install(FILES docs/debian/lintian-overrides.python DESTINATION share/lintian/overrides RENAME python3-qoma COMPONENT python)
+endif()
+# The hub, in a package of its own: what it needs of the system, a module's client does not.
+if(TARGET notifyhub)
+  set(hub_doc_dir share/doc/qoma-hub)
+  set_target_properties(notifyhub PROPERTIES INSTALL_RPATH $ORIGIN/${from_bin})
+  install(TARGETS notifyhub RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT hub)
+  install(FILES hub/notifyhub.service DESTINATION lib/systemd/system COMPONENT hub)
+  install(FILES docs/notifyhub.toml docs/event.schema.json docs/debian/copyright ${CMAKE_BINARY_DIR}/install/changelog.gz
+    DESTINATION ${hub_doc_dir} COMPONENT hub)
+  install(FILES docs/debian/lintian-overrides.hub DESTINATION share/lintian/overrides RENAME qoma-hub COMPONENT hub)
+  install(FILES tools/completion.bash DESTINATION share/bash-completion/completions RENAME notifyhub COMPONENT hub)
+  set(packed ${CMAKE_BINARY_DIR}/install/notifyhub.1.gz)
+  add_custom_command(OUTPUT ${packed} DEPENDS docs/man/notifyhub.1 VERBATIM COMMENT "Packing notifyhub.1"
+    COMMAND sh -c "gzip -9cn \"$1\" >\"$2\"" sh ${CMAKE_CURRENT_SOURCE_DIR}/docs/man/notifyhub.1 ${packed})
+  install(FILES ${packed} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT hub)
+  list(APPEND packed_files ${packed})
+  set(packed ${CMAKE_BINARY_DIR}/install/hub.md)
+  add_custom_command(OUTPUT ${packed} DEPENDS docs/hub.md cmake/InstalledDocument.awk VERBATIM COMMENT "Taking over hub.md"
+    COMMAND awk -v "there=notifyhub.toml event.schema.json" -f ${CMAKE_CURRENT_SOURCE_DIR}/cmake/InstalledDocument.awk
+      ${CMAKE_CURRENT_SOURCE_DIR}/docs/hub.md > ${packed})
+  install(FILES ${packed} DESTINATION ${hub_doc_dir} COMPONENT hub)
+  list(APPEND packed_files ${packed})
 endif()
 add_custom_target(handed_out ALL DEPENDS ${handed_out} ${packed_files} ${import_library})
 
@@ -166,9 +192,16 @@ set(CPACK_PACKAGING_INSTALL_PREFIX "") # archives begin with bin, lib and so on
 set(CPACK_PROJECT_CONFIG_FILE ${CMAKE_SOURCE_DIR}/cmake/QomaPackage.cmake)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_MAINTAINER "QOMA developers <qoma@localhost>")
-# Two of them: what is for Python is for every processor, and needs nobody who has no Python.
+# Three of them: what is for Python is for every processor, and needs nobody who has no Python.
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_COMPONENTS_ALL qoma python)
+if(TARGET notifyhub)
+  list(APPEND CPACK_COMPONENTS_ALL hub)
+endif()
+set(CPACK_DEBIAN_HUB_PACKAGE_NAME qoma-hub)
+set(CPACK_DEBIAN_HUB_PACKAGE_SECTION net)
+set(CPACK_DEBIAN_HUB_PACKAGE_DEPENDS "qoma (>= ${PROJECT_VERSION})")
+set(CPACK_DEBIAN_HUB_PACKAGE_SUGGESTS "mosquitto")
 set(CPACK_DEBIAN_QOMA_PACKAGE_NAME qoma)
 set(CPACK_DEBIAN_QOMA_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_QOMA_PACKAGE_SUGGESTS "g++, pkg-config, cmake, python3-qoma")
@@ -189,6 +222,10 @@ set(CPACK_DEBIAN_QOMA_DESCRIPTION
 "${about}The package holds the module with what a client is built with, for C++ and for
 C, a device in software (mfpsim), a client for the command line (notifymon) and
 a viewer for traces (tracedeck).")
+set(CPACK_DEBIAN_HUB_DESCRIPTION
+"${about}The package holds the service notifyhub, which hears the devices of an office,
+keeps what it hears in a journal, and hands it to programs, web services, a
+message broker and the desktop.")
 set(CPACK_DEBIAN_PYTHON_DESCRIPTION
 "${about}The package is what a client in Python imports.")
 include(CPack)

@@ -1,5 +1,6 @@
 #include "hub/settings.h"
 
+#include "devlink/link_stream.h"
 #include "session/subscriptions.h"
 
 #include <algorithm>
@@ -575,9 +576,10 @@ private:
 
 std::string HostName()
 {
-    std::string strName;
-    std::getline(std::ifstream("/proc/sys/kernel/hostname"), strName);
-    return IsPlainName(strName) ? strName : "hub";
+    CSocketLibrary const library;
+    char szName[256] = "";
+    (void)ws::gethostname(szName, sizeof szName);
+    return IsPlainName(szName) ? szName : "hub";
 }
 
 fs::path StateFolder()

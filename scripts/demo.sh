@@ -1,21 +1,26 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds, and shows a notification's whole road: a software device and a
-# client as two processes, first over the network, then over a local link. Ends with 0 only if
-# everything that it announces has happened.
+# client as two processes, first over the network, then over a local link. With "hub": two devices, a
+# broker, a hub and a subscriber, and what arrives where. Ends with 0 only if everything that it announces
+# has happened. usage: scripts/demo.sh [hub]
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 source scripts/common.sh
 
-scripts/setup.sh
+case ${1:-} in
+"") scripts/setup.sh ;;
+hub) scripts/setup.sh hub office ;;
+*) fail "usage: scripts/demo.sh [hub]" 2 ;;
+esac
 scripts/build.sh default handed_out
 bin=build/default/bin
 
 work=$(mktemp -d)
-device_pid="" client_pid=""
+device_pid="" client_pid="" others=()
 clean_up() {
-    [[ -n $client_pid ]] && kill "$client_pid" 2>/dev/null || true
-    [[ -n $device_pid ]] && kill "$device_pid" 2>/dev/null || true
+    local pid
+    for pid in $client_pid $device_pid "${others[@]}"; do kill "$pid" 2>/dev/null || true; done
     wait 2>/dev/null || true
     rm -rf "$work"
 }
@@ -67,6 +72,12 @@ stop_client() {
     wait "$client_pid" || fail "the client ended with exit code $?"
     client_pid=
 }
+
+if [[ ${1:-} == hub ]]; then
+    # shellcheck source=scripts/demo_hub.sh
+    source scripts/demo_hub.sh
+    exit 0
+fi
 
 recover_link() {
     scene "The link is cut for a second and comes back; the client subscribes again by itself"

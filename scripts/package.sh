@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds, and makes the packages in build/packages: two .deb and a .tar.gz of this system, a
+# Installs what is missing, builds, and makes the packages in build/packages: three .deb and a .tar.gz of this system, a
 # .zip and an .msi for 32-bit and for 64-bit Windows, a wheel for each, and lists of what went into them. Two builds
 # of the same sources are equal bit by bit (scripts/reproduce.sh).
 # usage: scripts/package.sh [native|windows|windows-i686|windows-x64]
@@ -15,6 +15,7 @@ windows-i686 | windows-x64) presets=("$1") ;;
 *) fail "no such kind: $1 (native, windows, windows-i686 or windows-x64)" 2 ;;
 esac
 scripts/setup.sh packages
+[[ ${presets[*]} == windows* ]] || scripts/setup.sh hub
 [[ ${presets[*]} == default ]] || scripts/setup.sh mingw
 
 scratch=$(mktemp -d)

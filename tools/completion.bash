@@ -1,13 +1,13 @@
-# Completion for notifymon, mfpsim and tracedeck, installed under the name of each. The options are those that the
+# Completion for notifymon, mfpsim, tracedeck and notifyhub, installed under the name of each. The options are those that the
 # program's own --help lists, so that this file knows none that could change.
 
 _qoma()
 {
     local word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]} under=
-    [[ ${COMP_WORDS[1]} == doctor ]] && under=doctor
+    [[ ${COMP_WORDS[1]} == @(doctor|events|replay) ]] && under=${COMP_WORDS[1]}
     COMPREPLY=()
     case $before in
-    --registry | --discover | --script | --print-path | --out | --junit | --control | --record | --replay)
+    --registry | --discover | --script | --print-path | --out | --junit | --control | --record | --replay | --settings | check)
         mapfile -t COMPREPLY < <(compgen -f -- "$word")
         return
         ;;
@@ -27,7 +27,9 @@ _qoma()
             grep -oE -- '--[a-z-]+')" -- "$word")
     elif [[ $COMP_CWORD == 1 && ${1##*/} == notifymon ]]; then
         mapfile -t COMPREPLY < <(compgen -W doctor -- "$word")
+    elif [[ $COMP_CWORD == 1 && ${1##*/} == notifyhub ]]; then
+        mapfile -t COMPREPLY < <(compgen -W "run check events replay" -- "$word")
     fi
 }
 
-complete -o filenames -F _qoma notifymon mfpsim tracedeck
+complete -o filenames -F _qoma notifymon mfpsim tracedeck notifyhub

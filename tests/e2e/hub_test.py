@@ -7,6 +7,7 @@ import os
 import pathlib
 import re
 import resource
+import shutil
 import signal
 import socket
 import subprocess
@@ -80,10 +81,11 @@ class HubTest(RoadTest):
         return [int(match.group(1)) for line in list(device.lines["out"])
                 if (match := re.search(r"kick (\d+) echoed", line))]
 
-    def pick(self, device, count):
+    def pick(self, device, count, pause=0.0):
         for _ in range(count):
             device.tell("pick notifyhub")
             device.expect("kick .* echoed")
+            time.sleep(pause)
 
 
 class OfficeTest(HubTest):
@@ -189,6 +191,20 @@ class OfficeTest(HubTest):
 class ManagerTest(HubTest):
     """The manager's protocol against a socket of ours: a service manager does not run where tests run."""
 
+    def test_what_is_handed_out_for_a_service(self):
+        for name in ("chat-header", "mqtt-password"):
+            (self.path / name).write_text("Name: secret\n")
+        root = pathlib.Path(__file__).parents[2]
+        check = self.start(Program, "QOMA_NOTIFYHUB", "check", root / "docs/notifyhub.toml",
+                           inside=("env", f"CREDENTIALS_DIRECTORY={self.path}"))
+        self.assertEqual(0, check.wait(), check.lines["err"])
+        self.assertIn("2 devices, 3 sinks, 2 rules", check.lines["out"][0])
+        if not shutil.which("systemd-analyze"):
+            self.skipTest("there is no systemd-analyze")
+        done = subprocess.run(["systemd-analyze", "security", "--offline=true", "--threshold=20", "--no-pager",
+                               root / "hub/notifyhub.service"], text=True, capture_output=True)
+        self.assertEqual(0, done.returncode, done.stdout[-3000:] + done.stderr)
+
     def test_what_a_service_tells_its_manager(self):
         device = self.device("hall")
         self.write([device], {"out": 'type = "print"'})
@@ -250,8 +266,8 @@ class StoryTest(HubTest):
             with contextlib.suppress(ProcessLookupError):
                 os.kill(int(line), signal.SIGKILL)
 
-    def all_pick(self, count):
-        threads = [threading.Thread(target=self.pick, args=(device, count)) for device in self.devices]
+    def all_pick(self, count, pause=0.0):
+        threads = [threading.Thread(target=self.pick, args=(device, count, pause)) for device in self.devices]
         for thread in threads:
             thread.start()
         for thread in threads:
@@ -264,7 +280,8 @@ class StoryTest(HubTest):
 
     def test_nothing_that_was_kept_is_lost(self):
         self.devices = [self.device(f"device-{number}") for number in range(5)]
-        broker = Broker(self)
+        # It keeps its subscriber's session while it is away.
+        broker = Broker(self, "allow_anonymous true", "persistence true", f"persistence_location {self.path}/", "user root")
         port, posted = self.web_server()
         collector, collected = self.collector("collected")
         # It must not keep the streams that the killed hub leaves.
@@ -280,9 +297,10 @@ class StoryTest(HubTest):
             self.wait_entry(device)
         each = PICKS // len(self.devices)
         self.all_pick(each // 3)
-        broker.kill()
+        broker.process.terminate()
+        broker.process.wait()
         gone = time.monotonic()
-        self.all_pick(each // 3)
+        self.all_pick(each // 3, pause=0.02)
         for device in self.devices:  # and in the middle of these
             for _ in range(5):
                 device.tell("pick notifyhub")
