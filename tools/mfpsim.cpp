@@ -62,6 +62,26 @@ std::string Footer()
            "ends it with exit code 1.";
 }
 
+// The misbehaviour from the start on.
+void AddHabits(CLI::App &app, Options &options)
+{
+    app.add_option("--drop", options.cDrop, "do not send the first N datagrams");
+    app.add_option("--repeat", options.cRepeat, "send the first N datagrams twice");
+    app.add_option("--reorder", options.cReorder, "let the first N datagrams be overtaken");
+    app.add_option("--lose-echo", options.cLoseEcho, "take no notice of the first N echoes");
+    app.add_option("--refuse-claim", options.cRefuse, "refuse the first N claims of a press");
+    app.add_option("--late", options.nLate, "give every answer so many milliseconds late");
+    app.add_option("--drop-odds", options.odds.dDrop, "odds of a datagram not to be sent")
+        ->check(CLI::Range(0.0, 1.0));
+    app.add_option("--repeat-odds", options.odds.dRepeat, "odds of a datagram to be sent twice")
+        ->check(CLI::Range(0.0, 1.0));
+    app.add_option("--reorder-odds", options.odds.dReorder, "odds of a datagram to be overtaken")
+        ->check(CLI::Range(0.0, 1.0));
+    app.add_option("--lose-echo-odds", options.odds.dLoseEcho, "odds of an echo not to be noticed")
+        ->check(CLI::Range(0.0, 1.0));
+    app.add_option("--seed", options.odds.nSeed, "of the odds")->capture_default_str();
+}
+
 void AddOptions(CLI::App &app, Options &options)
 {
     app.footer(Footer());
@@ -107,21 +127,7 @@ void AddOptions(CLI::App &app, Options &options)
         ->check(CLI::Range(0.01, 1000.0))
         ->needs(pReplay);
     app.add_flag("--json", options.fJson, "print everything as JSON, one object a line");
-    app.add_option("--drop", options.cDrop, "do not send the first N datagrams");
-    app.add_option("--repeat", options.cRepeat, "send the first N datagrams twice");
-    app.add_option("--reorder", options.cReorder, "let the first N datagrams be overtaken");
-    app.add_option("--lose-echo", options.cLoseEcho, "take no notice of the first N echoes");
-    app.add_option("--refuse-claim", options.cRefuse, "refuse the first N claims of a press");
-    app.add_option("--late", options.nLate, "give every answer so many milliseconds late");
-    app.add_option("--drop-odds", options.odds.dDrop, "odds of a datagram not to be sent")
-        ->check(CLI::Range(0.0, 1.0));
-    app.add_option("--repeat-odds", options.odds.dRepeat, "odds of a datagram to be sent twice")
-        ->check(CLI::Range(0.0, 1.0));
-    app.add_option("--reorder-odds", options.odds.dReorder, "odds of a datagram to be overtaken")
-        ->check(CLI::Range(0.0, 1.0));
-    app.add_option("--lose-echo-odds", options.odds.dLoseEcho, "odds of an echo not to be noticed")
-        ->check(CLI::Range(0.0, 1.0));
-    app.add_option("--seed", options.odds.nSeed, "of the odds")->capture_default_str();
+    AddHabits(app, options);
 }
 
 CLI::App *AddTell(CLI::App &app, Options &options)
@@ -215,141 +221,198 @@ int Tell(Options const &options)
     return TellSimulation(options.strTellSocket, strLine) ? 0 : eXC_FAILED;
 }
 
-// Where the devices are: of many, where the first and the last one is.
-void TellPlaces(CSimOutput &output, CSimFleet const &fleet)
+bool LoadTape(Options &options, CReplay &replay)
 {
-    auto const devices = fleet.Devices();
+    std::string strError;
+    if (options.strReplay.empty()) {
+        return true;
+    }
+    if (!replay.Load(options.strReplay, options.dSpeed, &strError)) {
+        std::cerr << "mfpsim: " << Showable(strError) << std::endl;
+        return false;
+    }
+    options.cFleet = replay.DeviceCount();
+    if (options.cFleet > 1 && !options.fListenGiven) {
+        options.config.strListen = kFleetFirst;
+    }
+    return true;
+}
+
+bool LoadScript(Options const &options, CScenario &scenario)
+{
+    std::string strError;
+    bool const fLoaded = options.strScript.empty() || scenario.Load(options.strScript, &strError);
+    if (!fLoaded) {
+        std::cerr << "mfpsim: " << Showable(strError) << std::endl;
+    }
+    return fLoaded;
+}
+
+// The devices, and all that hears of them or gives them commands. Nothing runs before Run.
+class CSimProgram {
+public:
+    CSimProgram(Options const &options, CReplay &replay, CScenario &scenario)
+        : m_options(options), m_replay(replay), m_scenario(scenario),
+          m_output(m_editor, options.fJson, PlatIsTerminal()), m_web(options.cFleet),
+          m_recorder(*ParseTapeMask(options.strMask)),
+          m_fleet(options.config, options.cFleet, MakeEars()), m_simulation(m_fleet.Devices())
+    {
+    }
+
+    int Run();
+
+private:
+    CSimFleet::Ears MakeEars();
+    void HearEvent(std::size_t n, DeviceEvent const &event);
+    bool Start(std::string *pstrError);
+    void TellPlaces();
+    void EndReplay();
+
+    Options const m_options;
+    bool const m_fWeb = !m_options.strWeb.empty();
+    bool const m_fRecord = !m_options.strRecord.empty();
+    bool const m_fReplay = !m_options.strReplay.empty();
+    CReplay &m_replay;
+    CScenario &m_scenario;
+    CPlatLineEditor m_editor;
+    CSimOutput m_output;
+    CSimWeb m_web;
+    CTapeRecorder m_recorder;
+    CSimFleet m_fleet;
+    CSimulation m_simulation;
+    CConsoleEnd const m_console{m_simulation};
+    CCommandSession const m_completion{m_simulation};
+    CControlSocket m_control{m_simulation};
+};
+
+void CSimProgram::HearEvent(std::size_t n, DeviceEvent const &event)
+{
+    m_output.Event(event, m_options.cFleet > 1 ? n : 0);
+    m_simulation.Trail().Add(n, event);
+    if (m_fWeb) {
+        m_web.Event(n, event);
+    }
+    if (m_fRecord) {
+        m_recorder.Event(n, event);
+    }
+    if (m_fReplay) {
+        m_replay.Event(n, event);
+    }
+}
+
+// What nobody wants to hear is not made.
+CSimFleet::Ears CSimProgram::MakeEars()
+{
+    CSimFleet::Ears ears;
+    ears.onEvent = [this](std::size_t n, DeviceEvent const &event) { HearEvent(n, event); };
+    if (m_fWeb || m_fRecord) {
+        ears.onFrame = [this](std::size_t n, DeviceFrame const &frame) {
+            if (m_fWeb) {
+                m_web.Frame(n, frame);
+            }
+            if (m_fRecord) {
+                m_recorder.Frame(n, frame);
+            }
+        };
+    }
+    if (m_fRecord || m_fReplay) {
+        ears.onDatagram = [this](std::size_t n, DeviceDatagram const &datagram) {
+            if (m_fRecord) {
+                m_recorder.Datagram(n, datagram);
+            }
+            if (m_fReplay) {
+                m_replay.Datagram(n, datagram);
+            }
+        };
+    }
+    if (m_fReplay) {
+        ears.onRequest = [this](std::size_t n, DWORD dwLink, LinkFrame const &request) {
+            return m_replay.Request(n, dwLink, request);
+        };
+    }
+    return ears;
+}
+
+bool CSimProgram::Start(std::string *pstrError)
+{
+    return (!m_fRecord || m_recorder.Start(m_options.strRecord, m_options.cFleet, pstrError)) &&
+           m_fleet.Start(pstrError) &&
+           (m_options.strControl.empty() || m_control.Start(m_options.strControl, pstrError)) &&
+           (!m_fWeb || m_web.Start(m_simulation, m_options.strWeb, pstrError));
+}
+
+// Where the devices are: of many, where the first and the last one is.
+void CSimProgram::TellPlaces()
+{
+    auto const devices = m_fleet.Devices();
     auto const address = [](CSoftDevice const &device) {
         return device.Config().strListen + ":" + std::to_string(device.Port());
     };
-    output.Event({eEV_LISTENING, {{"address", address(*devices.front())}}});
+    m_output.Event({eEV_LISTENING, {{"address", address(*devices.front())}}});
     if (devices.size() > 1) {
-        output.Tell(std::to_string(devices.size()) + " devices, the last one at " +
-                    address(*devices.back()));
+        m_output.Tell(std::to_string(devices.size()) + " devices, the last one at " +
+                      address(*devices.back()));
+    }
+    if (m_fWeb) {
+        m_output.Tell("pages at " + m_web.Url());
     }
 }
 
 // All has been played: clients still hear it to the end.
-void EndReplay(CSimulation &simulation, CSimOutput &output, CReplay &replay)
+void CSimProgram::EndReplay()
 {
-    output.Answer(CCommandSession(simulation).Execute("quit"));
-    for (std::string const &strLine : replay.Remarks()) {
-        output.Tell(strLine);
+    m_output.Answer(CCommandSession(m_simulation).Execute("quit"));
+    for (std::string const &strLine : m_replay.Remarks()) {
+        m_output.Tell(strLine);
     }
-    output.Tell("the tape has been played");
-    simulation.Quit();
+    m_output.Tell("the tape has been played");
+    m_simulation.Quit();
+}
+
+int CSimProgram::Run()
+{
+    bool const fEdit = m_editor.Open("mfpsim> ", [this](std::string const &strBefore) {
+        return m_completion.Complete(strBefore);
+    });
+    std::string strError;
+    if (!Start(&strError)) {
+        std::cerr << "mfpsim: " << strError << std::endl;
+        m_fleet.Stop(); // before what its events go to
+        return eXC_FAILED;
+    }
+    for (CSoftDevice *const pDevice : m_fleet.Devices()) {
+        Misbehave(*pDevice, m_options);
+    }
+    TellPlaces();
+
+    CSimTerminal terminal(m_simulation, m_editor, fEdit, m_output);
+    int nExit = 0;
+    if (m_fReplay) {
+        m_replay.Start(m_fleet.Devices(), [this] { EndReplay(); });
+    }
+    if (!m_options.strScript.empty() && !RunScript(m_simulation, m_output, m_scenario, m_options)) {
+        nExit = eXC_FAILED;
+        m_simulation.Quit();
+    }
+    m_simulation.WaitForQuit();
+    m_replay.Stop();
+    if (m_replay.HasDeparted()) {
+        nExit = eXC_FAILED;
+    }
+    m_web.Stop();
+    m_fleet.Stop();
+    terminal.End(nExit);
+    return nExit;
 }
 
 int Run(Options options)
 {
     CReplay replay;
-    bool const fReplay = !options.strReplay.empty();
-    if (fReplay) {
-        std::string strProblem;
-        if (!replay.Load(options.strReplay, options.dSpeed, &strProblem)) {
-            std::cerr << "mfpsim: " << Showable(strProblem) << std::endl;
-            return eXC_FAILED;
-        }
-        options.cFleet = replay.DeviceCount();
-        if (options.cFleet > 1 && !options.fListenGiven) {
-            options.config.strListen = kFleetFirst;
-        }
-    }
     CScenario scenario;
-    std::string strError;
-    if (!options.strScript.empty() && !scenario.Load(options.strScript, &strError)) {
-        std::cerr << "mfpsim: " << Showable(strError) << std::endl;
+    if (!LoadTape(options, replay) || !LoadScript(options, scenario)) {
         return eXC_FAILED;
     }
-    CPlatLineEditor editor;
-    CSimOutput output(editor, options.fJson, PlatIsTerminal());
-    CSimWeb web(options.cFleet);
-    bool const fWeb = !options.strWeb.empty();
-    bool const fRecord = !options.strRecord.empty();
-    CTapeRecorder recorder(*ParseTapeMask(options.strMask));
-    CSimulation *pSimulation = nullptr; // set before a device starts
-    CSimFleet::Ears ears;
-    ears.onEvent = [&](std::size_t n, DeviceEvent const &event) {
-        output.Event(event, options.cFleet > 1 ? n : 0);
-        pSimulation->Trail().Add(n, event);
-        if (fWeb) {
-            web.Event(n, event);
-        }
-        if (fRecord) {
-            recorder.Event(n, event);
-        }
-        if (fReplay) {
-            replay.Event(n, event);
-        }
-    };
-    if (fWeb || fRecord) {
-        ears.onFrame = [&](std::size_t n, DeviceFrame const &frame) {
-            if (fWeb) {
-                web.Frame(n, frame);
-            }
-            if (fRecord) {
-                recorder.Frame(n, frame);
-            }
-        };
-    }
-    if (fRecord || fReplay) {
-        ears.onDatagram = [&](std::size_t n, DeviceDatagram const &datagram) {
-            if (fRecord) {
-                recorder.Datagram(n, datagram);
-            }
-            if (fReplay) {
-                replay.Datagram(n, datagram);
-            }
-        };
-    }
-    if (fReplay) {
-        ears.onRequest = [&](std::size_t n, DWORD dwLink, LinkFrame const &request) {
-            return replay.Request(n, dwLink, request);
-        };
-    }
-    CSimFleet fleet(options.config, options.cFleet, ears);
-    CSimulation simulation(fleet.Devices());
-    pSimulation = &simulation;
-    CConsoleEnd const console(simulation);
-    CCommandSession const completion(simulation);
-    bool const fEdit = editor.Open(
-        "mfpsim> ", [&](std::string const &strBefore) { return completion.Complete(strBefore); });
-    CControlSocket control(simulation);
-
-    if ((fRecord && !recorder.Start(options.strRecord, options.cFleet, &strError)) ||
-        !fleet.Start(&strError) ||
-        (!options.strControl.empty() && !control.Start(options.strControl, &strError)) ||
-        (fWeb && !web.Start(simulation, options.strWeb, &strError))) {
-        std::cerr << "mfpsim: " << strError << std::endl;
-        fleet.Stop(); // before what its events go to
-        return eXC_FAILED;
-    }
-    for (CSoftDevice *const pDevice : fleet.Devices()) {
-        Misbehave(*pDevice, options);
-    }
-    TellPlaces(output, fleet);
-    if (fWeb) {
-        output.Tell("pages at " + web.Url());
-    }
-
-    CSimTerminal terminal(simulation, editor, fEdit, output);
-    int nExit = 0;
-    if (fReplay) {
-        replay.Start(fleet.Devices(), [&] { EndReplay(simulation, output, replay); });
-    }
-    if (!options.strScript.empty() && !RunScript(simulation, output, scenario, options)) {
-        nExit = eXC_FAILED;
-        simulation.Quit();
-    }
-    simulation.WaitForQuit();
-    replay.Stop();
-    if (replay.HasDeparted()) {
-        nExit = eXC_FAILED;
-    }
-    web.Stop();
-    fleet.Stop();
-    terminal.End(nExit);
-    return nExit;
+    return CSimProgram(options, replay, scenario).Run();
 }
 
 } // namespace
