@@ -135,10 +135,11 @@ class OfficeTest(HubTest):
         stop = threading.Event()
         picks = []
 
-        def load():
-            while not stop.is_set():
-                self.pick(hall, 1)
-                picks.append(1)
+        def load():  # never far ahead of a sink that starts a program for each
+            while not stop.wait(0.01):
+                if len(picks) - len(read_first()) < 20:
+                    self.pick(hall, 1)
+                    picks.append(1)
         thread = threading.Thread(target=load)
         thread.start()
         self.addCleanup(lambda: (stop.set(), thread.join()))
