@@ -2,7 +2,7 @@
 
 namespace {
 
-constexpr std::size_t kNewest = 2000; // events in memory
+constexpr std::size_t kNewest = 10000; // events in memory: what sinks that keep up need no disk for
 
 } // namespace
 

@@ -12,10 +12,11 @@ using std::chrono::system_clock;
 
 namespace {
 
-constexpr std::size_t kTogether = 500; // events in one transaction at most
-constexpr milliseconds kFlush{250};    // so long what sinks have told can be unwritten
-constexpr milliseconds kLook{500};     // so long a replay can be unseen
-constexpr seconds kTryAgain{1};        // after a write that failed
+constexpr std::size_t kTogether =
+    5000; // events in one transaction at most: more, and a slow disk is no brake
+constexpr milliseconds kFlush{250}; // so long what sinks have told can be unwritten
+constexpr milliseconds kLook{500};  // so long a replay can be unseen
+constexpr seconds kTryAgain{1};     // after a write that failed
 constexpr minutes kPrunePeriod{1};
 constexpr minutes kSayDroppedPeriod{1};
 

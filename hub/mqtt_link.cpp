@@ -8,12 +8,17 @@
 #include <algorithm>
 #include <cerrno>
 #include <condition_variable>
+#include <cstddef>
 #include <cstring>
 #include <deque>
 #include <mutex>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <new>
+#include <sys/socket.h>
 #include <thread>
 #include <utility>
+#include <vector>
 
 using std::chrono::milliseconds;
 using Clock = MqttLinkEvents::Clock;
@@ -32,14 +37,28 @@ struct MosquittoEnd {
     void operator()(mosquitto *p) const { mosquitto_destroy(p); }
 };
 
-// What stands between a Send and its acknowledgment.
+// What stands between a message of a Send and its acknowledgment.
 enum SendStateType {
-    eSS_NONE,
     eSS_WAITING, // for a connection, or the thread
     eSS_SENT,
     eSS_TAKEN,
     eSS_REFUSED,
 };
+
+struct Flight {
+    MqttNamedMessage what;
+    SendStateType eState = eSS_WAITING;
+    int nMid = 0;       // once it is sent
+    std::string strWhy; // it is refused
+};
+
+// A broker holds the second of several acknowledgments back until the kernel has acknowledged the first, and the
+// kernel would wait 40 ms for something of ours to send along. It forgets this with what comes next.
+void AcknowledgeAtOnce(int nSocket)
+{
+    int const nOn = 1;
+    ::setsockopt(nSocket, IPPROTO_TCP, TCP_QUICKACK, &nOn, sizeof nOn);
+}
 
 std::string TextOf(int nResult)
 {
@@ -61,7 +80,8 @@ public:
     ~CMqttLinkImpl();
 
     void Start();
-    HubOutcomeType Send(std::string const &strId, MqttMessage message, std::string *pstrWhy);
+    HubOutcomeType Send(std::vector<MqttNamedMessage> messages, std::size_t *pcTaken,
+                        std::string *pstrWhy);
     void Post(MqttMessage message);
     void Subscribe(std::string const &strTopic);
     void SetWill(std::optional<MqttMessage> will);
@@ -80,7 +100,7 @@ private:
     int Turn(milliseconds limit);
     int Publish(MqttMessage const &message, int *pnMid);
     void PublishWaiting();
-    void PublishSend();
+    void PublishFlights();
     void SayFarewell();
     void Pause();
     void Lost(std::string const &strWhy);
@@ -89,6 +109,8 @@ private:
     void OnPublished(int nMid);
     std::string Refusal(int nCode) const;
 
+    void CountTaken() PLAT_REQUIRES(m_mx);
+    void Board(std::vector<MqttNamedMessage> messages) PLAT_REQUIRES(m_mx);
     // What a Send has come to, or nothing as long as it has to wait.
     std::optional<HubOutcomeType> Result(std::string *pstrWhy) PLAT_REQUIRES(m_mx);
 
@@ -119,11 +141,9 @@ private:
     std::optional<MqttMessage> m_last PLAT_GUARDED_BY(m_mx);
     std::string m_strWhy PLAT_GUARDED_BY(m_mx); // there is no connection
     std::deque<MqttMessage> m_waiting PLAT_GUARDED_BY(m_mx);
-    SendStateType m_eSend PLAT_GUARDED_BY(m_mx) = eSS_NONE;
-    std::string m_strSendId PLAT_GUARDED_BY(m_mx);
-    std::string m_strSendWhy PLAT_GUARDED_BY(m_mx);
-    MqttMessage m_send PLAT_GUARDED_BY(m_mx);
-    int m_nSendMid PLAT_GUARDED_BY(m_mx) = 0;
+    // Of the last Send, in its order; what came back too early stays for the next one.
+    std::vector<Flight> m_flights PLAT_GUARDED_BY(m_mx);
+    std::size_t m_cTaken PLAT_GUARDED_BY(m_mx) = 0; // of them, from the front
 
     std::thread m_thread; // the last: it uses all of the above
 };
@@ -164,6 +184,7 @@ void CMqttLinkImpl::Configure()
     mosquitto *const p = m_pClient.get();
     // All calls come from one thread, or TLS would be read and written by two at once.
     mosquitto_int_option(p, MOSQ_OPT_TCP_NODELAY, 1);
+    mosquitto_max_inflight_messages_set(p, CMqttLink::kWindow);
     if (!m_settings.strUser.empty()) {
         mosquitto_username_pw_set(p, m_settings.strUser.c_str(), m_settings.strPassword.c_str());
     }
@@ -232,9 +253,12 @@ void CMqttLinkImpl::SetTheWill()
 
 std::optional<HubOutcomeType> CMqttLinkImpl::Result(std::string *pstrWhy)
 {
-    if (m_eSend == eSS_TAKEN || m_eSend == eSS_REFUSED) {
-        *pstrWhy = m_strSendWhy;
-        return m_eSend == eSS_TAKEN ? eHO_TAKEN : eHO_REFUSED;
+    if (m_cTaken == m_flights.size()) {
+        return eHO_TAKEN;
+    }
+    if (Flight const &next = m_flights[m_cTaken]; next.eState == eSS_REFUSED) {
+        *pstrWhy = next.strWhy;
+        return eHO_REFUSED;
     }
     if (m_bStopped) {
         *pstrWhy = "the end is near";
@@ -247,33 +271,55 @@ std::optional<HubOutcomeType> CMqttLinkImpl::Result(std::string *pstrWhy)
     return std::nullopt;
 }
 
-HubOutcomeType CMqttLinkImpl::Send(std::string const &strId, MqttMessage message,
+// What is on its way already goes on, whatever else is with it now.
+void CMqttLinkImpl::Board(std::vector<MqttNamedMessage> messages)
+{
+    std::vector<Flight> flights;
+    for (MqttNamedMessage &message : messages) {
+        auto const it = std::find_if(m_flights.begin(), m_flights.end(), [&](Flight const &flight) {
+            return flight.what.strId == message.strId;
+        });
+        bool const bFlies = it != m_flights.end() && it->eState != eSS_WAITING;
+        flights.push_back(bFlies ? std::move(*it) : Flight{std::move(message), eSS_WAITING, 0, ""});
+    }
+    m_flights = std::move(flights);
+    m_cTaken = 0;
+    CountTaken();
+}
+
+void CMqttLinkImpl::CountTaken()
+{
+    while (m_cTaken < m_flights.size() && m_flights[m_cTaken].eState == eSS_TAKEN) {
+        ++m_cTaken;
+    }
+}
+
+HubOutcomeType CMqttLinkImpl::Send(std::vector<MqttNamedMessage> messages, std::size_t *pcTaken,
                                    std::string *pstrWhy)
 {
-    auto const tpEnd = Clock::now() + m_settings.limit;
     CPlatWaitGuard lock(m_mx);
-    if (m_eSend == eSS_NONE || m_strSendId != strId) {
-        m_eSend = eSS_WAITING;
-        m_strSendId = strId;
-        m_send = std::move(message);
-        m_waiter.Wake();
-    }
+    Board(std::move(messages));
+    m_waiter.Wake();
     std::optional<HubOutcomeType> eResult;
-    bool bInTime = true;
-    while (!(eResult = Result(pstrWhy)) && bInTime) {
-        bInTime = m_cv.wait_until(lock.Native(), tpEnd) == std::cv_status::no_timeout;
-    }
-    if (eResult && *eResult != eHO_LATER) {
-        m_eSend = eSS_NONE;
-        return *eResult;
-    }
+    std::size_t cBefore = 0;
+    do {
+        cBefore = m_cTaken;
+        auto const tpEnd = Clock::now() + m_settings.limit;
+        while (!(eResult = Result(pstrWhy)) &&
+               m_cv.wait_until(lock.Native(), tpEnd) == std::cv_status::no_timeout) {
+        }
+    } while (!eResult && m_cTaken > cBefore);
     if (!eResult) {
         *pstrWhy = m_bConnected ? m_strPlace + " does not acknowledge" : m_strWhy;
     }
-    if (m_eSend == eSS_WAITING) {
-        m_eSend = eSS_NONE; // it has not left: the next try begins anew
-    }
-    return eHO_LATER;
+    *pcTaken = m_cTaken;
+    m_flights.erase(m_flights.begin(), m_flights.begin() + static_cast<std::ptrdiff_t>(m_cTaken));
+    // What has not left is not to leave without being asked for; what is refused has been told.
+    std::erase_if(m_flights, [](Flight const &flight) {
+        return flight.eState == eSS_WAITING || flight.eState == eSS_REFUSED;
+    });
+    m_cTaken = 0;
+    return eResult.value_or(eHO_LATER);
 }
 
 void CMqttLinkImpl::Post(MqttMessage message)
@@ -406,6 +452,7 @@ int CMqttLinkImpl::Turn(milliseconds limit)
     if (nSocket == -1) {
         return MOSQ_ERR_CONN_LOST;
     }
+    AcknowledgeAtOnce(nSocket);
     CHubWaiter::Ready const ready =
         m_waiter.Wait(nSocket, /*bRead=*/true, mosquitto_want_write(p),
                       m_bOnline ? limit : std::min(limit, kOpeningTurn));
@@ -455,8 +502,17 @@ void CMqttLinkImpl::OnPublished(int nMid)
         m_nLastMid = 0;
     }
     CPlatGuard const lock(m_mx);
-    if (m_eSend == eSS_SENT && m_nSendMid == nMid) {
-        m_eSend = eSS_TAKEN;
+    // As a rule it is the next one.
+    auto const it = std::find_if(
+        m_flights.begin() + static_cast<std::ptrdiff_t>(m_cTaken), m_flights.end(),
+        [&](Flight const &flight) { return flight.eState == eSS_SENT && flight.nMid == nMid; });
+    if (it == m_flights.end()) {
+        return;
+    }
+    it->eState = eSS_TAKEN;
+    CountTaken();
+    // Whoever waits is woken for what it can return with, not for each of hundreds.
+    if (m_cTaken == m_flights.size() || m_flights[m_cTaken].eState == eSS_REFUSED) {
         m_cv.notify_all();
     }
 }
@@ -478,24 +534,30 @@ void CMqttLinkImpl::PublishWaiting()
     for (MqttMessage const &message : waiting) {
         Publish(message, nullptr);
     }
-    PublishSend();
+    PublishFlights();
 }
 
-void CMqttLinkImpl::PublishSend()
+void CMqttLinkImpl::PublishFlights()
 {
     CPlatGuard const lock(m_mx);
-    if (m_eSend != eSS_WAITING) {
-        return;
-    }
-    // The acknowledgment comes by this thread, so not before the number is known.
-    int const nResult = Publish(m_send, &m_nSendMid);
-    // Anything but these is the connection's affair: what the library has taken it sends again by itself.
-    bool const bRefused = nResult == MOSQ_ERR_INVAL || nResult == MOSQ_ERR_PAYLOAD_SIZE ||
-                          nResult == MOSQ_ERR_MALFORMED_UTF8 || nResult == MOSQ_ERR_OVERSIZE_PACKET;
-    m_eSend = bRefused ? eSS_REFUSED : nResult == MOSQ_ERR_NOMEM ? eSS_WAITING : eSS_SENT;
-    if (bRefused) {
-        m_strSendWhy = "the message cannot be published: " + TextOf(nResult);
-        m_cv.notify_all();
+    for (Flight &flight : m_flights) {
+        if (flight.eState != eSS_WAITING) {
+            continue;
+        }
+        // The acknowledgment comes by this thread, so not before the number is known.
+        int const nResult = Publish(flight.what.message, &flight.nMid);
+        // Anything else is the connection's affair: what the library has taken it sends again by itself.
+        bool const bRefused = nResult == MOSQ_ERR_INVAL || nResult == MOSQ_ERR_PAYLOAD_SIZE ||
+                              nResult == MOSQ_ERR_MALFORMED_UTF8 ||
+                              nResult == MOSQ_ERR_OVERSIZE_PACKET;
+        if (nResult == MOSQ_ERR_NOMEM) {
+            return;
+        }
+        flight.eState = bRefused ? eSS_REFUSED : eSS_SENT;
+        if (bRefused) {
+            flight.strWhy = "the message cannot be published: " + TextOf(nResult);
+            m_cv.notify_all();
+        }
     }
 }
 
@@ -541,9 +603,10 @@ void CMqttLink::Start()
     m_pImpl->Start();
 }
 
-HubOutcomeType CMqttLink::Send(std::string const &strId, MqttMessage message, std::string *pstrWhy)
+HubOutcomeType CMqttLink::Send(std::vector<MqttNamedMessage> messages, std::size_t *pcTaken,
+                               std::string *pstrWhy)
 {
-    return m_pImpl->Send(strId, std::move(message), pstrWhy);
+    return m_pImpl->Send(std::move(messages), pcTaken, pstrWhy);
 }
 
 void CMqttLink::Post(MqttMessage message)

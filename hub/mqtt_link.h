@@ -6,16 +6,24 @@
 #include "hub/sink.h"
 
 #include <chrono>
+#include <cstddef>
 #include <functional>
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 /// What is published, or has come.
 struct MqttMessage {
     std::string strTopic;
     std::string strPayload;
     bool bRetain = false;
+};
+
+/// A message that the broker has to acknowledge, by the name of what it tells of.
+struct MqttNamedMessage {
+    std::string strId;
+    MqttMessage message;
 };
 
 /// What the owner hears, all of it on the link's thread and under none of its locks. None may throw or wait.
@@ -42,10 +50,16 @@ public:
     /// Begins to connect; once, when the owner is ready for events. Throws std::system_error.
     void Start();
 
-    /// Publishes with QoS 1 and waits for the broker's acknowledgment, the settings' limit at most; for a
-    /// connection, too, unless the broker refuses it. A call with the same strId after one that came back too
-    /// early waits for the same message and does not publish another. One thread at a time.
-    HubOutcomeType Send(std::string const &strId, MqttMessage message, std::string *pstrWhy);
+    /// How many messages Send has on their way at once.
+    static constexpr std::size_t kWindow = 500;
+
+    /// Publishes up to kWindow messages with QoS 1 and waits for the broker's acknowledgments, the settings' limit
+    /// at most for the next one; for a connection, too, unless the broker refuses it. *pcTaken is how many were
+    /// acknowledged before the first that was not, of which the result tells. What a call that came back too
+    /// early has published is not published again by the next one, if it has the same strId. One thread at a
+    /// time.
+    HubOutcomeType Send(std::vector<MqttNamedMessage> messages, std::size_t *pcTaken,
+                        std::string *pstrWhy);
 
     /// Publishes with QoS 1 and does not wait; nothing happens while there is no connection. Any thread.
     void Post(MqttMessage message);

@@ -32,7 +32,8 @@ public:
     CMqttSinkImpl(HubMqttSettings const &settings, HubSinkHost const &host);
     ~CMqttSinkImpl() { Stop(); }
 
-    HubOutcomeType Deliver(HubEvent const &event, std::string *pstrWhy);
+    HubOutcomeType Deliver(std::vector<HubEvent const *> const &events, std::size_t *pcTaken,
+                           std::string *pstrWhy);
     void Tell(HubDeviceState const &state);
     void Forget(std::string const &strDevice);
     void Stop();
@@ -91,12 +92,18 @@ MqttLinkEvents CMqttSinkImpl::Events()
             [this] { return OnTurn(); }};
 }
 
-HubOutcomeType CMqttSinkImpl::Deliver(HubEvent const &event, std::string *pstrWhy)
+HubOutcomeType CMqttSinkImpl::Deliver(std::vector<HubEvent const *> const &events,
+                                      std::size_t *pcTaken, std::string *pstrWhy)
 {
-    return m_link.Send(event.strId,
-                       {m_topics.Of(event.strDevice, ShortHubType(event)), event.strJson,
-                        /*bRetain=*/false},
-                       pstrWhy);
+    std::vector<MqttNamedMessage> messages;
+    for (HubEvent const *const pEvent : events) {
+        std::string const strTopic = m_topics.Of(pEvent->strDevice, ShortHubType(*pEvent));
+        messages.push_back({pEvent->strId, {strTopic, pEvent->strJson, /*bRetain=*/false}});
+        if (messages.size() == CMqttLink::kWindow) {
+            break;
+        }
+    }
+    return m_link.Send(std::move(messages), pcTaken, pstrWhy);
 }
 
 void CMqttSinkImpl::Stop()
@@ -234,7 +241,14 @@ CMqttSink::~CMqttSink() = default;
 
 HubOutcomeType CMqttSink::Deliver(HubEvent const &event, std::string *pstrWhy)
 {
-    return m_pImpl->Deliver(event, pstrWhy);
+    std::size_t cTaken = 0;
+    return m_pImpl->Deliver({&event}, &cTaken, pstrWhy);
+}
+
+HubOutcomeType CMqttSink::DeliverSome(std::vector<HubEvent const *> const &events,
+                                      std::size_t *pcTaken, std::string *pstrWhy)
+{
+    return m_pImpl->Deliver(events, pcTaken, pstrWhy);
 }
 
 void CMqttSink::Tell(HubDeviceState const &state)

@@ -38,6 +38,8 @@ public:
     ~CMqttSink() override;
 
     HubOutcomeType Deliver(HubEvent const &event, std::string *pstrWhy) override;
+    HubOutcomeType DeliverSome(std::vector<HubEvent const *> const &events, std::size_t *pcTaken,
+                               std::string *pstrWhy) override;
     void Tell(HubDeviceState const &state) override;
     void Forget(std::string const &strDevice) override;
     void Stop() override;

@@ -4,7 +4,9 @@
 /// tried is the business of who calls it; a sink hands on one event at a time and says how that went.
 #include "hub/hub_event.h"
 
+#include <cstddef>
 #include <string>
+#include <vector>
 
 /// What became of an event that was to be handed on.
 enum HubOutcomeType {
@@ -30,6 +32,18 @@ public:
     /// Hands the event on; returns when it is known what became of it. A wait in it ends with the time limit of
     /// the sink's settings, and with Stop. On anything but eHO_TAKEN *pstrWhy is the reason in one line.
     virtual HubOutcomeType Deliver(HubEvent const &event, std::string *pstrWhy) = 0;
+
+    /// Hands on events from the front of a list that is not empty, the first one or as many as the sink likes to
+    /// have on their way at once. *pcTaken is how many were taken, all from the front. eHO_TAKEN is the result if
+    /// that was at least one, and nothing is known to be wrong with the next; else it tells of the next one. What
+    /// stands behind may have been handed on, too; it is not done with, and comes with the next call.
+    virtual HubOutcomeType DeliverSome(std::vector<HubEvent const *> const &events,
+                                       std::size_t *pcTaken, std::string *pstrWhy)
+    {
+        HubOutcomeType const eOutcome = Deliver(*events.front(), pstrWhy);
+        *pcTaken = eOutcome == eHO_TAKEN ? 1 : 0;
+        return eOutcome;
+    }
 
     /// A device's state has changed, or the sink is new and this is how it stands. Not kept and not tried again:
     /// the sink remembers what it needs, such as for the next time that it has a connection.

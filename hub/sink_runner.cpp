@@ -9,7 +9,7 @@ using std::chrono::system_clock;
 
 namespace {
 
-constexpr std::size_t kFetch = 100;              // events at once
+constexpr std::size_t kFetch = 500;              // events at once
 constexpr std::chrono::seconds kJournalPause{1}; // when the journal cannot be read
 
 } // namespace
@@ -227,35 +227,47 @@ bool CSinkRunner::IsWanted(HubEvent const &event) const
                      event.strText);
 }
 
+// The event and those behind it that the sink wants, as far as they have been fetched.
+std::vector<HubEvent const *> CSinkRunner::WantedFrom(HubEvent const &first) const
+{
+    std::vector<HubEvent const *> events;
+    for (HubEventPtr const &pEvent : m_fetched) {
+        if (pEvent->dwPlace >= first.dwPlace && IsWanted(*pEvent)) {
+            events.push_back(pEvent.get());
+        }
+    }
+    return events;
+}
+
 void CSinkRunner::HandOn(HubEvent const &event)
 {
     if (!IsWanted(event)) {
         Advance(event.dwPlace);
         return;
     }
+    std::vector<HubEvent const *> const events = WantedFrom(event);
     std::string strWhy;
-    switch (m_pSink->Deliver(event, &strWhy)) {
-    case eHO_TAKEN:
-        Taken();
-        Advance(event.dwPlace);
-        break;
-    case eHO_REFUSED:
-        GiveUp(event, "refused: " + strWhy);
-        break;
-    case eHO_LATER:
-        Failed(event, strWhy);
-        break;
+    std::size_t cTaken = 0;
+    HubOutcomeType const eOutcome = m_pSink->DeliverSome(events, &cTaken, &strWhy);
+    if (cTaken > 0) {
+        Taken(cTaken);
+        Advance(events[cTaken - 1]->dwPlace);
+    }
+    if (eOutcome == eHO_REFUSED) {
+        GiveUp(*events[cTaken], "refused: " + strWhy);
+    } else if (eOutcome == eHO_LATER) {
+        Failed(*events[cTaken], strWhy);
     }
 }
 
-void CSinkRunner::Taken()
+void CSinkRunner::Taken(std::size_t cEvents)
 {
     bool bAgain = false;
     {
         CPlatGuard const lock(m_mutex);
         bAgain = !m_status.strProblem.empty();
         m_status.strProblem.clear();
-        ++m_status.cDelivered;
+        m_status.cDelivered += cEvents;
         m_status.lastDelivered = system_clock::now();
     }
     m_pause = m_settings.firstPause;

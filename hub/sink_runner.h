@@ -16,6 +16,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <vector>
 
 using HubRulesPtr = std::shared_ptr<std::vector<HubRule> const>;
 
@@ -50,12 +51,13 @@ private:
     HubEventPtr Next();
     void Fetch();
     void MissedUntil(std::uint64_t dwPlace);
+    std::vector<HubEvent const *> WantedFrom(HubEvent const &first) const;
     void HandOn(HubEvent const &event);
     bool IsWanted(HubEvent const &event) const;
     bool IsTooOld(HubEvent const &event) const;
     void Failed(HubEvent const &event, std::string const &strWhy);
     void GiveUp(HubEvent const &event, std::string const &strWhy);
-    void Taken();
+    void Taken(std::size_t cEvents);
     void Advance(std::uint64_t dwPlace);
     void Rest(Clock::time_point tpEnd);
     bool IsStopped() const;

@@ -58,26 +58,28 @@ class Broker:
     """A broker with a folder of its own, which forgets what it had when it is killed."""
 
     def __init__(self, test, *lines):
-        self.port = free_port()
         self.folder = test.folder().path
         self.folder.chmod(0o755)
-        self.settings = self.folder / "mosquitto.conf"
-        self.settings.write_text("\n".join([f"listener {self.port} 127.0.0.1", "persistence false",
-                                            *(lines or ["allow_anonymous true"])]) + "\n")
-        self.process = None
+        self.lines = lines or ["allow_anonymous true"]
+        self.process = self.port = None
         test.addCleanup(self.kill)
         self.start()
 
     def start(self):
-        with (self.folder / "log").open("a") as log:
-            self.process = subprocess.Popen([BROKER, "-c", str(self.settings)], stdout=log, stderr=log)
-        until(self.listens)
+        """At the port that it had before, or at any that nobody takes first."""
+        for port in [self.port] if self.port else [free_port() for _ in range(5)]:
+            settings = self.folder / "mosquitto.conf"
+            settings.write_text("\n".join([f"listener {port} 127.0.0.1", "persistence false", *self.lines]) + "\n")
+            with (self.folder / "log").open("a") as log:
+                self.process = subprocess.Popen([BROKER, "-c", str(settings)], stdout=log, stderr=log)
+            if until(lambda: self.process.poll() is not None or self.listens(port)) and self.process.poll() is None:
+                self.port = port
+                return
+        raise AssertionError("the broker does not start: " + (self.folder / "log").read_text())
 
-    def listens(self):
-        if self.process.poll() is not None:
-            raise AssertionError("the broker has ended: " + (self.folder / "log").read_text())
+    def listens(self, port):
         with contextlib.suppress(OSError):
-            socket.create_connection(("127.0.0.1", self.port)).close()
+            socket.create_connection(("127.0.0.1", port)).close()
             return True
 
     def kill(self):
@@ -207,6 +209,8 @@ class BrokerTest(HubTest):
         self.event(subscriber)
         first = self.hub(device, self.sink(broker), "first")
         subscriber.expect("qoma/office/active first$")
+        first.expect("hall: link connected", "err")
+        second.expect("gives back", "err")
         until(lambda: self.entries(device) == 1)
         self.pick(device)
         self.event(subscriber)
@@ -307,14 +311,14 @@ GLib.MainLoop().run()
 
 class MetricsTest(HubTest):
     def test_what_prometheus_reads(self):
-        port = free_port()
         device = self.office_device()
-        self.hub(device, '[[sink]]\nname = "hook"\ntype = "webhook"\nurl = "http://127.0.0.1:1/"\n'
-                         f'first_pause = "50ms"\n[metrics]\nport = {port}\n')
+        hub = self.hub(device, '[[sink]]\nname = "hook"\ntype = "webhook"\nurl = "http://127.0.0.1:1/"\n'
+                         f'first_pause = "50ms"\n[metrics]\nport = 0\n')
+        url = hub.expect("metrics at (http.*/)metrics", "err").group(1)
         self.pick(device, times=2)
 
         def read(what):
-            with contextlib.suppress(OSError), urllib.request.urlopen(f"http://127.0.0.1:{port}/{what}") as answer:
+            with contextlib.suppress(OSError), urllib.request.urlopen(url + what) as answer:
                 return answer.read().decode()
 
         def values():
