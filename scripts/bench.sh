@@ -8,16 +8,17 @@ cd "$(dirname "$0")/.."
 source scripts/common.sh
 
 smoke=0
+hub=()
 for argument in "$@"; do
     case $argument in
-    --smoke) smoke=1 ;;
+    --smoke) smoke=1 hub=(--smoke) ;;
     --growth) ;;
     *) fail "no such option: $argument (--growth or --smoke)" 2 ;;
     esac
 done
 
-scripts/setup.sh bench
-scripts/build.sh default -DQOMA_BUILD_BENCH=ON bench_qoma bench_win32 bench_agents
+scripts/setup.sh bench hub mosquitto mosquitto-clients
+scripts/build.sh default -DQOMA_BUILD_BENCH=ON bench_qoma bench_win32 bench_agents notifyhub notifymon mfpsim
 
 windows=()
 if [[ $smoke -eq 0 && -x /usr/lib/wine/wine64 ]] && command -v x86_64-w64-mingw32-g++-posix >/dev/null; then
@@ -30,3 +31,4 @@ if [[ $smoke -eq 0 && -x /usr/lib/wine/wine64 ]] && command -v x86_64-w64-mingw3
 fi
 say "measuring"
 python3 bench/report.py build/default/bin "${windows[@]}" "$@"
+python3 bench/hub.py build/default/bin "${hub[@]}"
