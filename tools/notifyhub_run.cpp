@@ -1,6 +1,7 @@
 #include "tools/notifyhub_run.h"
 
 #include "hub/hub.h"
+#include "hub/hub_web.h"
 #include "hub/metrics.h"
 #include "hub/service.h"
 #include "platform/console.h"
@@ -93,6 +94,7 @@ public:
             return eHX_CANNOT_KEEP;
         }
         ServeMetrics(settings);
+        ServePages(settings);
         PrintHubLog(eHL_NOTICE, "ready, journal " + settings.journal.strFile);
         m_service.Ready(HubStatusLine(m_hub.Status()));
         for (auto eAsked = CRequests::eNOTHING; eAsked != CRequests::eEND;) {
@@ -131,6 +133,26 @@ private:
         }
     }
 
+    void ServePages(HubSettings const &settings)
+    {
+        if (settings.web == m_web) {
+            return;
+        }
+        m_pWeb.reset();
+        m_web = settings.web;
+        if (!m_web) {
+            return;
+        }
+        std::string strError;
+        m_pWeb = std::make_unique<CHubWeb>(*m_web, settings.journal.strFile, m_hub);
+        if (m_pWeb->Start(&strError)) {
+            PrintHubLog(eHL_NOTICE, "pages at " + m_pWeb->Url());
+        } else {
+            PrintHubLog(eHL_ERROR, "no pages: " + strError);
+            m_pWeb.reset();
+        }
+    }
+
     void Reload()
     {
         if (m_strFile.empty()) {
@@ -142,6 +164,7 @@ private:
         if (auto const settings = ReadHubSettings(m_strFile, &strError)) {
             m_hub.Apply(*settings);
             ServeMetrics(*settings);
+            ServePages(*settings);
             PrintHubLog(eHL_NOTICE, "the settings have been read again");
         } else {
             PrintHubLog(eHL_ERROR, strError + "; the settings stay as they were");
@@ -153,6 +176,7 @@ private:
     {
         m_service.Stopping();
         m_pMetrics.reset();
+        m_pWeb.reset();
         // Whatever waits for whom, the process ends; a thread that it would have to wait for goes with it.
         std::thread([] {
             std::this_thread::sleep_for(kEndLimit);
@@ -171,6 +195,8 @@ private:
     std::optional<milliseconds> const m_feed;
     std::optional<HubListenSettings> m_metrics; // as it is served, or could not be
     std::unique_ptr<CHubMetricsServer> m_pMetrics;
+    std::optional<HubListenSettings> m_web; // the same of the pages
+    std::unique_ptr<CHubWeb> m_pWeb;
 };
 
 } // namespace

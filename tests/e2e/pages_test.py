@@ -11,7 +11,7 @@ import tempfile
 import unittest
 import urllib.request
 
-from programs import LIMIT, Device, RoadTest
+from programs import LIMIT, Device, Program, RoadTest
 
 try:
     from selenium import webdriver
@@ -79,14 +79,7 @@ class Panel:
         ActionChains(self.browser).send_keys(*keys).perform()
 
 
-@unittest.skipUnless(webdriver and shutil.which("chromium") and shutil.which("chromedriver"), "no chromium, no selenium")
-class PanelTest(RoadTest):
-    def panel(self, *arguments):
-        """A device with a page, and a browser that shows it."""
-        device = self.device("--web", "0", *arguments)
-        device.url = device.expect(r"pages at (http://\S+)").group(1)
-        return device, self.browse(device.url)
-
+class PageTest(RoadTest):
     def browse(self, url):
         profile = tempfile.TemporaryDirectory()
         self.addCleanup(profile.cleanup)
@@ -94,6 +87,31 @@ class PanelTest(RoadTest):
         self.addCleanup(panel.browser.quit)
         panel.reads("#connection", "live")
         return panel
+
+    def look_at(self, panel, page):
+        """All widths, light and dark: nothing sticks out, all can be read, and what can be operated has a name."""
+        folder = pathlib.Path(os.environ.get("QOMA_SCREENSHOTS", tempfile.gettempdir()))
+        for scheme in ("light", "dark"):
+            panel.browser.execute_cdp_cmd("Emulation.setEmulatedMedia", {"features": [
+                {"name": "prefers-color-scheme", "value": scheme}]})
+            for name, width in WIDTHS.items():
+                panel.browser.execute_cdp_cmd("Emulation.setDeviceMetricsOverride", {
+                    "width": width, "height": 1000, "deviceScaleFactor": 1, "mobile": width < 500})
+                self.assertLessEqual(panel.browser.execute_script(
+                    "return document.documentElement.scrollWidth - document.documentElement.clientWidth"), 0, name)
+                panel.browser.save_screenshot(str(folder / f"{page}-{name}-{scheme}.png"))
+            self.assertEqual([], panel.browser.execute_script(CONTRAST))
+        self.assertEqual([], panel.browser.execute_script(NAMELESS))
+        self.assertEqual([], [entry for entry in panel.browser.get_log("browser") if entry["level"] == "SEVERE"])
+
+
+@unittest.skipUnless(webdriver and shutil.which("chromium") and shutil.which("chromedriver"), "no chromium, no selenium")
+class PanelTest(PageTest):
+    def panel(self, *arguments):
+        """A device with a page, and a browser that shows it."""
+        device = self.device("--web", "0", *arguments)
+        device.url = device.expect(r"pages at (http://\S+)").group(1)
+        return device, self.browse(device.url)
 
     def test_a_click_is_heard_and_its_way_is_drawn(self):
         device, panel = self.panel("--lose-echo", "1")
@@ -193,19 +211,7 @@ class PanelTest(RoadTest):
         client.next("eCT_SELECT_NOTIFY")
         panel.timeline("echoed")
         next(row for row in panel.all(".event") if "picked" in row.text).click()
-        folder = pathlib.Path(os.environ.get("QOMA_SCREENSHOTS", tempfile.gettempdir()))
-        for scheme in ("light", "dark"):
-            panel.browser.execute_cdp_cmd("Emulation.setEmulatedMedia", {"features": [
-                {"name": "prefers-color-scheme", "value": scheme}]})
-            for name, width in WIDTHS.items():
-                panel.browser.execute_cdp_cmd("Emulation.setDeviceMetricsOverride", {
-                    "width": width, "height": 1000, "deviceScaleFactor": 1, "mobile": width < 500})
-                self.assertLessEqual(panel.browser.execute_script(
-                    "return document.documentElement.scrollWidth - document.documentElement.clientWidth"), 0, name)
-                panel.browser.save_screenshot(str(folder / f"panel-{name}-{scheme}.png"))
-            self.assertEqual([], panel.browser.execute_script(CONTRAST))
-        self.assertEqual([], panel.browser.execute_script(NAMELESS))
-        self.assertEqual([], [entry for entry in panel.browser.get_log("browser") if entry["level"] == "SEVERE"])
+        self.look_at(panel, "panel")
         asked = {json.loads(entry["message"])["message"]["params"]["request"]["url"]
                  for entry in panel.browser.get_log("performance") if '"Network.requestWillBeSent"' in entry["message"]}
         self.assertEqual(set(), {url for url in asked if url.startswith(("http", "ws")) and not url.startswith(panel.url)})
@@ -265,3 +271,59 @@ return [...document.querySelectorAll('button, input, select, a[href], [role=img]
   return !name;
 }).map((element) => element.outerHTML.slice(0, 120));
 """
+
+
+@unittest.skipUnless(webdriver and shutil.which("chromium") and shutil.which("chromedriver"), "no chromium, no selenium")
+@unittest.skipUnless("QOMA_NOTIFYHUB" in os.environ, "no notifyhub")
+class HubPageTest(PageTest):
+    DEVICES = 60
+
+    def hub(self):
+        """A fleet, the hub that hears it, and a browser at its page."""
+        path = self.folder().path
+        fleet = self.start(Device, "--fleet", self.DEVICES)
+        settings = '[journal]\nfile = "journal.db"\n[web]\nport = 0\n' + "".join(
+            f'[[sink]]\nname = "{name}"\ntype = "exec"\ncommand = ["{name}"]\n' for name in ("true", "false"))
+        for n in range(1, self.DEVICES + 1):
+            settings += f'[[device]]\nname = "room-{n:02}"\naddress = "127.0.1.{n}"\nport = {fleet.port}\n'
+        (path / "hub.toml").write_text(settings)
+        hub = self.start(Program, "QOMA_NOTIFYHUB", "--settings", path / "hub.toml")
+        url = hub.expect(r"pages at (http://\S+)", "err").group(1)
+        panel = self.browse(url)
+        panel.reads("#totals", f"{self.DEVICES} of {self.DEVICES} devices connected")
+        return fleet, hub, panel
+
+    def rows(self, panel, table):
+        return [row.text for row in panel.all(f"#{table} tbody tr")]
+
+    def type(self, panel, selector, text):
+        panel.find(selector).clear()
+        panel.find(selector).send_keys(text)
+
+    def test_devices_sinks_and_events(self):
+        fleet, hub, panel = self.hub()
+        panel.reads("#range", "1 to 50 of 60")
+        panel.click("#next")
+        panel.reads("#range", "51 to 60 of 60")
+        self.type(panel, "#filter", "ROOM-07")
+        panel.reads("#range", "1 to 1 of 1")
+        self.assertEqual(1, len(self.rows(panel, "devices")))
+        panel.until(lambda: any("false exec" in row and "exit code 1" in row for row in self.rows(panel, "sinks")), "sinks")
+
+        fleet.tell("7 pick 1")
+        panel.until(lambda: "room-07 panel.picked notifyhub" in self.rows(panel, "events")[0], "the pick, live")
+        fleet.tell("7 cut 3000")
+        panel.until(lambda: "lost" in self.rows(panel, "devices")[0], "the device is lost")
+        self.type(panel, "#device", "room-07")
+        panel.until(lambda: len(self.rows(panel, "events")) in (3, 4), "what the journal has of one device")
+        panel.find("#type").send_keys("picks")
+        panel.until(lambda: len(self.rows(panel, "events")) == 1, "its picks")
+        self.type(panel, "#text", "no such text")
+        panel.until(lambda: not self.rows(panel, "events"), "a text that nothing holds")
+        panel.until(lambda: "connected" in self.rows(panel, "devices")[0] or "back" in self.rows(panel, "devices")[0], "back")
+        hub.interrupt()
+        panel.reads("#connection", "does not answer")
+
+    def test_it_can_be_read_at_all_widths(self):
+        _, _, panel = self.hub()
+        self.look_at(panel, "hub")
