@@ -3,17 +3,20 @@
 //
 // The standard output carries events alone, everything else goes to the standard error. Exit codes are those of
 // sysexits.
+#include "devlink/link_stream.h"
 #include "tools/notifyhub_events.h"
 #include "tools/notifyhub_output.h"
 #include "tools/notifyhub_run.h"
 #include "tools/usage.h"
 
+#include <charconv>
 #include <cstdio>
 
 namespace {
 
 struct Options {
     std::string strSettings;
+    std::string strWeb;
     std::string strCheck; // of "check"
     EventsOptions events;
     std::string strSince;
@@ -27,6 +30,23 @@ std::string SinceProblem(std::string const &strSince)
                                 : "\"" + strSince +
                                       "\" is no time such as 90s, 10m, 2h or 3d ago, 2026-11-23 or "
                                       "2026-11-23T14:05:00Z";
+}
+
+// "PORT" or "a.b.c.d:PORT"; nothing if it is neither.
+std::optional<HubListenSettings> ListenOf(std::string const &strWeb)
+{
+    HubListenSettings listen;
+    std::size_t const nColon = strWeb.rfind(':');
+    std::string const strPort = nColon == std::string::npos ? strWeb : strWeb.substr(nColon + 1);
+    if (nColon != std::string::npos) {
+        listen.strAddress = strWeb.substr(0, nColon);
+    }
+    auto const [p, error] =
+        std::from_chars(strPort.data(), strPort.data() + strPort.size(), listen.wPort);
+    DWORD dwHost = 0;
+    bool const bGood = error == std::errc() && p == strPort.data() + strPort.size() &&
+                       ParseDottedAddress(listen.strAddress, &dwHost);
+    return bGood ? std::optional(listen) : std::nullopt;
 }
 
 CLI::App *AddEvents(CLI::App &app, Options &options)
@@ -101,6 +121,14 @@ int main(int argc, char **argv)
                    "The settings (see docs/hub.md). Without them notifyhub hears the device at "
                    "this machine and prints")
         ->option_text("FILE");
+    app.add_option(
+           "--web", options.strWeb,
+           "Show devices, sinks and events in a browser at [ADDRESS:]PORT, 0 for any port; at "
+           "127.0.0.1 unless told otherwise")
+        ->option_text("[ADDRESS:]PORT")
+        ->check([](std::string const &strWeb) {
+            return ListenOf(strWeb) ? "" : "\"" + strWeb + "\" is neither PORT nor a.b.c.d:PORT";
+        });
     app.footer("SIGHUP has the settings read again. Ends on Ctrl-C or SIGTERM.\n"
                "Exit code, by sysexits: 0 done, 64 bad usage, 65 there is no such sink, 70 out of "
                "memory, 73 no journal to be had, 74 nobody takes the output, 78 the settings are "
@@ -129,7 +157,7 @@ int main(int argc, char **argv)
         if (*pReplay) {
             return ReplayEvents(*settings, options.strSink, *TimeOfText(options.strSince));
         }
-        return RunHub(*settings, options.strSettings);
+        return RunHub(*settings, options.strSettings, ListenOf(options.strWeb));
     } catch (std::exception const &error) {
         PrintHubLog(eHL_ERROR, error.what());
         return eHX_SOFTWARE;

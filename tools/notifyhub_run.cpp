@@ -80,8 +80,8 @@ std::unique_ptr<CHubSink> MakeSink(HubSinkSettings const &settings, HubSinkHost 
 
 class CHubRun {
 public:
-    explicit CHubRun(std::string strFile)
-        : m_strFile(std::move(strFile)), m_hub(PrintHubLog, MakeSink),
+    CHubRun(std::string strFile, std::optional<HubListenSettings> web)
+        : m_strFile(std::move(strFile)), m_webGiven(std::move(web)), m_hub(PrintHubLog, MakeSink),
           m_feed(CService::FeedPeriod())
     {
     }
@@ -135,11 +135,12 @@ private:
 
     void ServePages(HubSettings const &settings)
     {
-        if (settings.web == m_web) {
+        std::optional<HubListenSettings> const &wanted = m_webGiven ? m_webGiven : settings.web;
+        if (wanted == m_web) {
             return;
         }
         m_pWeb.reset();
-        m_web = settings.web;
+        m_web = wanted;
         if (!m_web) {
             return;
         }
@@ -190,6 +191,7 @@ private:
     }
 
     std::string const m_strFile;
+    std::optional<HubListenSettings> const m_webGiven; // by the command line
     CHub m_hub;
     CService m_service;
     std::optional<milliseconds> const m_feed;
@@ -201,8 +203,9 @@ private:
 
 } // namespace
 
-int RunHub(HubSettings const &settings, std::string const &strFile)
+int RunHub(HubSettings const &settings, std::string const &strFile,
+           std::optional<HubListenSettings> const &web)
 {
     SetConsoleCtrlHandler(OnConsole, TRUE);
-    return CHubRun(strFile).Run(settings);
+    return CHubRun(strFile, web).Run(settings);
 }
