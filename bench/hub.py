@@ -21,7 +21,6 @@ import tempfile
 import time
 
 LIMIT = 30  # s, for a program to be ready
-WINDOW = 900  # events on their way: notifymon drops what is more than 1000 behind
 BROKER = shutil.which("mosquitto", path=os.environ.get("PATH", "") + ":/usr/sbin")
 
 
@@ -88,7 +87,8 @@ class Office:
 class Way:
     """From a datagram to a subscriber's line."""
 
-    def __init__(self, office, entry, topic):
+    def __init__(self, office, entry, topic, window):
+        self.window = window  # events on their way at most
         self.text = office.entry(entry)
         address, port = re.search(r"NETADDR=([0-9.]+):(\d+);", self.text).groups()
         self.socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
@@ -142,13 +142,14 @@ class Way:
         return result
 
     def rate(self, count):
-        """Events a second, as fast as they are taken: 50 without an echo, WINDOW on their way to the subscriber."""
+        """Events a second, as fast as they are taken: 50 without an echo, and no more on their way
+        to the subscriber than the programs keep."""
         begin, first = time.perf_counter(), self.number
         echoed = arrived = 0
         seen = set()
         while len(seen) < count:
             while self.number - first < count and self.number - first - echoed < 50 and \
-                    self.number - first - len(seen) < WINDOW:
+                    self.number - first - len(seen) < self.window:
                 self.send()
             if not self.wait():
                 sys.exit(f"bench: {count - len(seen)} of {count} events do not arrive")
@@ -164,14 +165,14 @@ def hub(office, round):
                    f'port = {office.device}\nentries = ["hub"]\n[[sink]]\nname = "broker"\ntype = "mqtt"\n'
                    f'host = "127.0.0.1"\nport = {office.broker}\n')
     office.start(office.program("notifyhub"), "--settings", settings)
-    return Way(office, "hub", "qoma/office/d/panel.picked")
+    return Way(office, "hub", "qoma/office/d/panel.picked", 5000)
 
 
 def pipe(office):
     program = shlex.quote(office.program("notifymon"))
     office.start("sh", "-c", f"{program} --json --address 127.0.0.1 --port {office.device} --option pipe | "
                              f"mosquitto_pub -p {office.broker} -l -q 1 -t pipe")
-    return Way(office, "pipe", "pipe")
+    return Way(office, "pipe", "pipe", 900)  # notifymon drops what is more than 1000 behind
 
 
 def fsync_ms(folder):
