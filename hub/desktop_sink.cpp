@@ -10,7 +10,6 @@
 #include <chrono>
 #include <cstring>
 #include <functional>
-#include <poll.h>
 #include <set>
 #include <utility>
 
@@ -146,8 +145,7 @@ int CDesktopSinkImpl::WaitForBus(steady_clock::time_point tpEnd)
         return nEvents;
     }
     auto const left = std::chrono::ceil<milliseconds>(tpEnd - steady_clock::now());
-    m_waiter.Wait(sd_bus_get_fd(m_pBus.get()), nEvents & POLLIN, nEvents & POLLOUT,
-                  std::min(left, kLongestWait));
+    m_waiter.Wait(sd_bus_get_fd(m_pBus.get()), nEvents, std::min(left, kLongestWait));
     return 0;
 }
 

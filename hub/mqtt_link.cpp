@@ -1,6 +1,7 @@
 #include "hub/mqtt_link.h"
 
 #include "hub/waiter.h"
+#include "platform/descriptor.h"
 #include "platform/lock.h"
 
 #include <mosquitto.h>
@@ -12,10 +13,7 @@
 #include <cstring>
 #include <deque>
 #include <mutex>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <new>
-#include <sys/socket.h>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -51,14 +49,6 @@ struct Flight {
     int nMid = 0;       // once it is sent
     std::string strWhy; // it is refused
 };
-
-// A broker holds the second of several acknowledgments back until the kernel has acknowledged the first, and the
-// kernel would wait 40 ms for something of ours to send along. It forgets this with what comes next.
-void AcknowledgeAtOnce(int nSocket)
-{
-    int const nOn = 1;
-    ::setsockopt(nSocket, IPPROTO_TCP, TCP_QUICKACK, &nOn, sizeof nOn);
-}
 
 std::string TextOf(int nResult)
 {
@@ -452,13 +442,14 @@ int CMqttLinkImpl::Turn(milliseconds limit)
     if (nSocket == -1) {
         return MOSQ_ERR_CONN_LOST;
     }
-    AcknowledgeAtOnce(nSocket);
-    CHubWaiter::Ready const ready =
-        m_waiter.Wait(nSocket, /*bRead=*/true, mosquitto_want_write(p),
+    // A broker holds the second of several acknowledgments back until the first has been.
+    PlatDescriptorAckAtOnce(nSocket);
+    int const nReady =
+        m_waiter.Wait(nSocket, kPlatReadable | (mosquitto_want_write(p) ? kPlatWritable : 0),
                       m_bOnline ? limit : std::min(limit, kOpeningTurn));
     int nResult = MOSQ_ERR_SUCCESS;
     // Before the broker has taken us the library does not always say that it wants to write.
-    if (ready.bWrite || !m_bOnline) {
+    if ((nReady & kPlatWritable) || !m_bOnline) {
         nResult = mosquitto_loop_write(p, 1);
     }
     // Also when there is nothing at the socket: TLS may have it already.
@@ -584,7 +575,7 @@ void CMqttLinkImpl::Pause()
     auto const tpEnd = Clock::now() + m_pause;
     m_pause = std::min(m_pause * 2, kLongestPause);
     while (!MustLeave() && Clock::now() < tpEnd) {
-        m_waiter.Wait(-1, false, false, Until(tpEnd));
+        m_waiter.Wait(-1, 0, Until(tpEnd));
     }
 }
 

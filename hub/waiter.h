@@ -9,12 +9,6 @@
 /// One thread waits, any thread wakes it.
 class CHubWaiter {
 public:
-    /// What the descriptor is ready for; an error or its end counts as both.
-    struct Ready {
-        bool bRead = false;
-        bool bWrite = false;
-    };
-
     CHubWaiter(); ///< throws std::bad_alloc when there is no descriptor to be had
     ~CHubWaiter();
     CHubWaiter(CHubWaiter const &) = delete;
@@ -23,9 +17,9 @@ public:
     /// Ends the Wait in progress, or the next one. Any thread.
     void Wake();
 
-    /// Waits for nDescriptor (-1 for none) to be readable or writable, as far as that is wanted, for the time
-    /// to be up, or for Wake. Any number of descriptors may be open: the wait has no limit of theirs.
-    Ready Wait(int nDescriptor, bool bRead, bool bWrite, std::chrono::milliseconds limit);
+    /// Waits for nDescriptor (-1 for none) to be what nWanted says (platform/descriptor.h), for the time to be up,
+    /// or for Wake. What it is ready for. Any number of descriptors may be open: the wait has no limit of theirs.
+    int Wait(int nDescriptor, int nWanted, std::chrono::milliseconds limit);
 
 private:
     LONG_PTR const m_nReadiness;
