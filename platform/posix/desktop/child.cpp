@@ -139,9 +139,6 @@ CChild::~CChild()
     if (!HasEnded()) {
         Orphans().Add(m_pid);
     }
-    if (m_fdProcess >= 0) {
-        ::close(m_fdProcess);
-    }
 }
 
 DWORD CChild::ExitCode()
@@ -172,8 +169,8 @@ DWORD CChild::Wait(DWORD dwMilliseconds)
 
 void CChild::Doze(int nMilliseconds)
 {
-    pollfd poll = {m_fdProcess, POLLIN, 0};
-    bool const fReady = m_fdProcess >= 0;
+    pollfd poll = {m_fdProcess.Get(), POLLIN, 0};
+    bool const fReady = m_fdProcess.IsOpen();
     ::poll(&poll, fReady ? 1 : 0, fReady ? nMilliseconds : std::min(nMilliseconds, knPollSlice));
 }
 

@@ -4,6 +4,7 @@
 
 #include "platform/base.h"
 #include "platform/lock.h"
+#include "platform/posix/descriptor.h"
 
 #include <cstdint>
 #include <memory>
@@ -35,8 +36,8 @@ private:
     bool Look() PLAT_REQUIRES(m_mutex);
 
     pid_t const m_pid;
-    int const m_fdProcess; // -1 if the kernel has none
-    CPlatMutex m_mutex;    // a leaf
+    CDescriptor const m_fdProcess; // not open if the kernel has none
+    CPlatMutex m_mutex;            // a leaf
     bool m_fEnded PLAT_GUARDED_BY(m_mutex) = false;
     // Stays so if the host waited for the child itself.
     DWORD m_dwExitCode PLAT_GUARDED_BY(m_mutex) = static_cast<DWORD>(-1);

@@ -1,3 +1,4 @@
+#include "platform/posix/descriptor.h"
 #include "platform/posix/desktop/child.h"
 #include "platform/posix/error.h"
 #include "platform/process.h"
@@ -35,39 +36,22 @@ void SetVariable(std::vector<std::string> &astrEnvironment, PlatEnvType const &v
 }
 
 // A program's input, in memory: it is whole before the program begins, and nobody has to feed it.
-class CInput {
-public:
-    CInput() = default;
-    ~CInput()
-    {
-        if (m_fd >= 0) {
-            ::close(m_fd);
-        }
+DWORD FillInput(void const *pInput, std::size_t cbInput, CDescriptor &fdInput)
+{
+    CDescriptor const fd(::memfd_create("input", MFD_CLOEXEC));
+    if (!fd.IsOpen()) {
+        return PlatErrorFromErrno(errno);
     }
-    CInput(CInput const &) = delete;
-    CInput &operator=(CInput const &) = delete;
-
-    int Get() const { return m_fd; }
-
-    DWORD Fill(void const *pInput, std::size_t cbInput)
-    {
-        int const fd = ::memfd_create("input", MFD_CLOEXEC);
-        if (fd < 0) {
-            return PlatErrorFromErrno(errno);
-        }
-        m_fd = ::fcntl(fd, F_DUPFD_CLOEXEC, 3); // above the streams, whose place it is to take
-        ssize_t const cb = ::pwrite(fd, pInput, cbInput, 0); // its place stays at the beginning
-        int const nError = errno;
-        ::close(fd);
-        if (m_fd < 0 || cb < 0) {
-            return PlatErrorFromErrno(nError);
-        }
-        return static_cast<std::size_t>(cb) == cbInput ? ERROR_SUCCESS : ERROR_NOT_ENOUGH_MEMORY;
+    ssize_t const cb = ::pwrite(fd.Get(), pInput, cbInput, 0); // its place stays at the beginning
+    if (cb >= 0) {
+        fdInput.Reset(
+            ::fcntl(fd.Get(), F_DUPFD_CLOEXEC, 3)); // above the streams, whose place it takes
     }
-
-private:
-    int m_fd = -1;
-};
+    if (!fdInput.IsOpen()) {
+        return PlatErrorFromErrno(errno);
+    }
+    return static_cast<std::size_t>(cb) == cbInput ? ERROR_SUCCESS : ERROR_NOT_ENOUGH_MEMORY;
+}
 
 DWORD StartShell(char const *pszCommand, std::vector<PlatEnvType> const &aVariables,
                  std::shared_ptr<CChild> &pChild)
@@ -85,8 +69,8 @@ DWORD StartShell(char const *pszCommand, std::vector<PlatEnvType> const &aVariab
 DWORD StartArguments(std::vector<std::string> astrArguments, void const *pInput,
                      std::size_t cbInput, std::shared_ptr<CChild> &pChild)
 {
-    CInput input;
-    DWORD const dwError = input.Fill(pInput, cbInput);
+    CDescriptor fdInput;
+    DWORD const dwError = FillInput(pInput, cbInput, fdInput);
     if (dwError != ERROR_SUCCESS) {
         return dwError;
     }
@@ -94,7 +78,7 @@ DWORD StartArguments(std::vector<std::string> astrArguments, void const *pInput,
     start.m_strProgram = astrArguments.front();
     start.m_astrArguments = std::move(astrArguments);
     start.m_fCommand = true;
-    start.m_fdInput = input.Get();
+    start.m_fdInput = fdInput.Get();
     return SpawnChild(start, pChild);
 }
 

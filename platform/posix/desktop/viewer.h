@@ -3,6 +3,7 @@
 // The receiving side of a window: who sends, and the loop that hands on what came. What goes over the socket is
 // said here, too.
 
+#include "platform/posix/descriptor.h"
 #include "platform/window.h"
 
 #include <cstdint>
@@ -11,8 +12,6 @@
 #include <string>
 #include <sys/un.h>
 #include <thread>
-#include <unistd.h>
-#include <utility>
 #include <vector>
 
 inline constexpr std::uint32_t kdwWindowMagic = 0x314D5751; // "QWM1"
@@ -23,38 +22,6 @@ struct MessageHeaderType {
     std::uint64_t dwData;
 };
 static_assert(sizeof(MessageHeaderType) == 16);
-
-class CDescriptor {
-public:
-    CDescriptor() = default;
-    explicit CDescriptor(int fd) : m_fd(fd) {}
-    CDescriptor(CDescriptor &&other) noexcept : m_fd(other.Detach()) {}
-    CDescriptor &operator=(CDescriptor &&other) noexcept
-    {
-        Reset(other.Detach());
-        return *this;
-    }
-    ~CDescriptor() { Reset(); }
-
-    bool IsOpen() const { return m_fd >= 0; }
-    int Get() const { return m_fd; }
-    int Detach()
-    {
-        int const fd = m_fd;
-        m_fd = -1;
-        return fd;
-    }
-    void Reset(int fd = -1)
-    {
-        if (m_fd >= 0) {
-            ::close(m_fd);
-        }
-        m_fd = fd;
-    }
-
-private:
-    int m_fd = -1;
-};
 
 // Of the window whose files have this path.
 sockaddr_un WindowSocket(std::string const &strPath);

@@ -65,7 +65,7 @@ HRESULT CStorageFile::Open(std::string const &strName, DWORD dwAccess, DWORD dwD
         if (!OpenFolder(ResolvedName(strName))) {
             return STG_E_ACCESSDENIED;
         }
-        if (PlatIsSameFile(m_target.m_fd, m_strName.c_str(), m_fdFolder)) {
+        if (PlatIsSameFile(m_target.m_fd, m_strName.c_str(), m_fdFolder.Get())) {
             m_fPlaceholder = !m_target.m_fExisted;
             return S_OK;
         }
@@ -77,8 +77,8 @@ HRESULT CStorageFile::Open(std::string const &strName, DWORD dwAccess, DWORD dwD
 void CStorageFile::Close()
 {
     DropAside();
-    if (m_fPlaceholder && PlatIsSameFile(m_target.m_fd, m_strName.c_str(), m_fdFolder)) {
-        ::unlinkat(m_fdFolder, m_strName.c_str(), 0);
+    if (m_fPlaceholder && PlatIsSameFile(m_target.m_fd, m_strName.c_str(), m_fdFolder.Get())) {
+        ::unlinkat(m_fdFolder.Get(), m_strName.c_str(), 0);
     }
     m_fPlaceholder = false;
     CloseTarget();
@@ -98,18 +98,18 @@ HRESULT CStorageFile::Replace(CStorageNode const &root)
 {
     HRESULT hr = OpenAside();
     if (SUCCEEDED(hr)) {
-        hr = StorageSave(m_fdAside, root);
+        hr = StorageSave(m_fdAside.Get(), root);
     }
     if (FAILED(hr)) {
         return hr;
     }
     // Not what another user, whom no share mode keeps out, may have put there.
-    if (!PlatIsSameFile(m_fdAside, m_strAside.c_str(), m_fdFolder) ||
-        ::renameat(m_fdFolder, m_strAside.c_str(), m_fdFolder, m_strName.c_str()) != 0) {
+    if (!PlatIsSameFile(m_fdAside.Get(), m_strAside.c_str(), m_fdFolder.Get()) ||
+        ::renameat(m_fdFolder.Get(), m_strAside.c_str(), m_fdFolder.Get(), m_strName.c_str()) !=
+            0) {
         return STG_E_ACCESSDENIED;
     }
-    ::close(m_fdAside);
-    m_fdAside = -1;
+    m_fdAside.Reset();
     m_fPlaceholder = false;
     return S_OK;
 }
@@ -121,16 +121,13 @@ bool CStorageFile::OpenFolder(std::string const &strName)
     std::size_t const nBase = nSlash == std::string::npos ? 0 : nSlash + 1;
     m_strName = strName.substr(nBase);
     std::string const strFolder = nBase == 0 ? "." : strName.substr(0, nBase);
-    m_fdFolder = ::open(strFolder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
-    return m_fdFolder >= 0;
+    m_fdFolder.Reset(::open(strFolder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    return m_fdFolder.IsOpen();
 }
 
 void CStorageFile::CloseTarget()
 {
-    if (m_fdFolder >= 0) {
-        ::close(m_fdFolder);
-        m_fdFolder = -1;
-    }
+    m_fdFolder.Reset();
     if (m_target.m_fd >= 0) {
         PlatCloseFile(m_target.m_fd);
         m_target = {};
@@ -139,7 +136,7 @@ void CStorageFile::CloseTarget()
 
 HRESULT CStorageFile::OpenAside()
 {
-    if (m_fdAside >= 0) {
+    if (m_fdAside.IsOpen()) {
         return S_OK;
     }
     struct stat st;
@@ -150,12 +147,13 @@ HRESULT CStorageFile::OpenAside()
     std::snprintf(szAside, sizeof szAside, ".%llx.aside",
                   static_cast<unsigned long long>(st.st_ino));
     m_strAside = szAside;
-    ::unlinkat(m_fdFolder, szAside, 0);
-    m_fdAside = ::openat(m_fdFolder, szAside, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-    if (m_fdAside < 0) {
+    ::unlinkat(m_fdFolder.Get(), szAside, 0);
+    m_fdAside.Reset(
+        ::openat(m_fdFolder.Get(), szAside, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    if (!m_fdAside.IsOpen()) {
         return StorageError(PlatErrorFromErrno(errno));
     }
-    if (::fchmod(m_fdAside, st.st_mode & 07777) != 0) {
+    if (::fchmod(m_fdAside.Get(), st.st_mode & 07777) != 0) {
         DropAside();
         return STG_E_ACCESSDENIED;
     }
@@ -164,14 +162,13 @@ HRESULT CStorageFile::OpenAside()
 
 void CStorageFile::DropAside()
 {
-    if (m_fdAside < 0) {
+    if (!m_fdAside.IsOpen()) {
         return;
     }
-    if (PlatIsSameFile(m_fdAside, m_strAside.c_str(), m_fdFolder)) {
-        ::unlinkat(m_fdFolder, m_strAside.c_str(), 0);
+    if (PlatIsSameFile(m_fdAside.Get(), m_strAside.c_str(), m_fdFolder.Get())) {
+        ::unlinkat(m_fdFolder.Get(), m_strAside.c_str(), 0);
     }
-    ::close(m_fdAside);
-    m_fdAside = -1;
+    m_fdAside.Reset();
 }
 
 // Reserves behind the end, for the library counts from where the file ends. A file system that can't
@@ -183,11 +180,12 @@ bool CStorageFile::Allocate(std::uint64_t cb)
     }
     int nResult;
     do {
-        nResult = ::fallocate(m_fdAside, FALLOC_FL_KEEP_SIZE, 0, static_cast<off_t>(cb));
+        nResult = ::fallocate(m_fdAside.Get(), FALLOC_FL_KEEP_SIZE, 0, static_cast<off_t>(cb));
     } while (nResult != 0 && errno == EINTR);
     struct statvfs st;
-    bool const fRoom = nResult == 0 || (errno == EOPNOTSUPP && ::fstatvfs(m_fdAside, &st) == 0 &&
-                                        cb <= std::uint64_t{st.f_bavail} * st.f_frsize);
+    bool const fRoom =
+        nResult == 0 || (errno == EOPNOTSUPP && ::fstatvfs(m_fdAside.Get(), &st) == 0 &&
+                         cb <= std::uint64_t{st.f_bavail} * st.f_frsize);
     if (fRoom) {
         m_cbReserved = cb;
     }

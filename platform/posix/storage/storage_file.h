@@ -2,6 +2,7 @@
 
 // The file under a storage, and how a new one takes its place.
 
+#include "platform/posix/descriptor.h"
 #include "platform/posix/files/fileobject.h"
 #include "platform/posix/storage/storage_tree.h"
 #include "platform/storage.h"
@@ -39,8 +40,8 @@ private:
     std::string m_strName;  // in the folder
     std::string m_strAside; // likewise
     COpenedFile m_target;
-    int m_fdFolder = -1;
-    int m_fdAside = -1;
+    CDescriptor m_fdFolder;
+    CDescriptor m_fdAside;
     bool m_fPlaceholder = false; // the target was made by us and nothing is in it yet
     std::uint64_t m_cbReserved = 0;
 };
