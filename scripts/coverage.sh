@@ -18,11 +18,14 @@ mkdir -p build/coverage/report
 quietly "gathering what was counted" gcovr --root . --object-directory build/coverage --exclude-throw-branches \
     --gcov-ignore-parse-errors --exclude 'build/|tests/|fuzz/|bench/|examples/' --json-summary build/coverage/report/summary.json \
     --html-details build/coverage/report/index.html
-python3 - <<'TABLE'
+python3 - "$@" <<'TABLE'
 import json
+import sys
 rooms = {}
 for file in json.load(open("build/coverage/report/summary.json"))["files"]:
     parts = file["filename"].split("/")
+    if sys.argv[1:] and parts[0] not in sys.argv[1:]:
+        continue  # seen by the way
     room = rooms.setdefault("/".join(parts[:-1] if parts[0] == "platform" else parts[:1]), [0, 0, 0, 0])
     for index, what in enumerate(("line_covered", "line_total", "branch_covered", "branch_total")):
         room[index] += file[what]

@@ -22,7 +22,7 @@ listed_file = source / "tests/mutants.equivalent"
 
 # The programs that see a folder's sources, those that are asked first in front.
 tests_of = {
-    "agent": "agent faults capi session",
+    "agent": "agent capi faults",
     "foundation": "foundation evtmgr agent faults",
     "evtmgr": "evtmgr foundation faults",
     "trace": "trace evtmgr faults",
@@ -32,6 +32,7 @@ tests_of = {
     "platform": "platform foundation evtmgr trace dolrtl",
     "session": "session",
     "capi": "capi",
+    "hub": "hub",
     "web": "web",
 }
 
@@ -128,6 +129,7 @@ def draw(rooms, count, rng):
         share = count * (index + 1) // len(rooms) - count * index // len(rooms)
         for file, text, place in rng.sample(places, min(share, len(places))):
             mutants.append(Mutant(room, file, text, place, rng.choice(place[2])))
+    rng.shuffle(mutants)  # who ends it early has seen something of each room
     return mutants
 
 
@@ -182,7 +184,16 @@ def run(test, seconds):
         process.wait()
 
 
-def judge(mutant, seconds_of, jobs):
+def judged(mutant, seconds_of, jobs):
+    original = (tree / mutant.file).read_text()
+    (tree / mutant.file).write_text(mutant.text)
+    try:
+        return first_to_notice(mutant, seconds_of, jobs)
+    finally:
+        (tree / mutant.file).write_text(original)
+
+
+def first_to_notice(mutant, seconds_of, jobs):
     for test in tests_of[room_of(mutant.file)].split():
         if not compiles(test, jobs):
             return "does not compile"
@@ -209,9 +220,12 @@ def measure(rooms, jobs):
 
 
 def listed():
-    """Those that nobody can notice: a file's name, "- line", "+ line", then the reason; blank lines between."""
-    entries = re.split(r"\n\s*\n", re.sub(r"(?m)^#.*\n", "", listed_file.read_text()).strip())
-    return {"\n".join(entry.split("\n")[:3]) for entry in entries}
+    """Those that nobody can notice: a file's name, "- line", "+ line" for each change, the reason; a blank line."""
+    known = set()
+    for entry in re.split(r"\n\s*\n", listed_file.read_text()):
+        lines = [line for line in entry.split("\n") if not line.startswith("#")]
+        known.update("\n".join([*lines[:2], line]) for line in lines[2:] if line.startswith("+ "))
+    return known
 
 
 def show(results, rooms):
@@ -250,23 +264,20 @@ def main():
         for mutant in mutants:
             print(f"\n{mutant.file}:{mutant.line}\n- {mutant.old}\n+ {mutant.new}")
         return
+    for number in (signal.SIGINT, signal.SIGTERM):
+        signal.signal(number, signal.default_int_handler)  # both show the table of what has been done
     copy_tree()
     configure()
     seconds_of, known, results = measure(rooms, wanted.jobs), listed(), []
-    for mutant in mutants:
-        start = time.monotonic()
-        if mutant.name() in known:
-            result = "listed"
-        else:
-            original = (tree / mutant.file).read_text()
-            (tree / mutant.file).write_text(mutant.text)
-            try:
-                result = judge(mutant, seconds_of, wanted.jobs)
-            finally:
-                (tree / mutant.file).write_text(original)
-        results.append((mutant, result))
-        print(f"{len(results):4}/{len(mutants)} {time.monotonic() - start:4.0f} s  {mutant.file}:{mutant.line}  {result}",
-              flush=True)
+    try:
+        for mutant in mutants:
+            start = time.monotonic()
+            result = "listed" if mutant.name() in known else judged(mutant, seconds_of, wanted.jobs)
+            results.append((mutant, result))
+            print(f"{len(results):4}/{len(mutants)} {time.monotonic() - start:4.0f} s  {mutant.file}:{mutant.line}  "
+                  f"{result}", flush=True)
+    except KeyboardInterrupt:
+        print("mutants: ended early")
     show(results, rooms)
 
 

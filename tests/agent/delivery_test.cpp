@@ -71,6 +71,9 @@ TEST_F(AgentTest, WhatTheQueueDoesNotTakeIsReleased)
 {
     Connect(0);
     DWORD const cMemory = g_cMemory;
+    CNode none;
+    none.m_pData = nullptr; // no message is no call
+    EXPECT_EQ(m_probe.pCallbackQThread.load()->ProcessEntry(&none, nullptr, 0), 0u);
     m_probe.pCallbackQThread.load()->Stop();
     Post(m_probe, 4, 0);
     EXPECT_EQ(g_cMemory, cMemory);

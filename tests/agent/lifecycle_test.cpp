@@ -17,6 +17,7 @@ TEST_F(AgentTest, WithoutALinkEveryOperationGivesTheState)
                           m_agent.InitiateSrvQDiscovery(&dw, nullptr)}),
                   Counts(7, dwState));
         EXPECT_EQ(dw, 77u);
+        EXPECT_EQ(CNotifyAgent(m_agent).ReadTraps(), dwState) << "a copy knows it too";
         EXPECT_EQ(m_script.Take(), Lines{});
         m_script.m_strDeviceId.assign(260, 'A'); // another line's; fills the buffer, with no end
         m_script.Fail("Init", 5);

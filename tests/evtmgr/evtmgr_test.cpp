@@ -14,13 +14,15 @@ void Site(LONG nLevel, char const *psz)
 
 TEST_F(CEvtMgrTest, VisitsAndReports)
 {
-    Install(m_strOn);
+    CGFileEvtHandler *const pHandler = Install(m_strOn);
     CGEvtMgr *pMgr = g_pEvtMgr;
     EXPECT_EQ(pMgr->ForEachNode(eEO_WRITE_FULL, nullptr), 0); // no record: stops at once
     EXPECT_EQ(pMgr->ForEachNode(eEO_REMOVE + 1, nullptr), 1);
     SetLastError(0xdeadbeef);
     EXPECT_EQ(pMgr->Report(8, 0, 1, "%s %d%%", "full", 5), 0u);
+    pHandler->m_Level = 0; // the level of what has none
     EXPECT_EQ(pMgr->ReportBase(8, "base %c", 'x'), 0u);
+    pHandler->m_Level = 1;
     Site(1, std::string(5000, 'y').c_str());
     for (DWORD cb : {0u, 17u, 9u}) {
         pMgr->DumpRawData(8, 0, 1, "\x07\x01\x00\x0e%BCDEFGHIJK\xffz", cb);

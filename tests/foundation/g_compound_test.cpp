@@ -1,4 +1,5 @@
 #include "foundation/g_compound.h"
+#include "tests/evtmgr/evtmgr_fixture.h"
 #include "tests/support/alloc_fault.h"
 #include "tests/support/guards.h"
 
@@ -52,8 +53,10 @@ protected:
 
 TEST_F(CCompoundTest, WhatWasWrittenIsThereAgain)
 {
+    auto const folder = std::filesystem::current_path();
     if (kIsPosix) {
-        m_strName += "\xC3\xBC\xFF"; // bytes that need not be text in the locale
+        std::filesystem::current_path(m_dir.File(""));
+        m_strName = "\xC3\xBC\xFF.cfb"; // bytes that need not be text in the locale
     }
     std::string const strContents(5000, 'x');
     EXPECT_EQ(Open(), eGE_OK);
@@ -74,10 +77,15 @@ TEST_F(CCompoundTest, WhatWasWrittenIsThereAgain)
     EXPECT_EQ(m_file.CompoundClose(), eGE_OK);
     EXPECT_EQ(Open(), eGE_OK); // in the place of the old one
     EXPECT_EQ(Reopen(), "");
+    std::filesystem::current_path(folder);
 }
 
 TEST_F(CCompoundTest, RefusalsLeaveTheObjectClosedOrAsItWas)
 {
+    DWORD cb = 99;
+    EXPECT_EQ(m_file.CompoundWriteData(nullptr, 1, &cb), eGE_NULL_ARGUMENT);
+    EXPECT_EQ(m_file.CompoundWriteData("x", 1, nullptr), eGE_NULL_ARGUMENT);
+    EXPECT_EQ(m_file.CompoundOpen(nullptr), eGE_FILE_OPEN);
     EXPECT_EQ(OpenExisting(), eGE_FILE_OPEN);
     EXPECT_EQ(m_file.CompoundOpen(m_dir.File("none/file").c_str()), eGE_FILE_OPEN);
     EXPECT_EQ(Write("x"), eGE_FILE_NOT_OPEN);
@@ -89,6 +97,26 @@ TEST_F(CCompoundTest, RefusalsLeaveTheObjectClosedOrAsItWas)
     EXPECT_EQ(OpenExisting(), eGE_FILE_ALREADY_OPEN);
     EXPECT_FALSE(std::filesystem::exists(m_dir.File("other")));
     EXPECT_EQ(Write("abc"), eGE_OK);
+}
+
+TEST_F(CEvtMgrTest, FailuresOfACompoundFileAreReported)
+{
+    Install(m_strOn);
+    CGCompoundFile file;
+    DWORD cb = 0;
+    file.CompoundOpenExisting(m_dir.File("none").c_str());
+    file.CompoundOpen(m_dir.File("none/file").c_str());
+    file.CompoundWriteData("x", 1, &cb);
+    file.CompoundWriteId(kClsid);
+    file.CompoundWriteInfo(L"A type");
+    file.CompoundClose();
+    std::string const strLog = ReadLog();
+    for (char const *psz : {"OpenExisting: StgOpenStorage hr = 0x8003",
+                            "Open: StgCreateDocfile hr = 0x8003", "WriteData: m_pStream is NULL",
+                            "WriteId: m_pStorage is NULL", "WriteInfo: m_pStorage is NULL",
+                            "Close: m_pStream is NOT open", "Close: m_pStorage is NOT open"}) {
+        EXPECT_NE(strLog.find("CGCompoundFile::Compound" + std::string(psz)), strLog.npos) << psz;
+    }
 }
 
 TEST_F(CCompoundTest, WhatCannotBeBroughtToTheDiskIsToldByTheClose)

@@ -18,6 +18,7 @@ TEST(GMutexAndGEvent, Named_AreSharedByNameAndClosedOnceByVariable)
     std::string strPath = "C:\\Logs\\\\QOMA\\" + std::to_string(std::random_device{}());
     std::string const strName = "c:/logs//qoma/" + strPath.substr(14);
     char const *const pszName = strName.c_str();
+    DWORD const cHandles = PlatHandleCount();
     HANDLE hFirst = nullptr;
     HANDLE hSecond = nullptr;
     EXPECT_EQ(GMutexOpen(&hFirst, MUTEX_ALL_ACCESS, 0, pszName), eGE_MUTEX_OPEN);
@@ -34,6 +35,7 @@ TEST(GMutexAndGEvent, Named_AreSharedByNameAndClosedOnceByVariable)
     EXPECT_EQ(GEventClose(&hFirst), eGE_OK);
     EXPECT_EQ(GEventClose(&hFirst), eGE_EVENT_CLOSE);
     EXPECT_EQ(GEventClose(&hSecond), eGE_OK);
+    EXPECT_TRUE(!kIsPosix || PlatHandleCount() == cHandles) << "opened twice";
 }
 
 TEST(GReg, EnumeratedKeysAreOpenedByTheirNumber)

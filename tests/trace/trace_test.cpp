@@ -159,6 +159,7 @@ TEST_F(CTraceTest, ViewerIsStartedOnceAndTakesLines)
         EXPECT_TRUE(WaitFor([&] { return Contents(strStarted) == "once\n"; }));
         g_TdMode = 0; // as if the connection had not begun
         TdConnect();
+        std::this_thread::sleep_for(std::chrono::seconds(1)); // as a program takes its time
         pViewer = std::make_unique<CTestViewer>(strTitle);
     });
     TdConnect();
