@@ -131,6 +131,7 @@ std::unique_ptr<CJournal> CJournal::OpenFile(std::string const &strFile, bool bO
                                              std::string *pstrError)
 {
     std::unique_ptr<CJournal> pJournal(new CJournal);
+    std::unique_ptr<CDatabase> pDatabase;
     try {
         if (bOwn) {
             std::error_code ignored; // what is wrong shows when the file is opened
@@ -140,14 +141,16 @@ std::unique_ptr<CJournal> CJournal::OpenFile(std::string const &strFile, bool bO
             pJournal->m_pLock = std::make_unique<CDatabase>(strFile + ".lock", nMake);
             sqlite3_busy_timeout(pJournal->m_pLock->Get(), 0);
             pJournal->m_pLock->Run("BEGIN EXCLUSIVE");
-            pJournal->m_pDatabase = std::make_unique<CDatabase>(strFile, nMake);
+            pDatabase = std::make_unique<CDatabase>(strFile, nMake);
         } else {
-            pJournal->m_pDatabase = std::make_unique<CDatabase>(strFile, SQLITE_OPEN_READWRITE);
+            pDatabase = std::make_unique<CDatabase>(strFile, SQLITE_OPEN_READWRITE);
         }
-        if (bOwn || pJournal->m_pDatabase->Number("PRAGMA application_id") != kApplication) {
-            MakeTables(*pJournal->m_pDatabase);
+        if (bOwn || pDatabase->Number("PRAGMA application_id") != kApplication) {
+            MakeTables(*pDatabase);
         }
-        pJournal->m_nVersion = pJournal->m_pDatabase->Number("PRAGMA data_version");
+        CPlatGuard const lock(pJournal->m_mutex);
+        pJournal->m_nVersion = pDatabase->Number("PRAGMA data_version");
+        pJournal->m_pDatabase = std::move(pDatabase);
         return pJournal;
     } catch (CDatabaseError const &error) {
         bool const bBusy = bOwn && error.Code() == SQLITE_BUSY;
