@@ -346,4 +346,4 @@ class StoryTest(HubTest):
         repeats = {name: sum(collections.Counter(event["id"] for event in got).values()) - len(set(
             event["id"] for event in got)) for name, got in (("broker", received()), ("web", posted), ("program", collected()))}
         print(f"{len(ids)} picks kept, {lost} echoed and lost with the crash, repeats {repeats}")
-        self.assertEqual(0, hub.interrupt())
+        self.assertEqual(0, hub.interrupt(), "\n".join(hub.lines["err"][-100:]))
