@@ -50,6 +50,13 @@ struct Flight {
     std::string strWhy; // it is refused
 };
 
+// What became of handing one to the library.
+struct Published {
+    std::string strId;
+    int nResult = 0;
+    int nMid = 0;
+};
+
 std::string TextOf(int nResult)
 {
     return nResult == MOSQ_ERR_ERRNO ? std::strerror(errno) : mosquitto_strerror(nResult);
@@ -91,6 +98,7 @@ private:
     int Publish(MqttMessage const &message, int *pnMid);
     void PublishWaiting();
     void PublishFlights();
+    void NotePublished(std::vector<Published> const &published);
     void SayFarewell();
     void Pause();
     void Lost(std::string const &strWhy);
@@ -528,25 +536,51 @@ void CMqttLinkImpl::PublishWaiting()
     PublishFlights();
 }
 
+// Never under the lock: the library has locks of its own, and holds them when it tells of an acknowledgment. That
+// comes by this thread, so not before the numbers are known.
 void CMqttLinkImpl::PublishFlights()
 {
-    CPlatGuard const lock(m_mx);
-    for (Flight &flight : m_flights) {
-        if (flight.eState != eSS_WAITING) {
-            continue;
+    std::vector<MqttNamedMessage> waiting;
+    {
+        CPlatGuard const lock(m_mx);
+        for (Flight const &flight : m_flights) {
+            if (flight.eState == eSS_WAITING) {
+                waiting.push_back(flight.what);
+            }
         }
-        // The acknowledgment comes by this thread, so not before the number is known.
-        int const nResult = Publish(flight.what.message, &flight.nMid);
-        // Anything else is the connection's affair: what the library has taken it sends again by itself.
-        bool const bRefused = nResult == MOSQ_ERR_INVAL || nResult == MOSQ_ERR_PAYLOAD_SIZE ||
-                              nResult == MOSQ_ERR_MALFORMED_UTF8 ||
-                              nResult == MOSQ_ERR_OVERSIZE_PACKET;
+    }
+    std::vector<Published> published;
+    for (MqttNamedMessage const &message : waiting) {
+        int nMid = 0;
+        int const nResult = Publish(message.message, &nMid);
         if (nResult == MOSQ_ERR_NOMEM) {
-            return;
+            break;
         }
-        flight.eState = bRefused ? eSS_REFUSED : eSS_SENT;
+        published.push_back({message.strId, nResult, nMid});
+    }
+    NotePublished(published);
+}
+
+void CMqttLinkImpl::NotePublished(std::vector<Published> const &published)
+{
+    CPlatGuard const lock(m_mx);
+    auto itFrom = m_flights.begin(); // both are in one order
+    for (Published const &one : published) {
+        auto const it = std::find_if(itFrom, m_flights.end(), [&](Flight const &flight) {
+            return flight.eState == eSS_WAITING && flight.what.strId == one.strId;
+        });
+        if (it == m_flights.end()) {
+            continue; // nobody waits for it any more
+        }
+        itFrom = it + 1;
+        // Anything else is the connection's affair: what the library has taken it sends again by itself.
+        bool const bRefused =
+            one.nResult == MOSQ_ERR_INVAL || one.nResult == MOSQ_ERR_PAYLOAD_SIZE ||
+            one.nResult == MOSQ_ERR_MALFORMED_UTF8 || one.nResult == MOSQ_ERR_OVERSIZE_PACKET;
+        it->eState = bRefused ? eSS_REFUSED : eSS_SENT;
+        it->nMid = one.nMid;
         if (bRefused) {
-            flight.strWhy = "the message cannot be published: " + TextOf(nResult);
+            it->strWhy = "the message cannot be published: " + TextOf(one.nResult);
             m_cv.notify_all();
         }
     }
