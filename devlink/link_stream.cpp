@@ -145,7 +145,7 @@ CLinkStream::CLinkStream(SOCKET s) : m_socket(s)
     }
 }
 
-int CLinkStream::Connect(LinkAddress const &address, LinkTime deadline)
+int CLinkStream::Open()
 {
     SOCKET const s = ws::socket(AF_INET, SOCK_STREAM, 0);
     if (s == INVALID_SOCKET) {
@@ -155,11 +155,37 @@ int CLinkStream::Connect(LinkAddress const &address, LinkTime deadline)
     if (m_fClosed) { // Close came before there was a socket for it to close
         Close();
     }
+    return 0;
+}
+
+int CLinkStream::Connect(LinkAddress const &address, LinkTime deadline)
+{
+    if (int const nError = Open()) {
+        return nError;
+    }
     sockaddr_in const sa = ToSockAddr(address);
-    if (PlatConnect(s, AsSockAddr(&sa), sizeof sa, MillisecondsUntil(deadline)) != 0) {
+    if (PlatConnect(Socket(), AsSockAddr(&sa), sizeof sa, MillisecondsUntil(deadline)) != 0) {
         return ws::WSAGetLastError();
     }
-    Configure(s);
+    Configure(Socket());
+    return 0;
+}
+
+int CLinkStream::BeginConnect(LinkAddress const &address)
+{
+    if (int const nError = Open()) {
+        return nError;
+    }
+    sockaddr_in const sa = ToSockAddr(address);
+    return PlatConnectBegin(Socket(), AsSockAddr(&sa), sizeof sa) == 0 ? 0 : ws::WSAGetLastError();
+}
+
+int CLinkStream::EndConnect()
+{
+    if (PlatConnectEnd(Socket()) != 0) {
+        return ws::WSAGetLastError();
+    }
+    Configure(Socket());
     return 0;
 }
 
@@ -189,17 +215,25 @@ bool CLinkStream::SendPiece(BYTE const *p, std::size_t cb, LinkTime deadline, st
     return true;
 }
 
-bool CLinkStream::Send(LinkBytes const &frame, LinkTime deadline)
+bool CLinkStream::SendUnclosed(LinkBytes const &frame, LinkTime deadline)
 {
     for (std::size_t nPos = 0; nPos < frame.size();) {
         std::size_t cbSent = 0;
         if (!SendPiece(frame.data() + nPos, frame.size() - nPos, deadline, &cbSent)) {
-            Close();
             return false;
         }
         nPos += cbSent;
     }
     return true;
+}
+
+bool CLinkStream::Send(LinkBytes const &frame, LinkTime deadline)
+{
+    bool const fSent = SendUnclosed(frame, deadline);
+    if (!fSent) {
+        Close();
+    }
+    return fSent;
 }
 
 int CLinkStream::SendSome(BYTE const *p, std::size_t cb)

@@ -98,10 +98,18 @@ public:
 
     /// Connects. 0, or the socket library's error (WSAETIMEDOUT when the time was up).
     int Connect(LinkAddress const &address, LinkTime deadline);
+    /// @{
+    /// The same for an owner who waits for the socket itself: begins, and once the socket can be written or shows
+    /// something to read, EndConnect is WSAEWOULDBLOCK while the attempt goes on, else as Connect.
+    int BeginConnect(LinkAddress const &address);
+    int EndConnect();
+    /// @}
 
     /// Sends the frame whole. False when it could not be sent by then or the connection broke; part of
     /// it may be under way, so the stream is of no further use and has been closed.
     bool Send(LinkBytes const &frame, LinkTime deadline);
+    /// The same, but leaves a stream that is of no further use to its owner to be closed.
+    bool SendUnclosed(LinkBytes const &frame, LinkTime deadline);
 
     /// Waits for one whole frame. After anything but eRX_FRAME and eRX_TIMEOUT the stream is of no use.
     LinkReceive Receive(LinkFrame *pFrame, LinkTime deadline);
@@ -124,6 +132,7 @@ public:
     LinkAddress Peer() const; ///< zeroes when not connected
 
 private:
+    int Open();
     bool SendPiece(BYTE const *p, std::size_t cb, LinkTime deadline, std::size_t *pcbSent);
 
     std::atomic<bool> m_fClosed{false};

@@ -11,8 +11,11 @@
 ///
 /// Threads. Every operation but the constructor and the destructor may be called by any number of
 /// threads at once, from inside the callback too. Requests of several threads are answered in any
-/// order. The callback runs on one thread that the object owns, one call at a time; it never runs
-/// inside an operation, not before the constructor has returned, and not before Init was called.
+/// order. The callback runs on a thread of the module's, not always the same, one call at a time; it never
+/// runs inside an operation, not before the constructor has returned, and not before Init was called. The
+/// objects of a process share those threads, of which there are as many as callbacks need that block: one
+/// waits for all links, a few call back. The first Init starts them, the last destructor ends them. A process
+/// that was forked cannot use, and must not delete, its parent's objects; it may make its own.
 ///
 /// Time. Every operation ends with a code within 5 seconds, whatever the device does: garbage, an
 /// answer that comes late, or none. An answer that comes after its request was given up is dropped.

@@ -1,9 +1,10 @@
 #include "dolrtl/link_pauses.h"
 
+#include "platform/lock.h"
+
 #include <algorithm>
 #include <chrono>
 #include <map>
-#include <mutex>
 #include <new>
 
 namespace {
@@ -20,14 +21,18 @@ struct LastPause {
     Clock::time_point at;
 };
 
-std::mutex g_mx; // a leaf; guards g_pauses
-std::map<LinkPauseKey, LastPause> g_pauses;
+CPlatMutex g_mx; // a leaf
+std::map<LinkPauseKey, LastPause> g_pauses PLAT_GUARDED_BY(g_mx);
+Clock::time_point g_swept PLAT_GUARDED_BY(g_mx); // when the old ones were thrown away
 
-// With the lock held: the pause is the client's last one.
-DWORD Keep(LinkPauseKey const &key, DWORD dwMilliseconds)
+// The pause is the client's last one.
+DWORD Keep(LinkPauseKey const &key, DWORD dwMilliseconds) PLAT_REQUIRES(g_mx)
 {
     auto const now = Clock::now();
-    std::erase_if(g_pauses, [&](auto const &pause) { return now - pause.second.at > kMemory; });
+    if (now - g_swept > kMemory) { // not each time: thousands of links may break at once
+        g_swept = now;
+        std::erase_if(g_pauses, [&](auto const &pause) { return now - pause.second.at > kMemory; });
+    }
     try {
         g_pauses.insert_or_assign(key, LastPause{dwMilliseconds, now});
     } catch (std::bad_alloc const &) {
@@ -45,7 +50,7 @@ DWORD Longer(DWORD dwMilliseconds)
 
 DWORD FirstLinkPause(LinkPauseKey const &key, bool fGood) noexcept
 {
-    std::lock_guard const lock(g_mx);
+    CPlatGuard const lock(g_mx);
     auto const it = g_pauses.find(key);
     bool const fGrow = !fGood && it != g_pauses.end() && Clock::now() - it->second.at <= kMemory;
     return Keep(key, fGrow ? Longer(it->second.dwMilliseconds) : kShortestMs);
@@ -53,6 +58,6 @@ DWORD FirstLinkPause(LinkPauseKey const &key, bool fGood) noexcept
 
 DWORD NextLinkPause(LinkPauseKey const &key, DWORD dwMilliseconds) noexcept
 {
-    std::lock_guard const lock(g_mx);
+    CPlatGuard const lock(g_mx);
     return Keep(key, Longer(dwMilliseconds));
 }

@@ -227,6 +227,15 @@ inline DWORD ntohl(DWORD n)
 /// only.
 int PlatConnect(SOCKET s, sockaddr const *pAddress, int cbAddress, DWORD dwMilliseconds);
 
+/// @{
+/// The same in two steps, for who waits for many sockets. The first begins, and gives 0 when the attempt is on its
+/// way or done already; s joins a set after it, and once it can be written, or shows something to read, the second
+/// tells: 0 when s is connected, and blocks from here on, or SOCKET_ERROR with WSAGetLastError: WSAEWOULDBLOCK
+/// while the attempt goes on, else as PlatConnect.
+int PlatConnectBegin(SOCKET s, sockaddr const *pAddress, int cbAddress);
+int PlatConnectEnd(SOCKET s);
+/// @}
+
 /// Waits until s can be read (a datagram, bytes, the end of the stream, or a connection to accept)
 /// or, with bWrite, until it can be written. dwMilliseconds: 0 only asks, INFINITE has no limit. 1
 /// when it can (also when the next call would fail at once), 0 when the time was up, SOCKET_ERROR

@@ -37,11 +37,12 @@ int SelectOnce(SOCKET s, bool bWrite, DWORD dwMilliseconds)
     return n > 0 ? 1 : n;
 }
 
-int AwaitConnection(SOCKET s, DWORD dwMilliseconds)
+// The time is up with nTimeout.
+int AwaitConnection(SOCKET s, DWORD dwMilliseconds, int nTimeout)
 {
     int const nReady = PlatSocketWait(s, /*bWrite=*/true, dwMilliseconds);
     if (nReady <= 0) {
-        return nReady < 0 ? SOCKET_ERROR : Fail(WSAETIMEDOUT);
+        return nReady < 0 ? SOCKET_ERROR : Fail(nTimeout);
     }
     int nError = 0;
     int cb = sizeof(nError);
@@ -155,11 +156,24 @@ int PlatConnect(SOCKET s, sockaddr const *pAddress, int cbAddress, DWORD dwMilli
     }
     int nResult = connect(s, pAddress, cbAddress);
     if (nResult != 0 && WSAGetLastError() == WSAEWOULDBLOCK) {
-        nResult = AwaitConnection(s, dwMilliseconds);
+        nResult = AwaitConnection(s, dwMilliseconds, WSAETIMEDOUT);
     }
     int const nError = nResult != 0 ? WSAGetLastError() : 0;
     (void)SetBlocking(s, true); // fails only for a socket that was closed meanwhile
     return nResult != 0 ? Fail(nError) : 0;
+}
+
+int PlatConnectBegin(SOCKET s, sockaddr const *pAddress, int cbAddress)
+{
+    bool const bBegun = SetBlocking(s, false) == 0 && (connect(s, pAddress, cbAddress) == 0 ||
+                                                       WSAGetLastError() == WSAEWOULDBLOCK);
+    return bBegun ? 0 : SOCKET_ERROR;
+}
+
+int PlatConnectEnd(SOCKET s)
+{
+    return AwaitConnection(s, 0, WSAEWOULDBLOCK) == 0 && SetBlocking(s, true) == 0 ? 0
+                                                                                   : SOCKET_ERROR;
 }
 
 int PlatSocketWait(SOCKET s, bool bWrite, DWORD dwMilliseconds)

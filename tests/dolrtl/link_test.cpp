@@ -3,10 +3,12 @@
 #include "device/soft_device.h"
 #include "devlink/link_protocol.h"
 #include "devlink/link_stream.h"
+#include "platform/probe.h"
 #include "tests/dolrtl/dolrtl_fixture.h"
 
 #include <atomic>
 #include <chrono>
+#include <list>
 #include <thread>
 
 using std::chrono::steady_clock;
@@ -271,4 +273,57 @@ TEST_F(Link, TheDestructorWaitsForACallback)
     client.dol.reset();
     EXPECT_TRUE(fLeft);
     thread.join();
+}
+
+// However many wait inside their callbacks, as a restart does for its device.
+TEST_F(Link, CallbacksThatBlockHoldUpNobodyElse)
+{
+    constexpr int kcBlocked = 40;
+    std::atomic<int> cInside{0};
+    std::atomic<bool> fGo{false};
+    CTestClient(dwPort).dol.reset(); // the system makes some threads once, for the first who asks
+    DWORD const cThreads = PlatThreadCount();
+    std::list<CTestClient> clients;
+    for (int i = 0; i <= kcBlocked; ++i) {
+        CTestClient &client = clients.emplace_back();
+        if (i < kcBlocked) {
+            client.onEvent = [&](DWORD) {
+                ++cInside;
+                WaitFor([&] { return fGo.load(); });
+            };
+        }
+        ASSERT_EQ(client.InitLocal(dwPort), eDR_OK);
+        ASSERT_EQ(client.Trap(g_feeder, 3), eDR_OK);
+    }
+    EXPECT_LE(PlatThreadCount(), cThreads + 2) << "they share theirs";
+    device->SetFeeder(true);
+    EXPECT_TRUE(WaitFor([&] { return cInside == kcBlocked; }));
+    EXPECT_TRUE(clients.back().WaitForEvent(eDE_TRAP_PENDING));
+    EXPECT_EQ(clients.front().SetWord(g_button, 1), eDR_OK);
+    fGo = true;
+    EXPECT_TRUE(WaitFor([&] { return PlatThreadCount() <= cThreads + 2; }))
+        << PlatThreadCount() << " threads, more are not kept, before " << cThreads;
+    clients.clear();
+    EXPECT_TRUE(WaitFor([&] { return PlatThreadCount() <= cThreads; }))
+        << PlatThreadCount() << ", before " << cThreads;
+}
+
+TEST_F(Link, TheLastObjectMayBeDeletedInItsCallback)
+{
+    DWORD const cThreads = PlatThreadCount();
+    for (int i = 0; i < 20; ++i) {
+        CTestClient client;
+        std::atomic<bool> fGone{false};
+        client.onEvent = [&](DWORD) {
+            client.dol.reset();
+            fGone = true;
+        };
+        ASSERT_EQ(client.InitLocal(dwPort), eDR_OK);
+        ASSERT_EQ(client.Trap(g_feeder, 3), eDR_OK);
+        device->SetFeeder(i % 2 == 0);
+        ASSERT_TRUE(WaitFor([&] { return fGone.load(); }));
+        ASSERT_TRUE(client.WaitForEvent(eDE_TRAP_PENDING)) << "its last word here";
+    }
+    EXPECT_TRUE(WaitFor([&] { return PlatThreadCount() <= cThreads; }))
+        << PlatThreadCount() << ", before " << cThreads;
 }

@@ -283,6 +283,24 @@ int PlatConnect(SOCKET s, sockaddr const *pAddress, int cbAddress, DWORD dwMilli
     return nResult;
 }
 
+int PlatConnectBegin(SOCKET s, sockaddr const *pAddress, int cbAddress)
+{
+    CSocketUse const use(s);
+    return use && SocketIsAddress(pAddress, cbAddress) ? SocketConnectBegin(*use, pAddress)
+                                                       : SOCKET_ERROR;
+}
+
+int PlatConnectEnd(SOCKET s)
+{
+    CSocketUse const use(s);
+    if (!use || SocketConnectEnd(*use) != 0) {
+        return SOCKET_ERROR;
+    }
+    use->bBound = true;
+    use->eState = ESocketLink::eCONNECTED;
+    return 0;
+}
+
 int PlatSocketWait(SOCKET s, bool bWrite, DWORD dwMilliseconds)
 {
     CSocketUse const use(s);

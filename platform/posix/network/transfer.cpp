@@ -95,6 +95,15 @@ void SetBlocking(CSocketSlot const &socket, bool bBlocking)
     ::fcntl(socket.fd, F_SETFL, bBlocking ? nFlags & ~O_NONBLOCK : nFlags | O_NONBLOCK);
 }
 
+// How an attempt has ended.
+int ConnectionError(CSocketSlot const &socket)
+{
+    int nError = 0;
+    socklen_t cb = sizeof(nError);
+    ::getsockopt(socket.fd, SOL_SOCKET, SO_ERROR, &nError, &cb);
+    return nError != 0 ? SocketFailAs(socket, nError) : 0;
+}
+
 // The attempt is on its way: waits for its end. A close that came before the attempt has shut down
 // nothing, so its mark is looked at here, after the start; one that comes later ends the wait.
 int AwaitConnection(CSocketSlot const &socket, CSocketDeadline const &deadline)
@@ -106,10 +115,7 @@ int AwaitConnection(CSocketSlot const &socket, CSocketDeadline const &deadline)
     if (nReady <= 0) {
         return nReady < 0 ? SOCKET_ERROR : SocketFail(WSAETIMEDOUT);
     }
-    int nError = 0;
-    socklen_t cb = sizeof(nError);
-    ::getsockopt(socket.fd, SOL_SOCKET, SO_ERROR, &nError, &cb);
-    return nError != 0 ? SocketFailAs(socket, nError) : 0;
+    return ConnectionError(socket);
 }
 
 } // namespace
@@ -219,6 +225,26 @@ int SocketConnect(CSocketSlot const &socket, sockaddr const *pAddress, DWORD dwM
         nResult =
             errno == EINPROGRESS ? AwaitConnection(socket, deadline) : SocketFailAs(socket, errno);
     }
+    SetBlocking(socket, true);
+    return nResult;
+}
+
+int SocketConnectBegin(CSocketSlot const &socket, sockaddr const *pAddress)
+{
+    SetBlocking(socket, false);
+    if (::connect(socket.fd, pAddress, sizeof(sockaddr_in)) != 0 && errno != EINPROGRESS) {
+        return SocketFailAs(socket, errno);
+    }
+    return socket.IsClosing() ? SocketFail(WSAEINTR) : 0; // as in AwaitConnection
+}
+
+int SocketConnectEnd(CSocketSlot const &socket)
+{
+    int const nReady = SocketPollUntil(socket, POLLOUT, CSocketDeadline(0));
+    if (nReady <= 0) {
+        return nReady < 0 ? SOCKET_ERROR : SocketFail(WSAEWOULDBLOCK);
+    }
+    int const nResult = ConnectionError(socket);
     SetBlocking(socket, true);
     return nResult;
 }

@@ -58,3 +58,9 @@ int SocketSend(SOCKET s, char const *pBuffer, int cbBuffer, int nFlags, sockaddr
 
 /// Connects a stream socket, within that time. @return 0, or SOCKET_ERROR with the last error.
 int SocketConnect(CSocketSlot const &socket, sockaddr const *pAddress, DWORD dwMilliseconds);
+
+/// @{
+/// The same in two steps; the second fails with WSAEWOULDBLOCK while the attempt goes on.
+int SocketConnectBegin(CSocketSlot const &socket, sockaddr const *pAddress);
+int SocketConnectEnd(CSocketSlot const &socket);
+/// @}
