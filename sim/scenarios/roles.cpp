@@ -16,6 +16,9 @@ struct RoleType {
 
 constexpr RoleType kRoles[] = {
     {"queue", QueueScenario},
+    {"agents", AgentsScenario},
+    {"device", DeviceRole},
+    {"client", ClientRole},
 };
 
 } // namespace

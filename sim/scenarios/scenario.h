@@ -10,6 +10,9 @@
 /// @{
 /// The roles, by name in roles.cpp.
 void QueueScenario(int nArgument);
+void AgentsScenario(int nArgument);
+void DeviceRole(int nDevice);
+void ClientRole(int nMask);
 /// @}
 
 /// At the end of its scope this process holds no more of the system, of the layer's handles and of the foundation's

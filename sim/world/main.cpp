@@ -47,7 +47,8 @@ struct ScenarioType {
 };
 
 constexpr ScenarioType kScenarios[] = {
-    {"queue", 0.02},
+    {"queue", 0.002},
+    {"agents", 0.1},
 };
 
 struct PlanType {

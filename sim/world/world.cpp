@@ -101,8 +101,12 @@ void CWorld::Run(SimOptions const &options, std::vector<void *> const &modules)
     m_pBoard = std::make_unique<unsigned char[]>(kcbSimBoard);
     m_strFolder = "/dev/shm/simulate-" + std::to_string(REAL(getpid)());
     std::filesystem::create_directory(m_strFolder);
+    MakeFileFolders(m_strFolder);
     if (!options.strTrace.empty()) {
         m_pTrace = std::fopen(options.strTrace.c_str(), "w");
+        if (m_pTrace != nullptr) {
+            std::setvbuf(m_pTrace, nullptr, _IOLBF, 0); // whole, also when the run breaks off
+        }
         if (m_pTrace == nullptr) {
             std::fprintf(stderr, "simulate: cannot write %s\n", options.strTrace.c_str());
             std::_Exit(2);

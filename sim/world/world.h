@@ -158,6 +158,7 @@ public:
     [[noreturn]] void Fail(std::string const &strText);
 
     CSimProcess &Process(int n) { return m_processes[static_cast<std::size_t>(n)]; }
+    int ProcessCount() const { return static_cast<int>(m_processes.size()); }
     std::vector<std::unique_ptr<CSimThread>> const &Threads() const { return m_threads; }
     SimTime Stalled() const { return m_stalled; }
     SimOptions const &Options() const { return m_options; }
@@ -259,6 +260,7 @@ void *RealFunction(char const *pszName);
 /// @{
 /// Of the other files: the end of what belongs to a process; what stands at the address, for memory that several
 /// processes map.
+void MakeFileFolders(std::string const &strFolder);
 void CloseSocketsOf(int nProcess);
 int CountSocketsOf(int nProcess);
 void PassOnMutexes(CSimThread &thread);
