@@ -25,6 +25,7 @@ struct SimTroubles {
     std::uint32_t nSpurious = 0;   ///< waits that end without a reason
     std::uint32_t nRefuse =
         0; ///< allocations, threads, sockets that cannot be had, see SimSetRefusals
+    std::uint32_t nShort = 0;         ///< writes to files that take only a part
     std::uint32_t nDrop = 0;          ///< datagrams that are lost
     std::uint32_t nRepeat = 0;        ///< datagrams that come twice
     std::uint32_t nReorder = 0;       ///< datagrams that come much later than they might
@@ -74,8 +75,8 @@ SIM_API int SimSpawn(int nHost, char const *pszRole, int nArgument);
 SIM_API bool SimIsAlive(int nProcess);
 /// Waits until it does not run any more.
 SIM_API void SimAwaitEnd(int nProcess);
-/// Ends it, wherever its threads are. Not the caller's own.
-SIM_API void SimKill(int nProcess);
+/// Ends it, wherever its threads are, once they have made so many more calls. Not the caller's own.
+SIM_API void SimKill(int nProcess, std::uint32_t cCalls);
 SIM_API SimHoldings SimHeld(int nProcess);
 /// The calling process's number, and its host.
 SIM_API int SimProcess();

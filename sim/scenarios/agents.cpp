@@ -34,6 +34,7 @@ struct BoardType {
     int cAgents;
     int cDevices;
     bool fExclusive; // an agent is connected and disconnected by its own thread only
+    bool fBusy;      // callbacks come often, and do much to other agents
     struct AgentType {
         int nDevice;
         bool fNetwork;
@@ -305,7 +306,7 @@ private:
     void React()
     {
         CSimClient &other = *g_clients[SimBelow(static_cast<std::uint32_t>(g_clients.size()))];
-        switch (SimBelow(8)) {
+        switch (Board().fBusy ? 3 + SimBelow(3) : SimBelow(8)) {
         case 0:
             if (m_agent.Shutdown() == NO_ERROR) {
                 SimFail("Shutdown in the agent's own callback");
@@ -424,7 +425,14 @@ void DeviceRole(int nDevice)
         SimFail("device %d does not start: %s", nDevice, strError.c_str());
     }
     own.cUp = 1;
-    Repeat([&] { DeviceStep(device, own); }, 1000);
+    Repeat(
+        [&] {
+            DeviceStep(device, own);
+            if (Board().fBusy) {
+                device.AnnounceFax();
+            }
+        },
+        Board().fBusy ? 100 : 1000);
     device.SetLate(0);
     device.SetMute(false);
     device.GarbleAnswers(0);
@@ -532,6 +540,7 @@ void AgentsScenario(int)
     board.cAgents =
         SimChoice("agents", 1 + static_cast<int>(SimBelow(SimOneIn(2) ? 3 : kcMostAgents)));
     board.fExclusive = SimOneIn(2);
+    board.fBusy = !board.fExclusive && SimOneIn(2);
     std::vector<int> processes;
     for (int n = 0; n < board.cDevices; ++n) {
         processes.push_back(SimSpawn(HostOfDevice(n), "device", n));

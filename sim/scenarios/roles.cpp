@@ -15,10 +15,9 @@ struct RoleType {
 };
 
 constexpr RoleType kRoles[] = {
-    {"queue", QueueScenario},
-    {"agents", AgentsScenario},
-    {"device", DeviceRole},
-    {"client", ClientRole},
+    {"queue", QueueScenario}, {"agents", AgentsScenario}, {"named", NamedScenario},
+    {"log", LogScenario},     {"namer", NamerRole},       {"logger", LoggerRole},
+    {"device", DeviceRole},   {"client", ClientRole},
 };
 
 } // namespace

@@ -11,6 +11,10 @@
 /// The roles, by name in roles.cpp.
 void QueueScenario(int nArgument);
 void AgentsScenario(int nArgument);
+void NamedScenario(int nArgument);
+void LogScenario(int nArgument);
+void NamerRole(int nArgument);
+void LoggerRole(int nArgument);
 void DeviceRole(int nDevice);
 void ClientRole(int nMask);
 /// @}

@@ -2,6 +2,8 @@
 #include "sim/world/world.h"
 
 #include <cstdlib>
+#include <cstring>
+#include <malloc.h>
 #include <new>
 
 std::uint32_t SimBelow(std::uint32_t n)
@@ -34,6 +36,7 @@ void SimSetTroubles(SimTroubles const &troubles)
     for (auto const &[pszName, pn] : {std::pair{"stall", &rates.nStall},
                                       {"spurious", &rates.nSpurious},
                                       {"refuse", &rates.nRefuse},
+                                      {"short", &rates.nShort},
                                       {"drop", &rates.nDrop},
                                       {"repeat", &rates.nRepeat},
                                       {"reorder", &rates.nReorder},
@@ -73,12 +76,11 @@ void SimAwaitEnd(int nProcess)
     }
 }
 
-void SimKill(int nProcess)
+void SimKill(int nProcess, std::uint32_t cCalls)
 {
     CInWorld const inWorld;
+    g_world.Process(nProcess).cCallsLeft = cCalls + 1;
     g_world.Point("kill");
-    g_world.Trace("killed", static_cast<std::uint64_t>(nProcess));
-    g_world.Kill(nProcess);
 }
 
 SimHoldings SimHeld(int nProcess)
@@ -135,6 +137,15 @@ void *Allocate(std::size_t cb, std::size_t cbAlign) noexcept
                         : std::aligned_alloc(cbAlign, (cb + cbAlign - 1) / cbAlign * cbAlign);
 }
 
+// What is gone must not look as if it were still there.
+void Free(void *pv) noexcept
+{
+    if (pv != nullptr && t_pSimThread != nullptr) {
+        std::memset(pv, 0xDD, malloc_usable_size(pv));
+    }
+    std::free(pv);
+}
+
 void *AllocateOrThrow(std::size_t cb, std::size_t cbAlign)
 {
     void *const pv = Allocate(cb, cbAlign);
@@ -172,33 +183,33 @@ void *operator new[](std::size_t cb, std::nothrow_t const &) noexcept
 }
 void operator delete(void *pv) noexcept
 {
-    std::free(pv);
+    Free(pv);
 }
 void operator delete[](void *pv) noexcept
 {
-    std::free(pv);
+    Free(pv);
 }
 void operator delete(void *pv, std::size_t) noexcept
 {
-    std::free(pv);
+    Free(pv);
 }
 void operator delete[](void *pv, std::size_t) noexcept
 {
-    std::free(pv);
+    Free(pv);
 }
 void operator delete(void *pv, std::align_val_t) noexcept
 {
-    std::free(pv);
+    Free(pv);
 }
 void operator delete[](void *pv, std::align_val_t) noexcept
 {
-    std::free(pv);
+    Free(pv);
 }
 void operator delete(void *pv, std::size_t, std::align_val_t) noexcept
 {
-    std::free(pv);
+    Free(pv);
 }
 void operator delete[](void *pv, std::size_t, std::align_val_t) noexcept
 {
-    std::free(pv);
+    Free(pv);
 }

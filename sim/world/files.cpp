@@ -128,6 +128,11 @@ int flock(int fd, int nOperation) noexcept
 ssize_t pwritev2(int fd, iovec const *pParts, int cParts, off_t nPlace, int fFlags)
 {
     WORLD_CALL(pwritev2, fd, pParts, cParts, nPlace, fFlags);
+    if (cParts == 1 && pParts->iov_len > 1 && g_world.Trouble(g_world.m_rates.nShort)) {
+        iovec const part{pParts->iov_base, 1 + g_world.m_troubles.Below(pParts->iov_len - 1)};
+        return REAL(pwritev2)(fd, &part, 1, nPlace,
+                              fFlags); // the caller is to come back with the rest
+    }
     return REAL(pwritev2)(fd, pParts, cParts, nPlace, fFlags);
 }
 

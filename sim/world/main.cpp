@@ -38,7 +38,7 @@ char const kUsage[] =
     "  --module FILE   the product, instead of the one beside this program\n"
     "  --NAME VALUE    a choice that the scenario would make by itself: agents, devices, kills; or "
     "0 for a\n"
-    "                  trouble that is not to come: stall, spurious, refuse, drop, repeat, "
+    "                  trouble that is not to come: stall, spurious, refuse, short, drop, repeat, "
     "reorder, reset\n";
 
 struct ScenarioType {
@@ -49,6 +49,8 @@ struct ScenarioType {
 constexpr ScenarioType kScenarios[] = {
     {"queue", 0.002},
     {"agents", 0.1},
+    {"named", 0.05},
+    {"log", 0.02},
 };
 
 struct PlanType {
@@ -139,7 +141,7 @@ void Shrink(SimOptions options, std::vector<void *> const &modules, RunResult &r
         options = other;
     };
     for (char const *const pszName :
-         {"stall", "spurious", "refuse", "drop", "repeat", "reorder", "reset", "kills"}) {
+         {"stall", "spurious", "refuse", "short", "drop", "repeat", "reorder", "reset", "kills"}) {
         SimOptions other = options;
         other.choices[pszName] = 0;
         Try(other);

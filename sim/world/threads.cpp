@@ -394,8 +394,13 @@ long syscall(long nNumber, ...) noexcept
     }
     CInWorld const inWorld;
     g_world.Point("futex", __builtin_return_address(0));
-    return Futex(reinterpret_cast<std::uint32_t *>(an[0]), static_cast<int>(an[1]),
-                 static_cast<std::uint32_t>(an[2]), reinterpret_cast<timespec const *>(an[3]));
+    long const nResult =
+        Futex(reinterpret_cast<std::uint32_t *>(an[0]), static_cast<int>(an[1]),
+              static_cast<std::uint32_t>(an[2]), reinterpret_cast<timespec const *>(an[3]));
+    int const nErrno = errno;
+    g_world.Point("futex done"); // whoever was woken may run before the caller goes on
+    errno = nErrno;
+    return nResult;
 }
 
 void *mmap(void *pv, std::size_t cb, int fProtection, int fFlags, int fd, off_t nPlace) noexcept

@@ -199,6 +199,10 @@ void CWorld::Point(char const *pszCall, void *pCaller)
     } else {
         m_qwHash = (m_qwHash ^ static_cast<std::uint64_t>(own.nNumber)) * kHashPrime;
     }
+    CSimProcess &process = Process(own.nProcess);
+    if (process.cCallsLeft > 0 && --process.cCallsLeft == 0) {
+        DieHere(own);
+    }
     if (Trouble(m_rates.nStall)) {
         SimTime const time =
             1 +
@@ -411,6 +415,13 @@ CSimThread *CWorld::FindThread(pthread_t handle)
 
 // ---- Processes
 
+void CWorld::DieHere(CSimThread &own)
+{
+    Trace("killed");
+    Kill(own.nProcess);
+    Dispatch(own, /*fOther=*/true); // for good
+}
+
 void CWorld::EndProcess(int nProcess)
 {
     CSimThread &own = *t_pSimThread;
@@ -419,7 +430,6 @@ void CWorld::EndProcess(int nProcess)
     }
     Trace("process ends", static_cast<std::uint64_t>(nProcess));
     Kill(nProcess);
-    (void)own;
     Dispatch(own, /*fOther=*/true);
 }
 

@@ -95,6 +95,7 @@ struct CSimThread {
 struct CSimProcess {
     int nHost = 0;
     bool fAlive = true;
+    std::uint32_t cCallsLeft = 0; ///< that its threads make before it is killed; 0: it is not
     std::string strRole;
     int nArgument = 0;
     void (*pfnRole)(char const *, int) = nullptr;
@@ -179,6 +180,7 @@ private:
     void HandTo(CSimThread &own, CSimThread &next);
     void RunDue();
     SimTime NextDue() const;
+    void DieHere(CSimThread &own);
     void ChangePriorities(CSimThread &own);
     void CheckWatches();
     [[noreturn]] void EndRun(int nCode);
