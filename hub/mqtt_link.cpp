@@ -369,6 +369,7 @@ void CMqttLinkImpl::Run()
             Serve();
         }
         bool bPause = true;
+        std::string strWhy;
         {
             CPlatGuard const lock(m_mx);
             m_bConnected = false;
@@ -377,8 +378,10 @@ void CMqttLinkImpl::Run()
                 return;
             }
             bPause = !m_bNewWill;
+            strWhy = m_strWhy;
         }
         if (bPause) {
+            m_events.failed(strWhy);
             Pause();
         }
     }

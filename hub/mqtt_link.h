@@ -30,6 +30,7 @@ struct MqttNamedMessage {
 struct MqttLinkEvents {
     using Clock = std::chrono::steady_clock;
     std::function<void()> connected; ///< now, or once more; nothing has been published yet
+    std::function<void(std::string const &)> failed;  ///< a try to connect, or a connection; why
     std::function<void(MqttMessage const &)> message; ///< for one of the subscriptions
     /// After each turn of a connected link; the next comes at the time that is returned, or before it.
     std::function<Clock::time_point()> turn;

@@ -7,6 +7,7 @@
 
 #include <map>
 #include <optional>
+#include <utility>
 
 using std::chrono::milliseconds;
 using Clock = MqttLinkEvents::Clock;
@@ -41,6 +42,7 @@ public:
 private:
     // On the link's thread.
     void OnConnected();
+    void OnFailed(std::string const &strWhy);
     void OnMessage(MqttMessage const &message);
     Clock::time_point OnTurn();
     void TakeSite();
@@ -57,7 +59,8 @@ private:
     CMqttTopics const m_topics;
     HubSinkHost const m_host;
 
-    // The link thread's own: what was heard about the site since the connection began.
+    bool m_bToldOfFailure = false; // the link thread's own
+    // And this, too: what was heard about the site since the connection began.
     std::string m_strSite;                                // its availability
     std::string m_strActive;                              // the hub that hears it
     Clock::time_point m_tpDue = Clock::time_point::max(); // this hub takes the site
@@ -88,7 +91,8 @@ std::optional<MqttMessage> CMqttSinkImpl::Will() const
 
 MqttLinkEvents CMqttSinkImpl::Events()
 {
-    return {[this] { OnConnected(); }, [this](MqttMessage const &message) { OnMessage(message); },
+    return {[this] { OnConnected(); }, [this](std::string const &strWhy) { OnFailed(strWhy); },
+            [this](MqttMessage const &message) { OnMessage(message); },
             [this] { return OnTurn(); }};
 }
 
@@ -163,6 +167,9 @@ void CMqttSinkImpl::ClaimSite()
 
 void CMqttSinkImpl::OnConnected()
 {
+    if (std::exchange(m_bToldOfFailure, false)) {
+        m_host.log(eHL_NOTICE, "connected to " + m_settings.strHost);
+    }
     m_strSite.clear();
     m_strActive.clear();
     m_link.Subscribe(m_topics.Availability());
@@ -173,6 +180,14 @@ void CMqttSinkImpl::OnConnected()
         m_tpDue = Clock::now() + (m_bHears ? kClaimPause : kTakeOver);
     } else {
         ClaimSite();
+    }
+}
+
+// Of a hub that hears the next event tells; one that stands by would be no help and nobody would know.
+void CMqttSinkImpl::OnFailed(std::string const &strWhy)
+{
+    if (m_settings.bStandby && !std::exchange(m_bToldOfFailure, true)) {
+        m_host.log(eHL_WARNING, strWhy + "; trying again");
     }
 }
 

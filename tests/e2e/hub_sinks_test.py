@@ -195,6 +195,9 @@ class BrokerTest(HubTest):
         first = self.hub(device, self.sink(broker), "first")
         subscriber = self.subscriber(broker)
         subscriber.expect("qoma/office/hall/availability online$")
+        # One that cannot stand by says so, though it has no event to lose.
+        strict = Broker(self, "allow_anonymous false")
+        self.hub(device, self.sink(strict, "standby = true\n"), "third").expect("it wants a user", "err")
         second = self.hub(device, self.sink(broker, "standby = true\n"), "second")
         second.expect("ready", "err")
         self.pick(device)
