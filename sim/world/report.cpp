@@ -97,7 +97,7 @@ void CWorld::TellStack(CSimThread const &thread)
 {
     void *apv[kMostFrames];
     int const c = backtrace(apv, kMostFrames);
-    g_stacks.push_back({&thread, {apv, apv + c}});
+    g_stacks.push_back({&thread, std::vector<void *>(apv, apv + c)});
     if (&thread != t_pSimThread || thread.fTellStack) {
         g_told.store(1, std::memory_order_release);
         REAL(syscall)(SYS_futex, &g_told, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
