@@ -13,6 +13,7 @@ import re
 import select
 import shlex
 import shutil
+import signal
 import socket
 import statistics
 import subprocess
@@ -62,7 +63,7 @@ class Office:
     def start(self, *command, **options):
         options.setdefault("stdout", subprocess.DEVNULL)
         process = subprocess.Popen([str(part) for part in command], stdin=subprocess.PIPE,
-                                   stderr=subprocess.DEVNULL, **options)
+                                   stderr=subprocess.DEVNULL, start_new_session=True, **options)
         self.started.append(process)
         return process
 
@@ -80,7 +81,7 @@ class Office:
 
     def end(self):
         for process in reversed(self.started):
-            process.kill()
+            os.killpg(process.pid, signal.SIGKILL)  # a pipe is more than its shell
             process.wait()
 
 
