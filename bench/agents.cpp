@@ -20,7 +20,7 @@
 
 namespace {
 
-constexpr int kcDevices = 4; // one takes 512 links
+constexpr int kcDevices = 24; // one takes 512 links
 
 struct Usage {
     long nMemoryKb = 0, cThreads = 0, cDescriptors = 0;
@@ -57,9 +57,18 @@ double Milliseconds(Work fnWork)
 // Runs in a child: the devices, for as long as the parent holds the pipe's other end.
 [[noreturn]] void RunDevices(int fdPorts, int fdEnd)
 {
+    PlatRaiseSocketLimit();
+    auto const pLoop = std::make_shared<CDeviceLoop>();
     std::vector<std::unique_ptr<CSoftDevice>> devices;
+    std::string strLoopError;
+    if (!pLoop->Start(&strLoopError)) {
+        std::fprintf(stderr, "bench_agents: %s\n", strLoopError.c_str());
+        std::_Exit(1);
+    }
     for (int n = 0; n < kcDevices; ++n) {
-        devices.push_back(std::make_unique<CSoftDevice>());
+        SoftDeviceConfig config;
+        config.pLoop = pLoop;
+        devices.push_back(std::make_unique<CSoftDevice>(config));
         std::string strError;
         if (!devices.back()->Start(&strError)) {
             std::fprintf(stderr, "bench_agents: %s\n", strError.c_str());

@@ -24,7 +24,7 @@ inline constexpr DWORD EVENT_ALL_ACCESS = 0x1F0003u;
 /// - "Global\" and "Local\" both mean this user's processes (two spaces of names).
 /// Last errors: 0 for a new object, ERROR_ALREADY_EXISTS with a handle, and with no handle
 /// ERROR_INVALID_HANDLE (the name belongs to an event), ERROR_PATH_NOT_FOUND (a backslash inside the
-/// name), ERROR_FILENAME_EXCED_RANGE (260 bytes or more), ERROR_NO_SYSTEM_RESOURCES (131,072 handles),
+/// name), ERROR_FILENAME_EXCED_RANGE (260 bytes or more), ERROR_NO_SYSTEM_RESOURCES (262,144 handles),
 /// ERROR_ACCESS_DENIED (this user's directory for shared objects cannot be made or is another's),
 /// ERROR_DISK_FULL (no room for a page, neither in the memory that all users share nor in /tmp).
 ///

@@ -1,6 +1,7 @@
 #include "platform/common/namelookup.h"
 #include "platform/runtime.h"
 #include "platform/socket.h"
+#include "platform/socketset.h"
 #include "tests/support/guards.h"
 
 #include <gtest/gtest.h>
@@ -119,6 +120,28 @@ TEST_F(Sockets, AClosedSocketIsNoOtherOne)
         CSocket const other(SOCK_DGRAM);
         ASSERT_NE(ws::closesocket(stale), 0);
     }
+}
+
+TEST_F(Sockets, AsManyAsTheUserMayHave)
+{
+    PlatRaiseSocketLimit();
+    std::list<CSocket> sockets;
+    std::size_t c = 0;
+    for (; c < 6000; ++c) {
+        SOCKET const s = ws::socket(AF_INET, SOCK_DGRAM, 0);
+        if (s == INVALID_SOCKET) {
+            break; // the user's own limit
+        }
+        ASSERT_EQ(ws::closesocket(s), 0);
+        sockets.emplace_back(SOCK_DGRAM);
+    }
+    sockaddr_in const address = sockets.back().Bind(); // the last one is as good as the first
+    EXPECT_EQ(ws::sendto(sockets.front(), "x", 1, 0, reinterpret_cast<sockaddr const *>(&address),
+                         sizeof address),
+              1);
+    char ch = 0;
+    EXPECT_EQ(ws::recv(sockets.back(), &ch, 1, 0), 1);
+    EXPECT_GT(c, 200u);
 }
 
 TEST_F(Sockets, ADatagramThatFoundNobodyIsNoErrorOfTheNextCall)

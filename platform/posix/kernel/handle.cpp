@@ -10,7 +10,7 @@
 namespace {
 
 // A free slot is not used again before so many others have been, so that a stale handle stays stale
-// for long: 4095 generations of that.
+// for long: 2047 generations of that.
 constexpr std::uint32_t kcMinFree = 64;
 
 constinit CHandleSlot g_aFirstChunk[kcSlotsPerChunk];
@@ -108,7 +108,7 @@ CHandleSlot *SlotOpen(EHandleKind eKind, SlotWord swState, SlotWord cRefs, CHand
     slot.m_pObject = pObject;
     slot.m_fAbandoned = false;
     SlotWord const swOld = slot.m_word.load(std::memory_order_relaxed) & kswGeneration;
-    SlotWord nGeneration = ((swOld >> kcGenerationShift) + 1) & 0xFFF;
+    SlotWord nGeneration = ((swOld >> kcGenerationShift) + 1) & 0x7FF;
     if (nGeneration == 0) { // so that no handle is null
         nGeneration = 1;
     }

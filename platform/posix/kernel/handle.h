@@ -8,7 +8,7 @@
 //
 // A handle is a slot number with the slot's generation, a value of 31 bits that is a multiple of 4: it
 // is never null or INVALID_HANDLE_VALUE, and a handle that was closed is told from the one that has its
-// slot now, until the generation comes round 4095 uses of that slot later (free slots queue up, so
+// slot now, until the generation comes round 2047 uses of that slot later (free slots queue up, so
 // that takes a quarter of a million handles). Slots never move and are never freed, hence index, generation, kind
 // and reference count are looked at and changed in one atomic word, with no lock.
 //

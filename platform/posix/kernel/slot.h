@@ -16,7 +16,7 @@
 ///   bit   25     signalled: an event that is set, a mutex that is free, a thread that has ended
 ///   bit   26     somebody waits; changed under m_lock only
 ///   bits 32..39  kind
-///   bits 40..51  generation
+///   bits 40..50  generation
 using SlotWord = std::uint64_t;
 
 inline constexpr SlotWord kswRefs = 0xFFFFFF;
@@ -26,7 +26,7 @@ inline constexpr SlotWord kswWaiters = SlotWord{1} << 26;
 inline constexpr int kcKindShift = 32;
 inline constexpr int kcGenerationShift = 40;
 inline constexpr SlotWord kswKind = SlotWord{0xFF} << kcKindShift;
-inline constexpr SlotWord kswGeneration = SlotWord{0xFFF} << kcGenerationShift;
+inline constexpr SlotWord kswGeneration = SlotWord{0x7FF} << kcGenerationShift;
 
 inline constexpr SlotWord SlotKindBits(EHandleKind eKind)
 {
@@ -65,7 +65,7 @@ public:
     CWaitNode *m_pLastWaiter PLAT_GUARDED_BY(m_lock) = nullptr;
 };
 
-inline constexpr unsigned kcIndexBits = 17;
+inline constexpr unsigned kcIndexBits = 18;
 inline constexpr unsigned kcIndexShift = 2; ///< as on Windows, handles are multiples of 4
 inline constexpr unsigned kcHandleGenerationShift = kcIndexShift + kcIndexBits;
 inline constexpr std::uint32_t kcSlots = 1u << kcIndexBits;

@@ -72,7 +72,7 @@ int WSAStartup(WORD wVersion, WSADATA *pData)
     *pData = WSADATA{};
     pData->wVersion = bKnown ? wVersion : nMajor == 1 ? WORD{0x0101} : kHighest;
     pData->wHighVersion = kHighest;
-    pData->iMaxSockets = static_cast<unsigned short>(kMaxSockets);
+    pData->iMaxSockets = static_cast<unsigned short>(std::min(kMaxSockets, 65535u));
     SocketsStart();
     return 0;
 }

@@ -6,24 +6,29 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <new>
 #include <unistd.h>
 
 namespace {
 
-constexpr unsigned kIndexBits = 12;
-constexpr unsigned kGenerationBits = 17; // with the two low bits of a SOCKET, all fits in 31 bits
+constexpr unsigned kIndexBits = 16;
+constexpr unsigned kGenerationBits = 13; // with the two low bits of a SOCKET, all fits in 31 bits
 constexpr unsigned kFreeReserve = 64;    // slots that rest before one of them is used again
+constexpr unsigned kChunk = 1024;        // slots that are made at a time
 static_assert(1u << kIndexBits == kMaxSockets);
 
-constinit std::array<CSocketSlot, kMaxSockets> g_sockets{};
+// The first slots cost no allocation; chunks stay once they are there, so that a slot is found without a lock.
+constinit std::array<CSocketSlot, kChunk> g_firstChunk{};
+constinit std::array<std::atomic<CSocketSlot *>, kMaxSockets / kChunk> g_chunks{
+    g_firstChunk.data()};
 constinit std::atomic<DWORD> g_cLive{0};
 constinit std::atomic<int> g_cSocketStarts{0};
 
 // The free slots. A slot that was closed waits behind others, so that a stale SOCKET is told from a new
 // one for as long as possible. Nothing is called under the mutex.
 constinit CPlatMutex g_freeMutex;
-constinit std::array<std::uint16_t, kMaxSockets> g_free PLAT_GUARDED_BY(g_freeMutex){};
 constinit unsigned g_nFirstFree PLAT_GUARDED_BY(g_freeMutex) = 0;
+constinit unsigned g_nLastFree PLAT_GUARDED_BY(g_freeMutex) = 0;
 constinit unsigned g_cFree PLAT_GUARDED_BY(g_freeMutex) = 0;
 constinit unsigned
     g_cTouched PLAT_GUARDED_BY(g_freeMutex) = 0; // slots from here on were never used
@@ -96,26 +101,50 @@ int BrokenPipe(CSocketSlot const &socket)
     }
 }
 
-int TakeFreeIndex()
+// Null for one that was never made.
+CSocketSlot *SlotAt(unsigned nIndex)
 {
-    CPlatGuard const lock(g_freeMutex);
-    if (g_cTouched < kMaxSockets && g_cFree < kFreeReserve) {
-        return static_cast<int>(g_cTouched++);
-    }
-    if (g_cFree == 0) {
-        return -1;
-    }
-    unsigned const nIndex = g_free[g_nFirstFree];
-    g_nFirstFree = (g_nFirstFree + 1) % kMaxSockets;
-    --g_cFree;
-    return static_cast<int>(nIndex);
+    CSocketSlot *const pChunk = g_chunks[nIndex / kChunk].load(std::memory_order_acquire);
+    return pChunk != nullptr ? pChunk + nIndex % kChunk : nullptr;
 }
 
-void GiveFreeIndex(unsigned nIndex)
+CSocketSlot *TakeNewSlot() PLAT_REQUIRES(g_freeMutex)
+{
+    if (g_cTouched == kMaxSockets) {
+        return nullptr;
+    }
+    auto &chunk = g_chunks[g_cTouched / kChunk];
+    if (chunk.load() == nullptr) {
+        auto *const pNew = new (std::nothrow) CSocketSlot[kChunk];
+        if (pNew == nullptr) {
+            return nullptr;
+        }
+        chunk.store(pNew, std::memory_order_release);
+    }
+    CSocketSlot *const pSlot = SlotAt(g_cTouched);
+    pSlot->nIndex = g_cTouched++;
+    return pSlot;
+}
+
+CSocketSlot *TakeFreeSlot()
 {
     CPlatGuard const lock(g_freeMutex);
-    PLAT_CHECK(nIndex < g_cTouched && g_cFree < g_cTouched);
-    g_free[(g_nFirstFree + g_cFree++) % kMaxSockets] = static_cast<std::uint16_t>(nIndex);
+    CSocketSlot *pSlot = g_cFree < kFreeReserve ? TakeNewSlot() : nullptr;
+    if (pSlot == nullptr && g_cFree > 0) {
+        pSlot = SlotAt(g_nFirstFree);
+        g_nFirstFree = pSlot->nNextFree;
+        --g_cFree;
+    }
+    return pSlot;
+}
+
+void GiveFreeSlot(CSocketSlot &slot)
+{
+    CPlatGuard const lock(g_freeMutex);
+    PLAT_CHECK(slot.nIndex < g_cTouched && g_cFree < g_cTouched);
+    (g_cFree == 0 ? g_nFirstFree : SlotAt(g_nLastFree)->nNextFree) = slot.nIndex;
+    g_nLastFree = slot.nIndex;
+    ++g_cFree;
 }
 
 // The slot that s names, if s can name one; its generation comes out for the test under the state word.
@@ -124,7 +153,7 @@ CSocketSlot *SlotOf(SOCKET s, std::uint32_t &dwGeneration)
     std::uint64_t const qw = s;
     dwGeneration = static_cast<std::uint32_t>(qw >> (kIndexBits + 2)) & kGenerationMask;
     bool const bWellFormed = (qw & 3) == 0 && qw >> (kIndexBits + kGenerationBits + 2) == 0;
-    return bWellFormed ? &g_sockets[(qw >> 2) & (kMaxSockets - 1)] : nullptr;
+    return bWellFormed ? SlotAt(static_cast<unsigned>(qw >> 2) & (kMaxSockets - 1)) : nullptr;
 }
 
 } // namespace
@@ -172,13 +201,13 @@ int SocketFailAs(CSocketSlot const &socket, int nErrno)
 
 SOCKET SocketOpenSlot(int fd, int nType, ESocketLink eState)
 {
-    int const nIndex = TakeFreeIndex();
-    if (nIndex < 0) {
+    CSocketSlot *const pSocket = TakeFreeSlot();
+    if (pSocket == nullptr) {
         ::close(fd);
         SocketFail(WSAEMFILE);
         return INVALID_SOCKET;
     }
-    CSocketSlot &socket = g_sockets[static_cast<unsigned>(nIndex)];
+    CSocketSlot &socket = *pSocket;
     PLAT_CHECK((socket.qwState.load() & (kSocketOpen | kSocketUses)) == 0);
     socket.fd = fd;
     socket.nType = nType;
@@ -190,7 +219,7 @@ SOCKET SocketOpenSlot(int fd, int nType, ESocketLink eState)
     dwGeneration += dwGeneration == 0 ? 1 : 0; // a SOCKET is never 0
     g_cLive.fetch_add(1);
     socket.qwState.store(std::uint64_t{dwGeneration} << 32 | kSocketOpen);
-    return MakeSocket(static_cast<unsigned>(nIndex), dwGeneration);
+    return MakeSocket(socket.nIndex, dwGeneration);
 }
 
 CSocketSlot *SocketTakeUse(SOCKET s, std::uint64_t qwMarks, std::uint64_t *pqwBefore)
@@ -223,7 +252,7 @@ void SocketGiveUse(CSocketSlot &socket)
     ::close(socket.fd); // on Linux the number is free whatever it returns, EINTR included
     socket.qwState.store(qwBefore & ~(kSocketOpen | kSocketClosing | kSocketUses));
     g_cLive.fetch_sub(1);
-    GiveFreeIndex(static_cast<unsigned>(&socket - g_sockets.data()));
+    GiveFreeSlot(socket);
 }
 
 DWORD PlatLiveSockets()

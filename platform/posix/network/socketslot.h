@@ -16,7 +16,7 @@
 #include <atomic>
 #include <cstdint>
 
-inline constexpr unsigned kMaxSockets = 4096; ///< open at a time
+inline constexpr unsigned kMaxSockets = 65536; ///< open at a time; the table grows up to that
 
 /// How far a stream socket has come.
 enum class ESocketLink : int { eNEVER, eCONNECTED, eSEND_SHUT };
@@ -37,6 +37,8 @@ struct CSocketSlot {
     std::atomic<ESocketLink> eState{ESocketLink::eNEVER};
     std::atomic<DWORD> dwRecvTimeout{0}; ///< milliseconds, 0 for none
     std::atomic<DWORD> dwSendTimeout{0};
+    std::uint32_t nIndex = 0;    ///< its place; constant once it was used
+    std::uint32_t nNextFree = 0; ///< the one behind it, while it is free; under the table's lock
 
     bool IsStream() const { return nType == SOCK_STREAM; }
     bool IsClosing() const { return (qwState.load() & kSocketClosing) != 0; }
