@@ -40,7 +40,7 @@ tests_of = {
 left_out = re.compile(r"platform/windows/|platform/posix/desktop/")
 no_code = re.compile(r"""//[^\n]*|/\*.*?\*/|"(?:\\.|[^"\\\n])*"|(?<![0-9])'(?:\\.|[^'\\\n])+'|^[ \t]*\#(?:\\\n|[^\n])*""",
                      re.DOTALL | re.MULTILINE)
-unseen = re.compile(r"\b(?:static_assert|PLAT_CHECK|G_REPORT)(?=\()")
+unseen = re.compile(r"\b(?:static_assert|PLAT_CHECK|G_REPORT|__attribute__)(?=\()")
 swaps = {"<": "<= >=", "<=": "< >", ">": ">= <=", ">=": "> <", "==": "!=", "!=": "==", "&&": "||", "||": "&&",
          "+": "-", "-": "+", "*": "/", "/": "*", "%": "*", "&": "|", "|": "&", "<<": ">>", ">>": "<<", "+=": "-=",
          "-=": "+=", "|=": "&=", "&=": "|="}

@@ -48,6 +48,7 @@ TEST_F(AgentTest, InitChoosesTransportAndPortAndPassesTheCodeOn)
         EXPECT_EQ(m_agent.Init(c.pszAddress, c.dwPort, c.bNetwork), kConnected);
         EXPECT_EQ(m_agent.Shutdown(), 0u);
         EXPECT_EQ(m_script.Take(), (Lines{c.strLine, "GetDeviceId", "delete"}));
+        EXPECT_EQ(ws::socket(AF_INET, SOCK_DGRAM, 0), INVALID_SOCKET) << "WSACleanup is missing";
     }
 }
 
@@ -133,8 +134,14 @@ TEST_F(AgentTest, CopiesBorrowAndOnlyTheOwnerEnds)
         CNotifyAgent assigned(nullptr, 0);
         ASSERT_EQ(assigned.Init("b", 1, 0), 0u);
         ASSERT_EQ(source.Init("a", 1, 1), 0u);
+        CNotifyAgentProbe const probe{source};
+        probe.strHostAddress = "10.1.2.3";
         CNotifyAgent copy(source);
-        m_script.Take();
+        DWORD dw = 0;
+        EXPECT_EQ(copy.Add(&dw, eNF_SELECT, "a"), 0u);
+        EXPECT_NE(m_script.Take().back().find("=10.1.2.3:" + std::to_string(probe.wPort) + ";"),
+                  std::string::npos)
+            << "a pick would not be heard";
         assigned = copy;
         EXPECT_EQ(copy.Add(nullptr, eNF_FAX_UPLOAD, nullptr), 0u);
         std::atomic<bool> bAllowed{false}; // until then the first call holds up the second one
@@ -143,9 +150,9 @@ TEST_F(AgentTest, CopiesBorrowAndOnlyTheOwnerEnds)
         m_script.Push(7, "\6");
         EXPECT_EQ(std::make_unique<CNotifyAgent>(copy)->ReadTraps(),
                   0u); // told in the source's name
-        EXPECT_NE(WaitForSingleObject(CNotifyAgentProbe{source}.hMutex, 0), WAIT_FAILED)
+        EXPECT_NE(WaitForSingleObject(probe.hMutex, 0), WAIT_FAILED)
             << "the copy that has gone closed it";
-        ReleaseMutex(CNotifyAgentProbe{source}.hMutex);
+        ReleaseMutex(probe.hMutex);
         bAllowed = true;
         EXPECT_EQ(m_client.Wait(2), Lines(2, "4 0 0 0 [] []"));
         EXPECT_EQ(copy.Shutdown(), 0u);

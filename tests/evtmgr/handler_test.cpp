@@ -62,6 +62,7 @@ TEST_F(CEvtMgrTest, Filter)
         {1, 0, 0, -9, 1, 1, -2, 1}, {1, 0, 0, 0, 0x21, 1, 5, 1}, {1, 1, 1, -4, 1, 0, -3, 0},
         {0, 1, 1, 9, 1, 0, -1, 0},  {0, 1, 1, 9, 0x20, 0, 0, 0}, {2, 1, 1, 9, 1, 0, -2, 0}};
     CGFileEvtHandler *pHandler = Install("");
+    EXPECT_TRUE(pHandler->m_BaseCategoryMask == 0 && pHandler->m_CustomCategoryMask == 0);
     for (Case const &c : cases) {
         pHandler->m_State = c.nState;
         pHandler->m_BaseCategoryMask = c.baseMask;
