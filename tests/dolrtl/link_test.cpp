@@ -310,6 +310,7 @@ TEST_F(Link, CallbacksThatBlockHoldUpNobodyElse)
 
 TEST_F(Link, TheLastObjectMayBeDeletedInItsCallback)
 {
+    CTestClient(dwPort).dol.reset(); // as above
     DWORD const cThreads = PlatThreadCount();
     for (int i = 0; i < 20; ++i) {
         CTestClient client;
