@@ -127,12 +127,15 @@ class EndTest(MonitorTest):
         send(self.address(device), *[f"{number};" for number in range(1300)], echoed=True)
         device.tell("fax")
         (self.shared / "go").touch()
-        dropped = int(client.expect(r"(\d+) events were dropped", "err").group(1))
+        said = int(client.expect(r"(\d+) events were dropped", "err").group(1))
         client.expect("FAX", limit=4 * LIMIT)
+        # An echo goes out before its notification waits, so on a busy machine the last ones come while the hook runs.
+        gone = [thing for thing in client.everything() if thing["kind"] == "dropped"]
         heard = [n["text"] for n in client.all()]
-        self.assertEqual(["0", *(str(number) for number in range(1 + dropped, 1300)), ""], heard)
-        self.assertLessEqual(len(heard), 1001)
-        self.assertEqual([dropped], [thing["count"] for thing in client.everything() if thing["kind"] == "dropped"])
+        numbers = [int(text) for text in heard[:-1]]
+        self.assertEqual((0, said, ""), (numbers[0], gone[0]["count"], heard[-1]))
+        self.assertEqual(sorted(set(numbers)), numbers)
+        self.assertEqual(1300, len(numbers) + sum(thing["count"] for thing in gone))
 
     def test_a_pipe_that_nobody_reads(self):
         device = self.device()
