@@ -112,7 +112,7 @@ TEST_F(CEvtMgrTest, FailuresOfACompoundFileAreReported)
     file.CompoundClose();
     std::string const strLog = ReadLog();
     for (char const *psz : {"OpenExisting: StgOpenStorage hr = 0x8003",
-                            "Open: StgCreateDocfile hr = 0x8003", "WriteData: m_pStream is NULL",
+                            "Open: StgCreateDocfile hr = 0x8", "WriteData: m_pStream is NULL",
                             "WriteId: m_pStorage is NULL", "WriteInfo: m_pStorage is NULL",
                             "Close: m_pStream is NOT open", "Close: m_pStorage is NOT open"}) {
         EXPECT_NE(strLog.find("CGCompoundFile::Compound" + std::string(psz)), strLog.npos) << psz;

@@ -307,7 +307,9 @@ TEST(Named, AHandleAllowsWhatItWasOpenedFor)
         }
         EXPECT_EQ(GetLastError(), c.fWait ? NO_ERROR : DWORD{ERROR_ACCESS_DENIED}) << c.dwAccess;
     }
-    EXPECT_FAILS(OpenEventA(0, FALSE, strName.c_str()), ERROR_ACCESS_DENIED);
+    if (kIsPosix) { // Windows gives a handle that is good for nothing
+        EXPECT_FAILS(OpenEventA(0, FALSE, strName.c_str()), ERROR_ACCESS_DENIED);
+    }
 }
 
 // Whoever closes it, and although its owner lives on.
