@@ -166,7 +166,8 @@ TEST_F(Link, TheOldestOfTooManyTrapsGivesWay)
     }
     device->PressButton();
     // Its answer comes behind the traps, on a slow machine after the time that a request has.
-    ASSERT_TRUE(WaitFor([&] { return client.SetWord(g_button, 2) == eDR_OK; }));
+    ASSERT_TRUE(
+        WaitFor([&] { return client.SetWord(g_button, 2) == eDR_OK; }, std::chrono::seconds(120)));
     int cFeeder = 0;
     int cButton = 0;
     while (auto const value = client.Read()) {
