@@ -245,7 +245,19 @@ void CheckName(toml::node const &node, std::string const &strName)
     }
 }
 
-// ---- Files that the settings name
+// ---- Files
+
+// Nothing when it cannot be read, a folder's name included.
+std::optional<std::string> ReadWhole(std::string const &strPath)
+{
+    try {
+        std::ifstream file(strPath, std::ios::binary);
+        std::string strText(std::istreambuf_iterator<char>(file), {});
+        return file ? std::optional(std::move(strText)) : std::nullopt;
+    } catch (std::ios_base::failure const &) {
+        return std::nullopt;
+    }
+}
 
 std::string PathOf(fs::path const &folder, std::string const &strGiven)
 {
@@ -527,7 +539,7 @@ private:
             return {};
         }
         std::string const strPath = PathOf(m_folder, table.String(pszKey, *pNode));
-        if (!std::ifstream(strPath)) {
+        if (!ReadWhole(strPath)) {
             Refuse(*pNode, "cannot read " + strPath);
         }
         return strPath;
@@ -537,11 +549,11 @@ private:
     std::string Secret(toml::node const &node, std::string const &strGiven)
     {
         std::string const strPath = PathOf(m_folder, strGiven);
-        std::ifstream file(strPath, std::ios::binary);
-        std::string strSecret(std::istreambuf_iterator<char>(file), {});
-        if (!file) {
+        std::optional<std::string> const strRead = ReadWhole(strPath);
+        if (!strRead) {
             Refuse(node, "cannot read " + strPath);
         }
+        std::string strSecret = *strRead;
         while (!strSecret.empty() && (strSecret.back() == '\n' || strSecret.back() == '\r')) {
             strSecret.pop_back();
         }
@@ -617,13 +629,12 @@ std::optional<HubSettings> ReadHubSettings(std::string const &strFile, std::stri
 {
     std::string const strBefore = strFile + ":";
     try {
-        std::ifstream file(strFile, std::ios::binary);
-        std::string const strText(std::istreambuf_iterator<char>(file), {});
-        if (!file) {
+        std::optional<std::string> const strText = ReadWhole(strFile);
+        if (!strText) {
             *pstrError = "cannot read " + strFile;
             return std::nullopt;
         }
-        return CReader(fs::absolute(strFile).parent_path()).Read(toml::parse(strText, strFile));
+        return CReader(fs::absolute(strFile).parent_path()).Read(toml::parse(*strText, strFile));
     } catch (Problem const &problem) {
         *pstrError = strBefore + std::to_string(problem.nLine) + ": " + problem.strWhat;
     } catch (toml::parse_error const &error) {

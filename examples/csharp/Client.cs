@@ -7,6 +7,7 @@ using System.Threading;
 static class Qoma
 {
     public const uint Ok = 0, NoPort = 255, Network = 1, FlagSelect = 1, Forever = 0xFFFFFFFF;
+    public const int KindRecovered = 3;
 
     [StructLayout(LayoutKind.Sequential)]
     public struct Notification
@@ -67,8 +68,7 @@ static class Client
         {
             Qoma.Check(Qoma.qoma_create(IntPtr.Zero, IntPtr.Zero, out agent));
             Qoma.Check(Qoma.qoma_connect(agent, Qoma.Text(address), port, Qoma.Network));
-            uint instance;
-            Qoma.Check(Qoma.qoma_add(agent, Qoma.FlagSelect, Qoma.Text("Paper Archive"), out instance));
+            Qoma.Check(Subscribe(agent));
             var listener = new Thread(() => Listen(agent));
             listener.Start();
             Console.In.ReadLine();
@@ -84,6 +84,12 @@ static class Client
         }
     }
 
+    static uint Subscribe(IntPtr agent)
+    {
+        uint instance;
+        return Qoma.qoma_add(agent, Qoma.FlagSelect, Qoma.Text("Paper Archive"), out instance);
+    }
+
     static void Listen(IntPtr agent)
     {
         var heard = new Qoma.Notification { Size = (uint)Marshal.SizeOf(typeof(Qoma.Notification)) };
@@ -91,6 +97,10 @@ static class Client
         {
             Console.WriteLine("kind {0}: {1}", heard.Kind, Qoma.Text(heard.Option));
             Console.Out.Flush();
+            if (heard.Kind == Qoma.KindRecovered)
+            {
+                Subscribe(agent); // the device has forgotten us; if it goes once more, so we hear of it once more
+            }
         }
     }
 }
