@@ -12,7 +12,7 @@ namespace {
 // A client subscribes to one thing after the other; after such a pause it has done.
 constexpr milliseconds kSubscribed{200};
 
-// Whether the text holds the part, whatever the case.
+// Whether the text holds the other, whatever the case.
 bool Holds(std::string strText, std::string strPart)
 {
     for (std::string *pstr : {&strText, &strPart}) {

@@ -55,7 +55,7 @@ CommandResult Told(std::size_t cClients, char const *pszObject)
                         : Answer({std::string("no client has registered for ") + pszObject});
 }
 
-// The part of an entry's text that its user wrote.
+// What the user wrote of an entry's text.
 std::string OwnText(PanelEntry const &entry)
 {
     return entry.strText.substr(0, entry.strText.find(';'));
